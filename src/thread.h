@@ -1,0 +1,54 @@
+#pragma once
+// The thread layer the library is written against: the operations and
+// result codes of the standard C threads interface, over pthreads. The names
+// live in namespace zel so they never meet the C library's own thrd_* and
+// mtx_* symbols, which may be linked into the same process.
+#include <pthread.h>
+
+namespace zel {
+
+enum {
+  thrd_error = 0,
+  thrd_success = 1,
+  thrd_timedout = 2,
+  thrd_busy = 3,
+  thrd_nomem = 4,
+};
+
+enum { mtx_plain = 0 };
+
+struct thrd_t {
+  pthread_t id;
+  bool valid;
+};
+
+struct mtx_t {
+  pthread_mutex_t native;
+};
+
+using thrd_start_t = int (*)(void*);
+
+// thrd_success; thrd_nomem when the start record cannot be allocated (the
+// handle is not written); thrd_error when the system refuses the thread
+// (the handle is written as invalid).
+int thrd_create(thrd_t* thread, thrd_start_t function, void* argument);
+int thrd_detach(thrd_t thread);
+int thrd_join(thrd_t thread, int* result);
+void thrd_yield();
+
+int mtx_init(mtx_t* mutex, int type);
+int mtx_lock(mtx_t* mutex);
+int mtx_trylock(mtx_t* mutex);
+int mtx_unlock(mtx_t* mutex);
+void mtx_destroy(mtx_t* mutex);
+
+// Test seam: while a hook is installed, thrd_create first asks it; a result
+// other than thrd_success is returned as if the system had refused, and no
+// thread starts. nullptr removes the hook.
+using thrd_create_hook_t = int (*)();
+void thrd_set_create_hook(thrd_create_hook_t hook);
+
+}  // namespace zel
+
+// Message for a thread-layer result code; unknown codes read as success.
+const char* thread_result_message(int code);
