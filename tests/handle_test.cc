@@ -1,0 +1,181 @@
+// Service handle: defaults, copies, proxy texts and URL building for every
+// environment, including overrides of the environment table.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "alloc.h"
+#include "zel_config.h"
+#include "zel_internal.h"
+
+namespace {
+
+char* token() { return nullptr; }
+
+std::vector<std::string> g_lines;
+void capture(const char* line) { g_lines.emplace_back(line); }
+
+class Handle : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_lines.clear();
+    zel_logger_init(capture);
+  }
+  void TearDown() override {
+    zel_logger_init(nullptr);
+    for (uint32_t env = 0; env <= 3; ++env) zel_set_environment_url(env, nullptr);
+  }
+};
+
+std::string url_for(uint32_t environment, uint32_t version, const char* path) {
+  ZEL* handle = zel_init(environment, version, token, nullptr);
+  char buffer[ZEL_URL_SIZE];
+  int n = zel_api_url(handle, buffer, "%s", path);
+  zel_cleanup(handle);
+  EXPECT_EQ(n, static_cast<int>(std::strlen(buffer)));
+  return buffer;
+}
+
+TEST_F(Handle, InitSetsDefaultsAndKeepsArguments) {
+  ZEL* handle = zel_init(3, 2, token, nullptr);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(handle->environment, 3u);
+  EXPECT_EQ(handle->api_version, 2u);
+  EXPECT_EQ(handle->http_pool_size, 8u);
+  EXPECT_EQ(handle->thread_pool_size, 8u);
+  EXPECT_EQ(handle->chunk_size, 5242880u);
+  EXPECT_EQ(handle->max_retries, 5u);
+  EXPECT_EQ(handle->auto_create_bucket, 0u);
+  EXPECT_EQ(handle->timeout_ms, 1800000u);
+  EXPECT_EQ(handle->low_speed_limit, 0u);
+  EXPECT_EQ(handle->low_speed_time, 0u);
+  EXPECT_EQ(handle->ssl_verify_peer, 1u);
+  EXPECT_EQ(handle->max_send_speed, 0);
+  EXPECT_EQ(handle->max_recv_speed, 0);
+  EXPECT_EQ(handle->proxy, nullptr);
+  EXPECT_EQ(handle->get_token, &token);
+  EXPECT_EQ(handle->free_token, nullptr);
+  zel_cleanup(handle);
+  zel_cleanup(nullptr);
+}
+
+TEST_F(Handle, CloneDuplicatesProxyTextsAndSharesTokenFunctions) {
+  ZEL* handle = zel_init(1, 1, token, nullptr);
+  ZEL* bare = zel_clone(handle);
+  EXPECT_EQ(bare->proxy, nullptr);
+  EXPECT_EQ(bare->proxy_username, nullptr);
+  zel_set_proxy_with_credentials(handle, "http://proxy:3128", "user", "secret");
+  handle->chunk_size = 1234;
+  ZEL* copy = zel_clone(handle);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_STREQ(copy->proxy, "http://proxy:3128");
+  EXPECT_NE(copy->proxy, handle->proxy);
+  EXPECT_STREQ(copy->proxy_username, "user");
+  EXPECT_STREQ(copy->proxy_password, "secret");
+  EXPECT_EQ(copy->chunk_size, 1234u);
+  EXPECT_EQ(copy->get_token, handle->get_token);
+  EXPECT_EQ(zel_clone(nullptr), nullptr);
+  zel_cleanup(handle);  // the copy must not depend on the original's texts
+  EXPECT_STREQ(copy->proxy_password, "secret");
+  zel_cleanup(copy);
+  zel_cleanup(bare);
+}
+
+TEST_F(Handle, ProxySettersReplaceAndClear) {
+  ZEL* handle = zel_init(0, 2, token, nullptr);
+  zel_set_proxy_with_credentials(handle, "p1", "u1", "w1");
+  zel_set_proxy(handle, "p2");
+  EXPECT_STREQ(handle->proxy, "p2");
+  EXPECT_EQ(handle->proxy_username, nullptr);
+  EXPECT_EQ(handle->proxy_password, nullptr);
+  zel_set_proxy(handle, nullptr);
+  EXPECT_EQ(handle->proxy, nullptr);
+  zel_set_proxy_with_credentials(handle, nullptr, "u", nullptr);
+  EXPECT_EQ(handle->proxy, nullptr);
+  EXPECT_STREQ(handle->proxy_username, "u");
+  zel_set_low_speed_limit(handle, 100, 7);
+  EXPECT_EQ(handle->low_speed_limit, 100u);
+  EXPECT_EQ(handle->low_speed_time, 7u);
+  zel_set_low_speed_limit(nullptr, 1, 1);
+  zel_set_proxy(nullptr, "x");
+  zel_cleanup(handle);
+}
+
+TEST_F(Handle, EveryEnvironmentHasItsBase) {
+  EXPECT_EQ(url_for(1, 1, "/x"), std::string(ZEL_DEFAULT_URL_DEVELOPMENT) + "/zel/v1/x");
+  EXPECT_EQ(url_for(2, 1, "/x"), std::string(ZEL_DEFAULT_URL_STAGING) + "/zel/v1/x");
+  EXPECT_EQ(url_for(3, 2, "/buckets/b1/details"),
+            std::string(ZEL_DEFAULT_URL_PRODUCTION) + "/zel/v2/buckets/b1/details");
+  // 0 and every unknown value mean the local test endpoint, never an error.
+  for (uint32_t env : {0u, 4u, 99u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(url_for(env, 2, "/b"), "http://localhost:9000/zel/v2/b") << env;
+  }
+  EXPECT_EQ(std::string(ZEL_DEFAULT_URL_PRODUCTION).rfind("https://", 0), 0u);
+}
+
+TEST_F(Handle, EnvironmentOverridesAndRestores) {
+  EXPECT_EQ(zel_set_environment_url(3, "http://127.0.0.1:41234"), 0);
+  EXPECT_EQ(url_for(3, 1, "/a"), "http://127.0.0.1:41234/zel/v1/a");
+  EXPECT_EQ(zel_set_environment_url(7, "https://[::1]:8443"), 0);  // unknown: the local slot
+  EXPECT_EQ(url_for(0, 2, "/a"), "https://[::1]:8443/zel/v2/a");
+  EXPECT_EQ(url_for(12, 2, "/a"), "https://[::1]:8443/zel/v2/a");
+  EXPECT_EQ(url_for(1, 1, "/a"), std::string(ZEL_DEFAULT_URL_DEVELOPMENT) + "/zel/v1/a");
+  const char* malformed[] = {"",           "localhost:9000",       "ftp://host",         "http://",
+                             "http://h/p", "http://h:0",           "http://h:65536",     "http://h:9x",
+                             "http://a b", "http://h:9000/zel/v1", "http://%25s.example"};
+  for (const char* bad : malformed) {
+    EXPECT_EQ(zel_set_environment_url(3, bad), -1) << bad;
+  }
+  EXPECT_EQ(url_for(3, 1, "/a"), "http://127.0.0.1:41234/zel/v1/a");  // unchanged by refusals
+  EXPECT_EQ(zel_set_environment_url(3, nullptr), 0);
+  EXPECT_EQ(url_for(3, 1, "/a"), std::string(ZEL_DEFAULT_URL_PRODUCTION) + "/zel/v1/a");
+}
+
+TEST_F(Handle, LongUrlIsCutButReportsFullLength) {
+  ZEL* handle = zel_init(0, 2, token, nullptr);
+  std::string path(5000, 'k');
+  std::vector<char> buffer(ZEL_URL_SIZE + 16, '#');
+  int n = zel_api_url(handle, buffer.data(), "/%s", path.c_str());
+  std::string base = "http://localhost:9000/zel/v2";
+  EXPECT_EQ(n, static_cast<int>(base.size() + 1 + path.size()));
+  EXPECT_EQ(std::strlen(buffer.data()), static_cast<size_t>(ZEL_URL_SIZE - 1));
+  EXPECT_EQ(buffer[ZEL_URL_SIZE], '#') << "wrote past the 4096-byte buffer";
+
+  char small[16];
+  n = zel_upload_url_bounded(handle, small, sizeof small, "/%s", "abc");
+  EXPECT_EQ(n, static_cast<int>(base.size() + 4));
+  EXPECT_EQ(std::string(small), base.substr(0, 15));
+  zel_cleanup(handle);
+}
+
+TEST_F(Handle, UrlWithoutHandleLogsAndFails) {
+  char buffer[ZEL_URL_SIZE];
+  EXPECT_EQ(zel_download_url(nullptr, buffer, "/x"), -1);
+  ASSERT_EQ(g_lines.size(), 1u);
+  EXPECT_NE(g_lines[0].find(" src\\zel:"), std::string::npos) << g_lines[0];
+  EXPECT_NE(g_lines[0].find(": ZEL handler is not initialized\n"), std::string::npos) << g_lines[0];
+}
+
+TEST_F(Handle, AllocationFailuresAreLogged) {
+  mem_fail_at(1);
+  EXPECT_EQ(zel_init(0, 1, token, nullptr), nullptr);
+  ZEL* handle = zel_init(0, 1, token, nullptr);
+  mem_fail_at(1);
+  EXPECT_EQ(zel_clone(handle), nullptr);
+  zel_set_proxy_with_credentials(handle, "p", "u", "w");
+  mem_fail_at(3);  // record, proxy, then the user name copy fails: that field stays empty
+  ZEL* copy = zel_clone(handle);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_STREQ(copy->proxy, "p");
+  EXPECT_EQ(copy->proxy_username, nullptr);
+  EXPECT_STREQ(copy->proxy_password, "w");
+  zel_cleanup(copy);
+  zel_cleanup(handle);
+  ASSERT_EQ(g_lines.size(), 2u);
+  EXPECT_NE(g_lines[0].find("Cannot allocate memory for the ZEL handler"), std::string::npos);
+  EXPECT_NE(g_lines[1].find("Cannot allocate memory for the ZEL clone"), std::string::npos);
+}
+
+}  // namespace
