@@ -1,0 +1,45 @@
+// Everything one running emulator owns, and its command line.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "auth.h"
+#include "buckets.h"
+#include "faults.h"
+#include "journal.h"
+#include "objects.h"
+#include "sessions.h"
+#include "store.h"
+
+namespace zelsrv {
+
+struct Options {
+  std::string host = "127.0.0.1";
+  int port = 9000;
+  std::string data;  // empty: a fresh temporary directory, removed at exit
+  bool test_api = false;
+  std::string faults_file;
+  size_t threads = 64;  // one per open connection
+  std::vector<std::pair<std::string, std::string>> tokens;
+};
+
+// False with a message (or the usage text) when the command line is wrong.
+bool parse_options(int argc, char **argv, Options &out, std::string &err);
+const char *usage_text();
+
+struct App {
+  explicit App(const Options &o) : opts(o), buckets(store), objects(store), sessions(store, objects) {}
+  Options opts;
+  Store store;
+  Buckets buckets;
+  Objects objects;
+  Sessions sessions;
+  Auth auth;
+  Journal journal;
+  Faults faults;
+};
+
+}  // namespace zelsrv

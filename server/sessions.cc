@@ -1,0 +1,175 @@
+#include "sessions.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "digest.h"
+
+namespace zelsrv {
+
+bool spans_cover(const std::vector<ByteSpan> &ranges, ByteSpan span) {
+  for (const auto &r : ranges)
+    if (r.start <= span.start && span.end <= r.end) return true;
+  return false;
+}
+
+std::vector<ByteSpan> Sessions::load_ranges(int64_t row) {
+  std::vector<ByteSpan> out;
+  Stmt st(store_, "SELECT start, last FROM session_ranges WHERE session = ? ORDER BY start");
+  st.bind(1, row);
+  while (st.row()) {
+    ByteSpan s{static_cast<uint64_t>(st.i64(0)), static_cast<uint64_t>(st.i64(1))};
+    if (!out.empty() && s.start <= out.back().end + 1) {
+      if (s.end > out.back().end) out.back().end = s.end;
+    } else {
+      out.push_back(s);
+    }
+  }
+  return out;
+}
+
+bool Sessions::read(const char *where, const std::string &a, const std::string &b, const std::string &c,
+                    Session &out) {
+  std::string sql = std::string("SELECT id, bucket, key, session, total, content_type, complete FROM sessions ") + where;
+  Stmt st(store_, sql.c_str());
+  if (!st.bind(1, a).bind(2, b).bind(3, c).row()) return false;
+  out.row = st.i64(0);
+  out.bucket = st.text(1);
+  out.key = st.text(2);
+  out.id = st.text(3);
+  out.total = static_cast<uint64_t>(st.i64(4));
+  out.content_type = st.text(5);
+  out.complete = st.i64(6) != 0;
+  out.ranges = load_ranges(out.row);
+  return true;
+}
+
+bool Sessions::find(const std::string &bucket, const std::string &key, const std::string &id, Session &out) {
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  return read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out);
+}
+
+bool Sessions::open(const std::string &bucket, const std::string &key, const std::string &id, uint64_t total,
+                    const std::string &content_type, Session &out) {
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  if (!read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out)) {
+    store_.set_durable(true);
+    Stmt(store_,
+         "INSERT INTO sessions(bucket, key, session, total, content_type, complete) VALUES(?,?,?,?,?,0)")
+        .bind(1, bucket)
+        .bind(2, key)
+        .bind(3, id)
+        .bind(4, static_cast<int64_t>(total))
+        .bind(5, content_type)
+        .done();
+    read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out);
+  }
+  return out.total == total;
+}
+
+Sessions::After Sessions::record(Session &s, ByteSpan span) {
+  {
+    std::lock_guard<std::mutex> lock(store_.mutex());
+    if (s.total > 0) {
+      // The chunk's bytes were written before this row: a killed process
+      // never leaves a range recorded that it did not receive.
+      store_.set_durable(false);
+      Stmt(store_,
+           "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)"
+           " ON CONFLICT(session, start) DO UPDATE SET last = max(last, excluded.last)")
+          .bind(1, s.row)
+          .bind(2, static_cast<int64_t>(span.start))
+          .bind(3, static_cast<int64_t>(span.end))
+          .done();
+    }
+    s.ranges = load_ranges(s.row);
+    Stmt st(store_, "SELECT complete FROM sessions WHERE id = ?");
+    s.complete = st.bind(1, s.row).row() && st.i64(0) != 0;
+  }
+  if (s.complete) return After::kComplete;
+  if (s.total > 0 && !spans_cover(s.ranges, ByteSpan{0, s.total - 1})) return After::kPartial;
+  std::lock_guard<std::mutex> lock(mu_);
+  return assembling_.insert(s.row).second ? After::kAssemble : After::kAssembling;
+}
+
+void Sessions::done_assembling(int64_t row) {
+  std::lock_guard<std::mutex> lock(mu_);
+  assembling_.erase(row);
+  cv_.notify_all();
+}
+
+void Sessions::wait_assembled(int64_t row) {
+  std::unique_lock<std::mutex> lock(mu_);
+  cv_.wait(lock, [&] { return !assembling_.count(row); });
+}
+
+bool Sessions::assemble(const Session &s, ObjectMeta &out) {
+  std::string path = store_.session_path(s.row);
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  bool ok = fd >= 0 && fsync(fd) == 0 && sha1_file(fd, out.sha1);
+  if (fd >= 0) close(fd);
+  out.blob = random_hex_id();
+  // Linking first keeps the session's bytes in place until the object's row
+  // is committed; a crash in between is finished by recover().
+  ok = ok && link(path.c_str(), store_.blob_path(out.blob).c_str()) == 0;
+  if (ok) {
+    sync_dir(store_.objects_dir());
+    out.bucket = s.bucket;
+    out.key = s.key;
+    out.size = s.total;
+    out.content_type = s.content_type;
+    objects_.publish(out, s.row);
+    unlink(path.c_str());
+  }
+  done_assembling(s.row);
+  return ok;
+}
+
+void Sessions::record_whole(const ObjectMeta &m, const std::string &id) {
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  store_.set_durable(false);
+  Stmt(store_,
+       "INSERT OR REPLACE INTO sessions(bucket, key, session, total, content_type, complete)"
+       " VALUES(?,?,?,?,?,1)")
+      .bind(1, m.bucket)
+      .bind(2, m.key)
+      .bind(3, id)
+      .bind(4, static_cast<int64_t>(m.size))
+      .bind(5, m.content_type)
+      .done();
+}
+
+void Sessions::recover() {
+  std::vector<Session> open_sessions;
+  std::set<std::string> keep;
+  {
+    std::lock_guard<std::mutex> lock(store_.mutex());
+    Stmt st(store_, "SELECT bucket, key, session FROM sessions WHERE complete = 0");
+    std::vector<Session> found;
+    while (st.row()) found.push_back(Session{0, st.text(0), st.text(1), st.text(2), "", 0, false, {}});
+    for (auto &s : found)
+      if (read("WHERE bucket = ? AND key = ? AND session = ?", s.bucket, s.key, s.id, s)) {
+        open_sessions.push_back(s);
+        keep.insert(std::to_string(s.row));
+      }
+  }
+  if (DIR *d = opendir(store_.sessions_dir().c_str())) {
+    while (dirent *e = readdir(d)) {
+      std::string name = e->d_name;
+      if (name != "." && name != ".." && !keep.count(name))
+        unlink((store_.sessions_dir() + "/" + name).c_str());
+    }
+    closedir(d);
+  }
+  for (auto &s : open_sessions) {
+    if (s.total > 0 && !spans_cover(s.ranges, ByteSpan{0, s.total - 1})) continue;
+    if (record(s, ByteSpan{0, 0}) != After::kAssemble) continue;
+    ObjectMeta m;
+    assemble(s, m);
+  }
+}
+
+}  // namespace zelsrv

@@ -1,0 +1,67 @@
+// Resumable upload sessions. Chunks land in one sparse file per session and
+// the ranges held are recorded as they complete; the request that supplies
+// the last missing byte assembles and publishes the object.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "objects.h"
+#include "store.h"
+#include "util.h"
+
+namespace zelsrv {
+
+struct Session {
+  int64_t row = 0;
+  std::string bucket;
+  std::string key;
+  std::string id;
+  std::string content_type;
+  uint64_t total = 0;
+  bool complete = false;
+  std::vector<ByteSpan> ranges;  // merged, ascending
+};
+
+bool spans_cover(const std::vector<ByteSpan> &ranges, ByteSpan span);
+
+class Sessions {
+ public:
+  Sessions(Store &store, Objects &objects) : store_(store), objects_(objects) {}
+
+  // Finds the session or starts it; false when it exists with another total.
+  bool open(const std::string &bucket, const std::string &key, const std::string &id, uint64_t total,
+            const std::string &content_type, Session &out);
+  bool find(const std::string &bucket, const std::string &key, const std::string &id, Session &out);
+
+  enum class After { kPartial, kAssemble, kAssembling, kComplete };
+  // Records a received span and says what the caller does next: kAssemble
+  // goes to exactly one request per session.
+  After record(Session &s, ByteSpan span);
+  // Makes the object of a session that holds every byte; fills `out`.
+  bool assemble(const Session &s, ObjectMeta &out);
+  // Blocks while another request assembles the session.
+  void wait_assembled(int64_t row);
+  // Remembers a whole-object upload under its session id, so that the
+  // session's status reads complete.
+  void record_whole(const ObjectMeta &m, const std::string &id);
+  // After a restart: finishes sessions that got every byte, drops leftovers.
+  void recover();
+
+ private:
+  bool read(const char *where, const std::string &a, const std::string &b, const std::string &c, Session &out);
+  std::vector<ByteSpan> load_ranges(int64_t row);
+  void done_assembling(int64_t row);
+
+  Store &store_;
+  Objects &objects_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::set<int64_t> assembling_;
+};
+
+}  // namespace zelsrv
