@@ -1,0 +1,439 @@
+// Object records: stream defaults, byte range lists, details and sessions,
+// the deep copies of the transfer options (order of the copies and the
+// message of each failure), the decorators, and the Range header value.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "alloc.h"
+#include "object.h"
+#include "record_log.h"
+#include "util.h"
+
+namespace {
+
+const char* kTag = "src\\object";
+
+using Range = std::pair<uint64_t, uint64_t>;
+
+std::vector<Range> ranges_of(const ZELByteRanges* list) {
+  std::vector<Range> out;
+  for (const ZELByteRangeItem* item = list->head; item != nullptr; item = item->next) {
+    out.emplace_back(item->start, item->end);
+  }
+  return out;
+}
+
+// Calls `attempt` with the n-th allocation failing, for n = 1, 2, ... until
+// it succeeds, and collects the message logged last by each failure (runs of
+// one message, such as the several allocations of one header list, counted
+// once). `attempt` returns whether it succeeded and frees what it made.
+template <class Attempt>
+std::vector<std::string> failure_messages(Attempt attempt) {
+  LogCapture log;
+  std::vector<std::string> out;
+  for (long step = 1; step < 100; ++step) {
+    log.clear();
+    mem_fail_at(step);
+    bool ok = attempt();
+    mem_fail_at(0);
+    if (ok) return out;
+    std::string message = record_log::last(kTag);
+    if (out.empty() || out.back() != message) out.push_back(message);
+  }
+  ADD_FAILURE() << "never succeeded";
+  return out;
+}
+
+void nop_resp(const ZELPutObjectResp*, void*) {}
+void nop_chunk_failed(const ZELPutObjectResp*, const ZELPutObjectOpt*, void*) {}
+void nop_details(const ZELObjectDetails*, void*) {}
+void nop_chunk_done(const ZELPutObjectOpt*, void*) {}
+int32_t nop_progress(uint64_t, uint64_t, void*) { return 0; }
+void nop_stats(double, double, double, double, double, void*) {}
+void nop_get_resp(const ZELGetObjectResp*, void*) {}
+void nop_url_resp(const ZELGetObjectByURLResp*, void*) {}
+void nop_done(void*) {}
+
+TEST(Stream, DefaultsReadWriteAndSeekTheOpenFile) {
+  char path[] = "/tmp/zel_stream_XXXXXX";
+  int fd = mkstemp(path);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  char16_t* wide = utf8_to_wide(path);
+  ZELStream* stream = zel_stream_init(wide);
+  ASSERT_NE(stream, nullptr);
+  EXPECT_NE(stream->filename, wide);
+  EXPECT_EQ(std::u16string(stream->filename), std::u16string(wide));
+  mem_free(wide);
+
+  FILE* file = file_open(stream->filename, "wb+");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(stream->write("hello world", 1, 11, file), 11u);
+  EXPECT_EQ(stream->seek(file, 6, 0), 0);
+  char buffer[8] = {0};
+  EXPECT_EQ(stream->read(buffer, 1, 5, file), 5u);
+  EXPECT_STREQ(buffer, "world");
+  EXPECT_LT(stream->seek(file, -100, 0), 0) << "a failed seek is negative";
+  std::fclose(file);
+  std::remove(path);
+  zel_stream_cleanup(stream);
+  zel_stream_cleanup(nullptr);
+
+  LogCapture log;
+  for (long step : {1L, 2L}) {
+    mem_fail_at(step);
+    EXPECT_EQ(zel_stream_init(u"name"), nullptr) << "step " << step;
+  }
+  mem_fail_at(0);
+  EXPECT_TRUE(record_log::messages(kTag).empty()) << "stream init fails silently";
+}
+
+TEST(Stream, CloneIsDeepAndLogsEachFailure) {
+  ZELStream* stream = zel_stream_init(u"data.bin");
+  stream->read = [](void*, size_t, size_t, FILE*) -> size_t { return 0; };
+  ZELStream* copy = stream_clone(stream);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_NE(copy->filename, stream->filename);
+  EXPECT_EQ(std::u16string(copy->filename), u"data.bin");
+  EXPECT_EQ(copy->read, stream->read);
+  EXPECT_EQ(copy->write, stream->write);
+  EXPECT_EQ(copy->seek, stream->seek);
+  zel_stream_cleanup(copy);
+  EXPECT_EQ(stream_clone(nullptr), nullptr);
+  auto messages = failure_messages([&] {
+    ZELStream* attempt = stream_clone(stream);
+    zel_stream_cleanup(attempt);
+    return attempt != nullptr;
+  });
+  EXPECT_EQ(messages, (std::vector<std::string>{"Cannot allocate memory for ZELStream clone",
+                                                "Cannot allocate memory for the ZELStream filename"}));
+  zel_stream_cleanup(stream);
+
+  ZELByteRange range{3, 9};
+  ZELByteRange* range_copy = byte_range_clone(&range);
+  ASSERT_NE(range_copy, nullptr);
+  EXPECT_EQ(range_copy->start, 3u);
+  EXPECT_EQ(range_copy->end, 9u);
+  byte_range_cleanup(range_copy);
+  byte_range_cleanup(nullptr);
+  EXPECT_EQ(byte_range_clone(nullptr), nullptr);
+  EXPECT_EQ(failure_messages([&] {
+              ZELByteRange* attempt = byte_range_clone(&range);
+              byte_range_cleanup(attempt);
+              return attempt != nullptr;
+            }),
+            (std::vector<std::string>{"Cannot allocate memory for ZELByteRange clone"}));
+}
+
+TEST(ByteRanges, AppendPushesAtTheHead) {
+  EXPECT_EQ(zel_byte_ranges_append(nullptr, 1, 2), nullptr);
+  ZELByteRanges* list = zel_byte_ranges_init();
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list->count, 0u);
+  EXPECT_EQ(zel_byte_ranges_append(list, 1, 2), list);
+  EXPECT_EQ(zel_byte_ranges_append(list, 5, 9), list);
+  EXPECT_EQ(list->count, 2u);
+  EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
+
+  LogCapture log;
+  mem_fail_at(1);
+  EXPECT_EQ(zel_byte_ranges_append(list, 20, 30), list) << "the list comes back unchanged";
+  mem_fail_at(0);
+  EXPECT_EQ(list->count, 2u);
+  EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
+  EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
+  zel_byte_ranges_cleanup(list);
+  zel_byte_ranges_cleanup(nullptr);
+}
+
+TEST(DetailsAndSession, InitCleanupAndFailures) {
+  ZELObjectDetails* details = zel_object_details_init();
+  ASSERT_NE(details, nullptr);
+  EXPECT_EQ(details->bucket_key, nullptr);
+  EXPECT_EQ(details->size, 0u);
+  details->sha1 = mem_strdup("abc");
+  details->object_key = wide_dup(u"k");
+  zel_object_details_cleanup(details);
+  zel_object_details_cleanup(nullptr);
+
+  ZELObjectSession* session = zel_object_session_init();
+  ASSERT_NE(session, nullptr);
+  ASSERT_NE(session->ranges, nullptr);
+  EXPECT_EQ(session->ranges->count, 0u);
+  EXPECT_EQ(session->session_id, nullptr);
+  session->session_id = mem_strdup("s");
+  zel_byte_ranges_append(session->ranges, 0, 9);
+  zel_object_session_cleanup(session);
+  zel_object_session_cleanup(nullptr);
+
+  EXPECT_EQ(failure_messages([] {
+              ZELObjectDetails* attempt = zel_object_details_init();
+              zel_object_details_cleanup(attempt);
+              return attempt != nullptr;
+            }),
+            (std::vector<std::string>{"Cannot allocate memory for ZELObjectDetails"}));
+  // The record itself fails silently; its range list does not.
+  EXPECT_EQ(failure_messages([] {
+              ZELObjectSession* attempt = zel_object_session_init();
+              zel_object_session_cleanup(attempt);
+              return attempt != nullptr;
+            }),
+            (std::vector<std::string>{"", "Cannot allocate memory for ZELByteRanges"}));
+}
+
+struct PutFixture {
+  ZELByteRange range{100, 199};
+  ZELStream* stream = zel_stream_init(u"upload.bin");
+  ZELHeaders* headers = zel_headers_append(zel_headers_append(nullptr, "A", "1"), "B", "2");
+  ZELPutObjectOpt opt{};
+  PutFixture() {
+    opt.bucket_key = u"bucket";
+    opt.key = u"dir/objét";
+    opt.session_id = "session-1";
+    opt.range = &range;
+    opt.content_type = "text/plain";
+    opt.stream = stream;
+    opt.headers = headers;
+    opt.callback = nop_resp;
+    opt.chunk_failed_callback = nop_chunk_failed;
+    opt.details_callback = nop_details;
+    opt.chunk_done_callback = nop_chunk_done;
+    opt.progress_callback = nop_progress;
+    opt.stats_callback = nop_stats;
+  }
+  ~PutFixture() {
+    zel_stream_cleanup(stream);
+    zel_headers_cleanup(headers);
+  }
+};
+
+TEST(OptionsCopy, PutCopyOwnsEverythingAndSharesCallbacks) {
+  PutFixture fixture;
+  ZELPutObjectOpt* copy = put_object_opt_clone(&fixture.opt);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_NE(copy->bucket_key, fixture.opt.bucket_key);
+  EXPECT_EQ(std::u16string(copy->bucket_key), u"bucket");
+  EXPECT_EQ(std::u16string(copy->key), u"dir/objét");
+  EXPECT_NE(copy->session_id, fixture.opt.session_id);
+  EXPECT_STREQ(copy->session_id, "session-1");
+  EXPECT_STREQ(copy->content_type, "text/plain");
+  ASSERT_NE(copy->range, &fixture.range);
+  EXPECT_EQ(copy->range->start, 100u);
+  EXPECT_EQ(copy->range->end, 199u);
+  ASSERT_NE(copy->stream, fixture.stream);
+  EXPECT_EQ(std::u16string(copy->stream->filename), u"upload.bin");
+  ASSERT_NE(copy->headers, nullptr);
+  EXPECT_NE(copy->headers, fixture.headers);
+  EXPECT_STREQ(zel_headers_find(copy->headers, "A"), "1");
+  EXPECT_STREQ(zel_headers_find(copy->headers, "B"), "2");
+  EXPECT_EQ(copy->callback, nop_resp);
+  EXPECT_EQ(copy->chunk_failed_callback, nop_chunk_failed);
+  EXPECT_EQ(copy->details_callback, nop_details);
+  EXPECT_EQ(copy->chunk_done_callback, nop_chunk_done);
+  EXPECT_EQ(copy->progress_callback, nop_progress);
+  EXPECT_EQ(copy->stats_callback, nop_stats);
+  put_object_opt_cleanup(copy);
+
+  ZELPutObjectOpt sparse{};
+  sparse.bucket_key = u"b";
+  ZELPutObjectOpt* sparse_copy = put_object_opt_clone(&sparse);
+  ASSERT_NE(sparse_copy, nullptr);
+  EXPECT_EQ(sparse_copy->key, nullptr);
+  EXPECT_EQ(sparse_copy->session_id, nullptr);
+  EXPECT_EQ(sparse_copy->range, nullptr);
+  EXPECT_EQ(sparse_copy->stream, nullptr);
+  EXPECT_EQ(sparse_copy->headers, nullptr);
+  put_object_opt_cleanup(sparse_copy);
+  put_object_opt_cleanup(nullptr);
+  EXPECT_EQ(put_object_opt_clone(nullptr), nullptr);
+}
+
+TEST(OptionsCopy, PutFailuresInCopyOrderWithTheirMessages) {
+  PutFixture fixture;
+  auto messages = failure_messages([&] {
+    ZELPutObjectOpt* copy = put_object_opt_clone(&fixture.opt);
+    put_object_opt_cleanup(copy);
+    return copy != nullptr;
+  });
+  EXPECT_EQ(messages, (std::vector<std::string>{
+                          "Cannot allocate memory for the cloned ZELPutObjectOpt",
+                          "Cannot allocate memory for ZELPutObjectOpt bucket_key",
+                          "Cannot allocate memory for ZELPutObjectOpt key",
+                          "Cannot allocate memory for ZELPutObjectOpt session_id",
+                          "Cannot allocate memory for ZELPutObjectOpt content_type",
+                          "Cannot allocate memory for ZELByteRanges list",
+                          "Cannot allocate memory for ZELPutObjectOpt stream",
+                          "Cannot allocate memory for ZELPutObjectOpt headers",
+                      }));
+}
+
+TEST(OptionsCopy, GetAndGetByUrlCopiesAndFailures) {
+  ZELByteRange range{0, 9};
+  ZELStream* stream = zel_stream_init(u"out.bin");
+  ZELHeaders* headers = zel_headers_append(nullptr, "X", "y");
+  ZELGetObjectOpt get{u"bucket", u"key", &range, stream, headers, 1, nop_get_resp, nop_done, nop_progress,
+                      nop_stats};
+  ZELGetObjectOpt* get_copy = get_object_opt_clone(&get);
+  ASSERT_NE(get_copy, nullptr);
+  EXPECT_EQ(std::u16string(get_copy->key), u"key");
+  EXPECT_EQ(get_copy->size_unknown, 1);
+  EXPECT_NE(get_copy->range, &range);
+  EXPECT_EQ(get_copy->range->end, 9u);
+  EXPECT_EQ(get_copy->done_callback, nop_done);
+  EXPECT_EQ(get_copy->stats_callback, nop_stats);
+  get_object_opt_cleanup(get_copy);
+  EXPECT_EQ(failure_messages([&] {
+              ZELGetObjectOpt* copy = get_object_opt_clone(&get);
+              get_object_opt_cleanup(copy);
+              return copy != nullptr;
+            }),
+            (std::vector<std::string>{
+                "Cannot allocate memory for the cloned ZELGetObjectOpt",
+                "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
+                "Cannot allocate memory for the ZELGetObjectOpt key",
+                "Cannot allocate memory for the ZELGetObjectOpt range",
+                "Cannot allocate for the ZELGetObjectOpt stream",
+                "Cannot allocate memory for the ZELGetObjectOpt headers",
+            }));
+
+  ZELGetObjectByURLOpt by_url{u"https://example.test/o", true, &range, stream, headers, 0, nop_url_resp,
+                              nop_done, nop_progress, nop_stats};
+  ZELGetObjectByURLOpt* url_copy = get_object_by_url_opt_clone(&by_url);
+  ASSERT_NE(url_copy, nullptr);
+  EXPECT_EQ(std::u16string(url_copy->download_url), u"https://example.test/o");
+  EXPECT_TRUE(url_copy->authenticate);
+  EXPECT_EQ(url_copy->callback, nop_url_resp);
+  get_object_by_url_opt_cleanup(url_copy);
+  EXPECT_EQ(failure_messages([&] {
+              ZELGetObjectByURLOpt* copy = get_object_by_url_opt_clone(&by_url);
+              get_object_by_url_opt_cleanup(copy);
+              return copy != nullptr;
+            }),
+            (std::vector<std::string>{
+                "Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
+                "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
+                "Cannot allocate memory for the ZELGetObjectByURLOpt range",
+                "Cannot allocate for the ZELGetObjectByURLOpt stream",
+                "Cannot allocate memory for the ZELGetObjectByURLOpt headers",
+            }));
+  zel_stream_cleanup(stream);
+  zel_headers_cleanup(headers);
+}
+
+char* token() { return nullptr; }
+
+TEST(Decorators, OwnCopiesOfHandleAndOptions) {
+  PutFixture fixture;
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
+  ASSERT_NE(handle, nullptr);
+  int marker = 0;
+  ZELPutObjectDecorator* put = put_object_decorator_init(handle, &fixture.opt, 12345, &marker);
+  ASSERT_NE(put, nullptr);
+  ASSERT_NE(put->handle, nullptr);
+  EXPECT_NE(put->handle, handle);
+  EXPECT_EQ(put->handle->api_version, 2u);
+  ASSERT_NE(put->opt, nullptr);
+  EXPECT_NE(put->opt, &fixture.opt);
+  EXPECT_EQ(put->size, 12345u);
+  EXPECT_EQ(put->user_data, &marker);
+  zel_cleanup(handle);  // the caller may free its handle while the copy lives on
+  EXPECT_EQ(std::u16string(put->opt->key), u"dir/objét");
+  put_object_decorator_cleanup(put);
+  put_object_decorator_cleanup(nullptr);
+
+  ZELGetObjectDecorator* get = get_object_decorator_init(nullptr, nullptr, &marker);
+  ASSERT_NE(get, nullptr) << "missing handle and options give no copies, not a failure";
+  EXPECT_EQ(get->handle, nullptr);
+  EXPECT_EQ(get->opt, nullptr);
+  EXPECT_EQ(get->user_data, &marker);
+  get_object_decorator_cleanup(get);
+  get_object_decorator_cleanup(nullptr);
+  get_object_by_url_decorator_cleanup(nullptr);
+}
+
+TEST(Decorators, FailuresFreeWhatWasMadeAndNameTheDecorator) {
+  PutFixture fixture;
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 1, token, nullptr);
+  auto put = failure_messages([&] {
+    ZELPutObjectDecorator* decorator = put_object_decorator_init(handle, &fixture.opt, 1, nullptr);
+    put_object_decorator_cleanup(decorator);
+    return decorator != nullptr;
+  });
+  ASSERT_GE(put.size(), 2u);
+  EXPECT_EQ(put.front(), "Cannot allocate memory for ZELPutObjectDecorator");
+  EXPECT_EQ(put.back(), "Cannot allocate memory for ZELPutObjectOpt headers");
+
+  ZELGetObjectOpt get{};
+  get.key = u"k";
+  auto get_messages = failure_messages([&] {
+    ZELGetObjectDecorator* decorator = get_object_decorator_init(handle, &get, nullptr);
+    get_object_decorator_cleanup(decorator);
+    return decorator != nullptr;
+  });
+  ASSERT_FALSE(get_messages.empty());
+  EXPECT_EQ(get_messages.front(), "Cannot allocate memory for ZELGetObjectDecorator");
+  EXPECT_EQ(get_messages.back(), "Cannot allocate memory for the ZELGetObjectOpt key");
+
+  ZELGetObjectByURLOpt by_url{};
+  by_url.download_url = u"http://x.test/";
+  auto url_messages = failure_messages([&] {
+    ZELGetObjectByURLDecorator* decorator = get_object_by_url_decorator_init(handle, &by_url, nullptr);
+    get_object_by_url_decorator_cleanup(decorator);
+    return decorator != nullptr;
+  });
+  ASSERT_FALSE(url_messages.empty());
+  EXPECT_EQ(url_messages.front(), "Cannot allocate memory for ZELGetObjectByURLDecorator");
+  EXPECT_EQ(url_messages.back(), "Cannot allocate memory for the ZELGetObjectByURLOpt download_url");
+  zel_cleanup(handle);
+}
+
+struct HeaderCase {
+  const char* value;
+  int result;
+  std::vector<Range> ranges;  // from head
+};
+
+TEST(RangeHeader, ValuesIntoRangeLists) {
+  const uint64_t max = UINT64_MAX;
+  const std::vector<HeaderCase> cases = {
+      {" bytes=0-5242879,10485760-15728639", 0, {{10485760, 15728639}, {0, 5242879}}},
+      {"bytes=", 0, {}},
+      {"bytes=0-99", 0, {{0, 99}}},
+      {"bytes=0-99,200-299", 0, {{200, 299}, {0, 99}}},
+      {"bytes=0-99,500", -1, {{0, 99}}},  // pairs before the bad piece stay
+      {"bytes=0-99,", -1, {{0, 99}}},     // an empty last piece has no "-"
+      {"bytes 0-99", -1, {}},
+      {"", -1, {}},
+      {"anything before=7-9", 0, {{7, 9}}},
+      {"=5-7-9", 0, {{5, 7}}},             // the end stops at a further "-"
+      {"= \t3-  4", 0, {{3, 4}}},          // leading blanks are skipped
+      {"=-", 0, {{0, 0}}},                 // empty text reads as 0
+      {"=12ab-34cd", 0, {{12, 34}}},       // reading stops at a non-digit
+      {"=a=1-2", 0, {{0, 2}}},             // only the first "=" counts
+      {"=99999999999999999999999-18446744073709551615", 0, {{max, max}}},
+  };
+  for (const HeaderCase& c : cases) {
+    ZELByteRanges* list = zel_byte_ranges_init();
+    EXPECT_EQ(byte_ranges_from_header(c.value, list), c.result) << c.value;
+    EXPECT_EQ(ranges_of(list), c.ranges) << c.value;
+    EXPECT_EQ(list->count, c.ranges.size()) << c.value;
+    zel_byte_ranges_cleanup(list);
+  }
+  ZELByteRanges* list = zel_byte_ranges_init();
+  EXPECT_EQ(byte_ranges_from_header(nullptr, list), -1);
+  EXPECT_EQ(byte_ranges_from_header("bytes=1-2", nullptr), -1);
+  LogCapture log;
+  mem_fail_at(2);  // the second range cannot be stored
+  EXPECT_EQ(byte_ranges_from_header("bytes=1-2,3-4", list), -1);
+  mem_fail_at(0);
+  EXPECT_EQ(ranges_of(list), (std::vector<Range>{{1, 2}}));
+  zel_byte_ranges_cleanup(list);
+}
+
+}  // namespace
