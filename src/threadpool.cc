@@ -1,0 +1,189 @@
+// The worker-thread pool.
+#include "threadpool.h"
+
+#include <atomic>
+
+#include "alloc.h"
+#include "log.h"
+#include "thread.h"
+
+namespace {
+constexpr const char* kLogTag = "src\\threadpool";
+
+struct Task {
+  ThreadTaskFn function;
+  void* argument;
+  Task* next;
+};
+
+struct ThreadPool {
+  zel::mtx_t lock;  // guards the queue and the counters
+  Task* first;
+  Task* last;
+  unsigned limit;
+  int running;
+  int free_slots;
+};
+
+std::atomic<ThreadPool*> g_pool{nullptr};
+std::atomic<int> g_stopping{0};
+
+// With the lock held: slots follow the limit and the running count, so a
+// lowered limit keeps new workers out until enough have ended.
+void recount(ThreadPool* pool) {
+  long free_slots = static_cast<long>(pool->limit) - pool->running;
+  pool->free_slots = free_slots > 0 ? static_cast<int>(free_slots) : 0;
+}
+
+// With the lock held.
+void leave(ThreadPool* pool) {
+  pool->running--;
+  recount(pool);
+}
+
+// With the lock held: the next task, or nullptr when the queue is empty.
+Task* take(ThreadPool* pool) {
+  Task* task = pool->first;
+  if (task == nullptr) return nullptr;
+  pool->first = task->next;
+  if (pool->first == nullptr) pool->last = nullptr;
+  return task;
+}
+
+int worker(void* raw) {
+  auto* pool = static_cast<ThreadPool*>(raw);
+  for (;;) {
+    zel::mtx_lock(&pool->lock);
+    Task* task = g_stopping.load() ? nullptr : take(pool);
+    // The slot goes back in the same hold of the lock in which the queue
+    // was found empty, so a task queued right after finds the slot free and
+    // starts a worker of its own instead of waiting for the next one.
+    if (task == nullptr) leave(pool);
+    zel::mtx_unlock(&pool->lock);
+    if (task == nullptr) return 0;
+    ThreadTaskFn function = task->function;
+    void* argument = task->argument;
+    mem_free(task);
+    function(argument);
+  }
+}
+
+// With the lock held: starts a worker when a slot is free. A worker that
+// cannot start leaves the task queued for the running ones.
+void start_worker(ThreadPool* pool) {
+  if (pool->free_slots <= 0) return;
+  zel::thrd_t thread;
+  int result = zel::thrd_create(&thread, worker, pool);
+  if (result != zel::thrd_success) {
+    ZLOG("Cannot create a new thread: %s", thread_result_message(result));
+    return;
+  }
+  if (zel::thrd_detach(thread) != zel::thrd_success) {
+    ZLOG("Cannot detach a thread: %s", thread_result_message(zel::thrd_error));
+  }
+  pool->running++;
+  recount(pool);
+}
+
+int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
+  ThreadPool* pool = g_pool.load();
+  if (pool == nullptr || g_stopping.load() || function == nullptr) return -1;
+  auto* task = static_cast<Task*>(mem_malloc(sizeof(Task)));
+  if (task == nullptr) {
+    ZLOG("Cannot allocate memory for thread task");
+    return -1;
+  }
+  task->function = function;
+  task->argument = argument;
+  task->next = nullptr;
+  zel::mtx_lock(&pool->lock);
+  if (at_head) {
+    task->next = pool->first;
+    pool->first = task;
+    if (pool->last == nullptr) pool->last = task;
+  } else {
+    if (pool->last != nullptr) pool->last->next = task;
+    pool->last = task;
+    if (pool->first == nullptr) pool->first = task;
+  }
+  start_worker(pool);
+  zel::mtx_unlock(&pool->lock);
+  return 0;
+}
+
+int read_counter(int ThreadPool::*field) {
+  ThreadPool* pool = g_pool.load();
+  if (pool == nullptr) return -1;
+  zel::mtx_lock(&pool->lock);
+  int value = pool->*field;
+  zel::mtx_unlock(&pool->lock);
+  return value;
+}
+}  // namespace
+
+int thread_pool_init(int limit) {
+  if (limit < 1) return -1;
+  if (g_pool.load() == nullptr) {
+    auto* pool = static_cast<ThreadPool*>(mem_calloc(1, sizeof(ThreadPool)));
+    if (pool == nullptr) {
+      ZLOG("Cannot initialize thread pool");
+      return -1;
+    }
+    if (zel::mtx_init(&pool->lock, zel::mtx_plain) != zel::thrd_success) {
+      ZLOG("%s", thread_result_message(zel::thrd_error));
+      mem_free(pool);
+      return -1;
+    }
+    g_pool.store(pool);
+  }
+  g_stopping.store(0);
+  return thread_pool_set_size(limit);
+}
+
+int thread_pool_set_size(int limit) {
+  ThreadPool* pool = g_pool.load();
+  if (pool == nullptr) {
+    ZLOG("Thread pool is not initialized");
+    return -1;
+  }
+  zel::mtx_lock(&pool->lock);
+  pool->limit = limit > 0 ? static_cast<unsigned>(limit) : 0u;
+  recount(pool);
+  zel::mtx_unlock(&pool->lock);
+  return limit;
+}
+
+int thread_pool_append(ThreadTaskFn function, void* argument) { return enqueue(function, argument, false); }
+
+int thread_pool_push(ThreadTaskFn function, void* argument) { return enqueue(function, argument, true); }
+
+int thread_pool_stopping() { return g_stopping.load(); }
+
+int thread_pool_running() { return read_counter(&ThreadPool::running); }
+
+int thread_pool_free_slots() { return read_counter(&ThreadPool::free_slots); }
+
+void thread_pool_cleanup() {
+  ThreadPool* pool = g_pool.load();
+  if (pool == nullptr) return;
+  zel::mtx_lock(&pool->lock);
+  g_stopping.store(1);
+  Task* task = pool->first;
+  pool->first = pool->last = nullptr;
+  zel::mtx_unlock(&pool->lock);
+  while (task != nullptr) {
+    Task* next = task->next;
+    mem_free(task);
+    task = next;
+  }
+  for (;;) {
+    zel::mtx_lock(&pool->lock);
+    int running = pool->running;
+    zel::mtx_unlock(&pool->lock);
+    if (running < 1) break;
+    zel::thrd_yield();
+  }
+  g_pool.store(nullptr);
+  zel::mtx_destroy(&pool->lock);
+  mem_free(pool);
+}
