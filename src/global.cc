@@ -12,6 +12,7 @@
 #include "httppool.h"
 #include "log.h"
 #include "threadpool.h"
+#include "transfer.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\zel";
@@ -99,4 +100,7 @@ extern "C" ZEL_EXPORT void zel_global_cleanup(void) {
   // The worker pool goes first: it waits for running workers, which may
   // still hold pooled requests and touch the cache.
   for (int i = kStepCount - 1; i >= 0; i--) kSteps[i].down();
+  // Transfer tasks that the stopped pool dropped before they ran still own
+  // their records; nothing can run them any more, so they are freed here.
+  transfer_release_dropped();
 }

@@ -1,0 +1,74 @@
+#pragma once
+// The download engine: learns the object's size, then fetches it in one
+// ranged GET or in chunks that run in parallel on the worker pool, each
+// written straight into its own place in the output file.
+#include <cstdint>
+
+#include <zel/zel.h>
+
+#include "object.h"
+#include "progress.h"
+#include "thread.h"
+
+// The shared record of one download; owns its handle and options copies.
+struct ZELDownloadDecorator {
+  zel::mtx_t mutex;  // guards message, last_status and the done/failed counts
+  ZEL* handle;
+  ZELGetObjectOpt* opt;  // by URL: made from the URL options, without callback
+  // By URL the status callback has the URL options' type; by key it is
+  // opt->callback. Exactly one of the two is used.
+  void (*url_callback)(const ZELGetObjectByURLResp* resp, void* user_data);
+  ZELProgress* progress;  // only with a progress_callback; total = size
+  char* url;
+  const char* message;   // fixed or system text of the last chunk that failed
+  uint64_t size;         // bytes to fetch; 0 when unknown
+  uint32_t chunk_count;
+  int32_t range_flag;
+  int32_t size_unknown;
+  uint32_t done_count;    // chunks finished, skipped, failed or never queued
+  uint32_t failed_count;  // chunks that failed for good or were never queued
+  int32_t last_status;    // 0 until a chunk fails for good, then its status
+  const char* fatal;      // why queuing stopped, when it did
+  void* user_data;
+  bool authenticate;
+};
+
+struct ZELChunkDownloadDecorator {
+  ZELDownloadDecorator* download;
+  ZELByteRange* range;  // owned
+};
+
+// Worker tasks queued by zel_get_object and zel_get_object_by_url; each
+// frees its decorator on every path. The _drop variants release a task
+// that never ran.
+void get_object_task(void* decorator);
+void get_object_by_url_task(void* decorator);
+void get_object_task_drop(void* decorator);
+void get_object_by_url_task_drop(void* decorator);
+
+// The object's size; *found is 1 when it was learnt. Failures are reported
+// through the options' callback as they happen.
+uint64_t query_object_size(const ZELGetObjectDecorator* decorator, int* found);
+uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* decorator, int* found);
+
+// One request, no retry; frees the download record.
+int download_single(ZELDownloadDecorator* download);
+// Queued once per chunk; the last one to finish reports and frees the record.
+void download_chunk_task(void* chunk);
+// One GET of `range` into the output file. The response's status (HTTP
+// status, libcurl's code, or 0 when nothing was performed); on failure the
+// error status and message (static texts) are set.
+int download_request(ZELDownloadDecorator* download, const ZELByteRange* range, uint32_t attempt,
+                     int32_t* error_status, const char** error_message);
+
+// Reports through whichever status callback the download has.
+void download_report(const ZELDownloadDecorator* download, int32_t code, const char* message);
+void download_free(ZELDownloadDecorator* download);
+
+// A ZELGetObjectOpt made from URL options: copies of range, stream and
+// headers; size_unknown and the callbacks of matching type shared. NULL
+// (logged) when a copy fails.
+ZELGetObjectOpt* get_object_opt_from_url(const ZELGetObjectByURLOpt* opt);
+// The UTF-8 form of a download URL (escaped, then unescaped), freed with
+// curl_free; NULL when it cannot be made.
+char* download_url_utf8(const char16_t* download_url);

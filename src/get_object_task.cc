@@ -1,0 +1,323 @@
+// The download tasks: size, output file, one request or parallel chunks, and
+// the single report at the end.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "alloc.h"
+#include "frame.h"
+#include "get_object.h"
+#include "iterator.h"
+#include "log.h"
+#include "progress.h"
+#include "transfer.h"
+#include "util.h"
+#include "zel_internal.h"
+
+namespace {
+constexpr const char* kLogTag = "src\\get_object";
+constexpr uint64_t kDefaultChunkSize = 5242880;
+constexpr const char* kDelta = "x-pmw-delta-object";
+
+// What both tasks have learnt before the common steps.
+struct Plan {
+  ZEL** handle;          // taken by the download record
+  ZELGetObjectOpt** opt;  // taken by the download record
+  void (*url_callback)(const ZELGetObjectByURLResp*, void*);
+  const char* url;
+  uint64_t size;
+  int32_t size_unknown;
+  bool authenticate;
+  void* user_data;
+};
+
+void plan_report(const Plan& p, int32_t code, const char* message) {
+  if (p.url_callback != nullptr) {
+    report(p.url_callback, code, message, p.user_data);
+  } else {
+    report((*p.opt)->callback, code, message, p.user_data);
+  }
+}
+
+bool download_succeeded(int status) { return status == 200 || status == 206; }
+
+// The single report of a chunked download, by whoever finishes last.
+void download_complete(ZELDownloadDecorator* d) {
+  if (d->fatal != nullptr) {
+    download_report(d, 0, d->fatal);
+  } else if (d->failed_count > 0 || d->last_status != 0) {
+    download_report(d, d->last_status, d->message);
+  } else if (d->opt->done_callback != nullptr) {
+    d->opt->done_callback(d->user_data);
+  }
+}
+
+void chunks_finished(ZELDownloadDecorator* d, uint32_t count, bool failed, bool silent) {
+  zel::mtx_lock(&d->mutex);
+  d->done_count += count;
+  if (failed) d->failed_count += count;
+  bool last = d->done_count >= d->chunk_count;
+  zel::mtx_unlock(&d->mutex);
+  if (!last) return;
+  if (!silent) download_complete(d);
+  download_free(d);
+}
+
+void chunk_free(ZELChunkDownloadDecorator* chunk) {
+  byte_range_cleanup(chunk->range);
+  mem_free(chunk);
+}
+
+// A chunk dropped at shutdown fails without a report.
+void download_chunk_drop(void* raw) {
+  auto* chunk = static_cast<ZELChunkDownloadDecorator*>(raw);
+  ZELDownloadDecorator* d = chunk->download;
+  chunk_free(chunk);
+  chunks_finished(d, 1, true, true);
+}
+
+// Tries one chunk with its retries; false when it failed for good.
+bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
+  int32_t error_status = 0;
+  const char* error_message = nullptr;
+  auto attempt = [&](uint32_t n) { return download_request(d, range, n, &error_status, &error_message); };
+  auto on_retry = [&](int status, uint32_t n) {
+    ZLOG("Chunk (%llu-%llu/%llu) download failed (status: %d, error: %s) - retry #%d",
+         static_cast<unsigned long long>(range->start), static_cast<unsigned long long>(range->end),
+         static_cast<unsigned long long>(d->size), status, error_message != nullptr ? error_message : "(null)",
+         static_cast<int>(n));
+  };
+  bool ok = false;
+  transfer_run_chunk(d->handle->max_retries, attempt, download_succeeded, on_retry, &ok);
+  if (!ok) {
+    zel::mtx_lock(&d->mutex);
+    d->message = error_message;
+    d->last_status = error_status;
+    zel::mtx_unlock(&d->mutex);
+  }
+  return ok;
+}
+}  // namespace
+
+void download_chunk_task(void* raw) {
+  auto* chunk = static_cast<ZELChunkDownloadDecorator*>(raw);
+  ZELDownloadDecorator* d = chunk->download;
+  zel::mtx_lock(&d->mutex);
+  // After a chunk has failed for good the download is lost; later chunks
+  // only count themselves done.
+  bool go = d->failed_count == 0 && d->fatal == nullptr;
+  zel::mtx_unlock(&d->mutex);
+  bool ok = go ? fetch_chunk(d, chunk->range) : true;
+  chunk_free(chunk);
+  chunks_finished(d, 1, !ok, false);
+}
+
+int download_single(ZELDownloadDecorator* d) {
+  ZELByteRange range{0, 0};
+  if (d->size != 0) range = d->range_flag ? *d->opt->range : ZELByteRange{0, d->size - 1};
+  int32_t error_status = 0;
+  const char* error_message = nullptr;
+  int status = 200;
+  // An object of no bytes is the empty file already made.
+  if (d->size != 0 || d->size_unknown) status = download_request(d, &range, 0, &error_status, &error_message);
+  if (download_succeeded(status)) {
+    if (d->opt->done_callback != nullptr) d->opt->done_callback(d->user_data);
+  } else {
+    download_report(d, error_status, error_message);
+  }
+  download_free(d);
+  return status;
+}
+
+namespace {
+ZELDownloadDecorator* download_make(const Plan& p, uint64_t chunks) {
+  auto* d = static_cast<ZELDownloadDecorator*>(mem_calloc(1, sizeof(ZELDownloadDecorator)));
+  if (d == nullptr) return plan_report(p, 0, "Cannot allocate memory for ZELDownloadDecorator"), nullptr;
+  int result = zel::mtx_init(&d->mutex, zel::mtx_plain);
+  if (result != zel::thrd_success) {
+    plan_report(p, result, thread_result_message(zel::thrd_error));
+    mem_free(d);
+    return nullptr;
+  }
+  d->url = mem_strdup(p.url);
+  ZELProgressFn progress_callback = (*p.opt)->progress_callback;
+  if (progress_callback != nullptr) d->progress = progress_init(p.size);
+  if (d->url == nullptr || (progress_callback != nullptr && d->progress == nullptr)) {
+    plan_report(p, 0, "Cannot allocate memory for ZELDownloadDecorator");
+    download_free(d);
+    return nullptr;
+  }
+  d->handle = *p.handle;
+  d->opt = *p.opt;
+  *p.handle = nullptr;
+  *p.opt = nullptr;
+  d->url_callback = p.url_callback;
+  d->size = p.size;
+  d->chunk_count = static_cast<uint32_t>(chunks);
+  d->range_flag = d->opt->range != nullptr ? 1 : 0;
+  d->size_unknown = p.size_unknown;
+  d->user_data = p.user_data;
+  d->authenticate = p.authenticate;
+  return d;
+}
+
+// Creates or empties the output file before any byte arrives.
+bool create_output(const Plan& p) {
+  FILE* file = file_open((*p.opt)->stream->filename, "wb+");
+  if (file == nullptr) {
+    int error = errno;
+    plan_report(p, error, transfer_error_text(error));
+    return false;
+  }
+  fclose(file);
+  return true;
+}
+
+void queue_chunks(ZELDownloadDecorator* d, ZELByteRangeIterator* iterator) {
+  uint32_t queued = 0;
+  const char* fatal = nullptr;
+  while (queued < d->chunk_count) {
+    auto* chunk = static_cast<ZELChunkDownloadDecorator*>(mem_calloc(1, sizeof(ZELChunkDownloadDecorator)));
+    ZELByteRange* range = chunk != nullptr ? iterator_next(iterator) : nullptr;
+    if (range == nullptr) {
+      mem_free(chunk);
+      fatal = "Cannot allocate memory for ZELChunkUploadDecorator";
+      break;
+    }
+    *chunk = {d, range};
+    if (transfer_enqueue(download_chunk_task, chunk, download_chunk_drop, true) < 0) {
+      chunk_free(chunk);
+      fatal = "Cannot enqueue a new task (get_object)";
+      break;
+    }
+    queued++;
+  }
+  if (queued == d->chunk_count) return;  // the record may already be gone
+  zel::mtx_lock(&d->mutex);
+  d->fatal = fatal;
+  zel::mtx_unlock(&d->mutex);
+  chunks_finished(d, d->chunk_count - queued, true, false);
+}
+
+// The steps both tasks share once the size is known.
+void download_run(const Plan& p) {
+  const ZELGetObjectOpt* opt = *p.opt;
+  uint64_t step = (*p.handle)->chunk_size != 0 ? (*p.handle)->chunk_size : kDefaultChunkSize;
+  uint64_t chunks = p.size / step + (p.size % step != 0 ? 1 : 0);
+  if (chunks > UINT32_MAX) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
+  if (!create_output(p)) return;
+  ZELByteRangeIterator* iterator = nullptr;
+  if (!p.size_unknown && chunks >= 2) {
+    iterator = iterator_init(opt->range != nullptr ? opt->range->start : 0, step, p.size);
+    if (iterator == nullptr) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
+  }
+  ZELDownloadDecorator* d = download_make(p, chunks);
+  if (d != nullptr && iterator == nullptr) {
+    download_single(d);
+  } else if (d != nullptr) {
+    queue_chunks(d, iterator);
+  }
+  iterator_cleanup(iterator);
+}
+
+bool has_delta_header(const ZELHeaders* headers) {
+  for (; headers != nullptr; headers = headers->next) {
+    if (headers->line != nullptr && std::strstr(headers->line, kDelta) != nullptr) return true;
+  }
+  return false;
+}
+
+// A caller range is its own size; one that ends before it starts is refused.
+bool range_size(const Plan& p, const ZELByteRange* range, uint64_t* size) {
+  if (range->end < range->start) {
+    plan_report(p, 0, "The range ends before it starts");
+    return false;
+  }
+  *size = range->end - range->start + 1;
+  return true;
+}
+
+void get_object_run(ZELGetObjectDecorator* g) {
+  const ZELGetObjectOpt* opt = g->opt;
+  const char* missing = opt->bucket_key == nullptr ? "ZELGetObjectOpt bucket_key is (null)"
+                        : opt->key == nullptr      ? "ZELGetObjectOpt key is (null)"
+                                                   : nullptr;
+  if (missing != nullptr) return report(opt->callback, 0, missing, g->user_data);
+  Plan p{&g->handle, &g->opt, nullptr, nullptr, 0, 0, true, g->user_data};
+  p.size_unknown = opt->size_unknown != 0 || has_delta_header(opt->headers) ? 1 : 0;
+  if (opt->range != nullptr) {
+    if (!range_size(p, opt->range, &p.size)) return;
+  } else if (!p.size_unknown) {
+    int found = 0;
+    p.size = query_object_size(g, &found);
+    if (!found) return report(opt->callback, 0, "Cannot get object size", g->user_data);
+  }
+  EscapedName bucket(opt->bucket_key), key(opt->key);
+  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, g->user_data);
+  char url[kUrlBuffer] = {0};
+  zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
+  p.url = url;
+  download_run(p);
+}
+}  // namespace
+
+void get_object_task(void* raw) {
+  auto* g = static_cast<ZELGetObjectDecorator*>(raw);
+  if (g == nullptr) {
+    ZLOG("ZELGetObjectDecorator pointer is (null)");
+  } else if (g->opt == nullptr || g->handle == nullptr) {
+    ZLOG("ZELGetObjectOpt pointer is (null)");
+  } else {
+    get_object_run(g);
+  }
+  get_object_decorator_cleanup(g);
+}
+
+namespace {
+void get_object_by_url_run(ZELGetObjectByURLDecorator* u) {
+  const ZELGetObjectByURLOpt* opt = u->opt;
+  ZELGetObjectOpt* made = get_object_opt_from_url(opt);
+  Plan p{&u->handle, &made, opt->callback, nullptr, 0, opt->size_unknown != 0 ? 1 : 0, opt->authenticate,
+         u->user_data};
+  if (made == nullptr) return report(opt->callback, 0, "Cannot allocate memory for ZELDownloadDecorator", u->user_data);
+  if (opt->range != nullptr) {
+    if (!range_size(p, opt->range, &p.size)) return get_object_opt_cleanup(made);
+  } else if (!p.size_unknown) {
+    int found = 0;
+    p.size = query_object_size_by_url(u, &found);
+    if (!found) {
+      report(opt->callback, 0, "Cannot get object size", u->user_data);
+      return get_object_opt_cleanup(made);
+    }
+  }
+  char* url = download_url_utf8(opt->download_url);
+  if (url == nullptr) {
+    report(opt->callback, 0, "Cannot encode the download URL", u->user_data);
+  } else {
+    p.url = url;
+    download_run(p);
+    curl_free(url);
+  }
+  get_object_opt_cleanup(made);  // NULL once the download record took it
+}
+}  // namespace
+
+void get_object_by_url_task(void* raw) {
+  auto* u = static_cast<ZELGetObjectByURLDecorator*>(raw);
+  if (u == nullptr) {
+    ZLOG("ZELGetObjectByURLDecorator pointer is (null)");
+  } else if (u->opt == nullptr) {
+    ZLOG("ZELGetObjectByURLOpt pointer is (null)");
+  } else if (u->opt->download_url == nullptr) {
+    ZLOG("download url is (null)");
+  } else if (u->handle != nullptr) {
+    get_object_by_url_run(u);
+  }
+  get_object_by_url_decorator_cleanup(u);
+}
+
+void get_object_task_drop(void* raw) { get_object_decorator_cleanup(static_cast<ZELGetObjectDecorator*>(raw)); }
+
+void get_object_by_url_task_drop(void* raw) {
+  get_object_by_url_decorator_cleanup(static_cast<ZELGetObjectByURLDecorator*>(raw));
+}
