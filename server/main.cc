@@ -58,6 +58,7 @@ int serve(App &app) {
   server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
   install_routes(server, app);
   int port = bind_server(server, app.opts);
+  server.deepen_backlog();
   if (port <= 0) {
     std::fprintf(stderr, "zel-server: cannot listen on %s:%d\n", app.opts.host.c_str(), app.opts.port);
     return 1;

@@ -265,6 +265,10 @@ WireServer::WireServer() {
   set_keep_alive_timeout(30);
 }
 
+void WireServer::deepen_backlog() {
+  if (svr_sock_ != INVALID_SOCKET) ::listen(svr_sock_, SOMAXCONN);
+}
+
 bool WireServer::process_and_close_socket(socket_t sock) {
   tune_socket(sock);
   {

@@ -40,6 +40,11 @@ void wire_close_after_response();
 class WireServer : public httplib::Server {
  public:
   WireServer();
+  // cpp-httplib listens with a backlog of 5: a burst of clients (a test
+  // with hundreds of operations in flight) overflows it and the kernel drops
+  // handshakes, stalling those clients for up to a minute. Call after
+  // binding.
+  void deepen_backlog();
 
  private:
   bool process_and_close_socket(socket_t sock) override;
