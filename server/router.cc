@@ -147,7 +147,12 @@ void cut_answer(httplib::Response &res, int64_t limit) {
   }
 }
 
+// Set when a fault rule asked for an answer with an empty body, so the
+// error handler (same thread, same request) leaves it empty.
+thread_local bool t_fault_without_body = false;
+
 void handle(App &app, const httplib::Request &req, httplib::Response &res, const httplib::ContentReader *reader) {
+  t_fault_without_body = false;
   Ctx c{app, req, res, reader};
   std::string path = req.target.substr(0, req.target.find('?'));
   if (app.opts.test_api && path.compare(0, 11, "/_emulator/") == 0) {
@@ -163,6 +168,7 @@ void handle(App &app, const httplib::Request &req, httplib::Response &res, const
     if (fault.content_type.empty() && fault.status >= 400) return c.error(fault.status, "Injected fault");
     res.status = fault.status;
     if (!fault.body.empty()) res.set_content(fault.body, fault.content_type.c_str());
+    t_fault_without_body = fault.body.empty();
     return;
   }
   serve_api(c, path);
@@ -222,7 +228,11 @@ void install_routes(WireServer &server, App &app) {
   // get the same error body as the emulator's own.
   server.set_error_handler(
       httplib::Server::HandlerWithResponse([](const httplib::Request &, httplib::Response &res) {
-        if (!res.body.empty() || res.content_provider_) return httplib::Server::HandlerResponse::Unhandled;
+        bool keep_empty = t_fault_without_body;
+        t_fault_without_body = false;
+        if (!res.body.empty() || res.content_provider_ || keep_empty) {
+          return httplib::Server::HandlerResponse::Unhandled;
+        }
         res.set_content(reason_json(status_text(res.status)), "application/json");
         return httplib::Server::HandlerResponse::Handled;
       }));
