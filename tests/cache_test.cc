@@ -1,0 +1,150 @@
+// The bucket LRU cache: eviction order, recency on reads, replacement of an
+// entry from another environment, capacity 0, and use without a cache.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alloc.h"
+#include "cache.h"
+#include "captured_log.h"
+
+using zeltest::CapturedLog;
+
+namespace {
+
+class BucketCache : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    mem_fail_at(0);
+    cache_cleanup();
+  }
+};
+
+std::string key(int i) { return "bucket-" + std::to_string(i); }
+
+}  // namespace
+
+TEST_F(BucketCache, OldestUnreadEntryIsEvictedFirst) {
+  ASSERT_EQ(cache_init(128), 0);
+  for (int i = 1; i <= 129; i++) cache_put(key(i).c_str(), 3);
+  EXPECT_EQ(cache_count(), 128);
+  EXPECT_EQ(cache_get(key(1).c_str()), kCacheMiss) << "the first key put is the one dropped";
+  for (int i = 2; i <= 129; i++) EXPECT_EQ(cache_get(key(i).c_str()), 3u) << key(i);
+}
+
+TEST_F(BucketCache, ReadingAKeyMakesItTheMostRecent) {
+  ASSERT_EQ(cache_init(128), 0);
+  for (int i = 1; i <= 128; i++) cache_put(key(i).c_str(), 2);
+  EXPECT_EQ(cache_get(key(1).c_str()), 2u);
+  cache_put(key(129).c_str(), 2);
+  EXPECT_EQ(cache_get(key(2).c_str()), kCacheMiss) << "K2 became the oldest once K1 was read";
+  EXPECT_EQ(cache_get(key(1).c_str()), 2u);
+  EXPECT_EQ(cache_get(key(129).c_str()), 2u);
+  EXPECT_EQ(cache_count(), 128);
+}
+
+TEST_F(BucketCache, PutOfAKnownKeyReplacesAndRefreshes) {
+  ASSERT_EQ(cache_init(2), 0);
+  cache_put("shared", 1);
+  cache_put("other", 1);
+  cache_put("shared", 3);  // seen again, in production this time
+  EXPECT_EQ(cache_count(), 2) << "a replacement does not grow the table";
+  cache_put("third", 1);   // evicts the oldest, which is now "other"
+  EXPECT_EQ(cache_get("other"), kCacheMiss);
+  EXPECT_EQ(cache_get("shared"), 3u) << "the later environment wins";
+  EXPECT_EQ(cache_get("third"), 1u);
+}
+
+TEST_F(BucketCache, KeysCompareByExactBytes) {
+  ASSERT_EQ(cache_init(8), 0);
+  cache_put("Bucket", 1);
+  cache_put("bucket-long", 2);
+  EXPECT_EQ(cache_get("bucket"), kCacheMiss);
+  EXPECT_EQ(cache_get("bucket-lon"), kCacheMiss);
+  EXPECT_EQ(cache_get("Bucket"), 1u);
+  EXPECT_EQ(cache_get("bucket-long"), 2u);
+  cache_put(nullptr, 1);
+  EXPECT_EQ(cache_get(nullptr), kCacheMiss);
+  EXPECT_EQ(cache_count(), 2);
+}
+
+TEST_F(BucketCache, MissChangesNothing) {
+  ASSERT_EQ(cache_init(2), 0);
+  EXPECT_EQ(cache_get("anything"), kCacheMiss) << "empty cache";
+  cache_put("a", 1);
+  cache_put("b", 1);
+  EXPECT_EQ(cache_get("zzz"), kCacheMiss);
+  cache_put("c", 1);
+  EXPECT_EQ(cache_get("a"), kCacheMiss) << "a miss must not reorder the entries";
+  EXPECT_EQ(cache_get("b"), 1u);
+}
+
+TEST_F(BucketCache, CapacityZeroKeepsNothing) {
+  ASSERT_EQ(cache_init(0), 0);
+  for (int i = 0; i < 5; i++) cache_put(key(i).c_str(), 1);
+  EXPECT_EQ(cache_count(), 0);
+  EXPECT_EQ(cache_get(key(4).c_str()), kCacheMiss);
+}
+
+TEST_F(BucketCache, InitRulesAndUseWithoutACache) {
+  CapturedLog log;
+  EXPECT_EQ(cache_init(-5), -1);
+  EXPECT_EQ(log.count("Cache capacity(-5) is < 0"), 1);
+  EXPECT_EQ(log.tag_of("Cache capacity(-5) is < 0"), "src\\cache");
+  EXPECT_EQ(cache_count(), -1);
+
+  ASSERT_EQ(cache_init(128), 0);
+  cache_put("kept", 1);
+  EXPECT_EQ(cache_init(128), 1) << "a second init leaves the cache alone";
+  EXPECT_EQ(cache_init(-5), 1);
+  EXPECT_EQ(cache_get("kept"), 1u);
+
+  cache_cleanup();
+  log.clear();
+  cache_put("late", 1);
+  EXPECT_EQ(cache_get("late"), kCacheMiss);
+  EXPECT_EQ(log.count("Cache not initialized"), 2);
+  cache_cleanup();  // harmless without a cache
+}
+
+TEST_F(BucketCache, OutOfMemorySkipsTheEntry) {
+  CapturedLog log;
+  mem_fail_at(1);
+  EXPECT_EQ(cache_init(4), -1) << "no record, no cache";
+  ASSERT_EQ(cache_init(4), 0);
+
+  mem_fail_at(1);  // the entry
+  cache_put("a", 1);
+  mem_fail_at(2);  // its key copy
+  cache_put("a", 1);
+  EXPECT_EQ(log.count("Cannot allocate memory for a cache entry"), 2);
+  mem_fail_at(3);  // the table itself, made by the first insertion
+  cache_put("a", 1);
+  EXPECT_EQ(cache_count(), 0);
+  EXPECT_EQ(cache_get("a"), kCacheMiss);
+  cache_put("a", 7);
+  EXPECT_EQ(cache_get("a"), 7u) << "the cache works again once memory is back";
+}
+
+TEST_F(BucketCache, ConcurrentPutsAndGetsStayBounded) {
+  ASSERT_EQ(cache_init(16), 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; t++) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 2000; i++) {
+        std::string k = key((i * 7 + t) % 40);
+        if (i % 3 == 0) {
+          cache_put(k.c_str(), static_cast<uint32_t>(t));
+        } else {
+          uint32_t got = cache_get(k.c_str());
+          EXPECT_TRUE(got == kCacheMiss || got < 8u);
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_LE(cache_count(), 16);
+  EXPECT_GT(cache_count(), 0);
+}

@@ -1,0 +1,182 @@
+// Process-wide start-up and shut-down: what each brings up and takes down,
+// the undo of every failing start-up step, and that no worker or request
+// outlives the shut-down.
+#include <gtest/gtest.h>
+#include <locale.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "alloc.h"
+#include "cache.h"
+#include "captured_log.h"
+#include "global.h"
+#include "http.h"
+#include "httppool.h"
+#include "raw_http_server.h"
+#include "threadpool.h"
+
+using zeltest::CapturedLog;
+using zeltest::RawHttpServer;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+int g_failing_step = 0;
+int fail_selected_step(int step) { return step == g_failing_step ? 1 : 0; }
+
+class GlobalStartUp : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    global_set_step_hook(nullptr);
+    mem_fail_at(0);
+    zel_global_cleanup();
+  }
+};
+
+bool locale_is_global() { return uselocale(static_cast<locale_t>(0)) == LC_GLOBAL_LOCALE; }
+
+// True when no service of the library is left.
+::testing::AssertionResult nothing_left() {
+  if (http_pool_available() != -1) return ::testing::AssertionFailure() << "HTTP pool left";
+  if (thread_pool_running() != -1) return ::testing::AssertionFailure() << "thread pool left";
+  if (cache_count() != -1) return ::testing::AssertionFailure() << "bucket cache left";
+  if (http_global_ready()) return ::testing::AssertionFailure() << "libcurl state left";
+  if (!locale_is_global()) return ::testing::AssertionFailure() << "thread locale left";
+  return ::testing::AssertionSuccess();
+}
+
+int thread_count() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    (void)entry;
+    n++;
+  }
+  return n;
+}
+
+template <typename Predicate>
+bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+}  // namespace
+
+TEST_F(GlobalStartUp, BringsUpEveryServiceAndTakesThemDown) {
+  ASSERT_TRUE(nothing_left());
+  ASSERT_EQ(zel_global_init(), 0);
+  EXPECT_TRUE(global_thread_locale_active());
+  EXPECT_FALSE(locale_is_global());
+  EXPECT_TRUE(http_global_ready());
+  EXPECT_EQ(http_pool_available(), 8);
+  EXPECT_EQ(thread_pool_free_slots(), 8);
+  EXPECT_EQ(thread_pool_running(), 0);
+  for (int i = 0; i < 130; i++) cache_put(("b" + std::to_string(i)).c_str(), 1);
+  EXPECT_EQ(cache_count(), 128);
+  zel_global_cleanup();
+  EXPECT_TRUE(nothing_left());
+  zel_global_cleanup();  // a second shut-down finds nothing to do
+  EXPECT_TRUE(nothing_left());
+}
+
+TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
+  const char* messages[] = {nullptr, nullptr, "Cannot initialize ZEL Bucket LRU Cache", "Cannot initialize CURL",
+                            "Cannot initialize HTTP Pool", "Cannot initialize Thread Pool"};
+  global_set_step_hook(fail_selected_step);
+  for (int step = kStepLocale; step <= kStepThreadPool; step++) {
+    SCOPED_TRACE("failing step " + std::to_string(step));
+    CapturedLog log;
+    g_failing_step = step;
+    EXPECT_EQ(zel_global_init(), -1);
+    EXPECT_TRUE(nothing_left());
+    if (messages[step] == nullptr) {
+      EXPECT_TRUE(log.all().empty()) << "the locale step fails silently";
+    } else {
+      ASSERT_EQ(log.all().size(), 1u);
+      EXPECT_EQ(log.count(messages[step]), 1);
+      EXPECT_EQ(log.tag_of(messages[step]), "src\\zel");
+    }
+  }
+  g_failing_step = 0;
+  ASSERT_EQ(zel_global_init(), 0) << "start-up works once nothing fails";
+}
+
+// The same undo, reached through real allocation failures: the cache
+// record is the first allocation of start-up, the HTTP pool record the
+// second and the worker pool record the third.
+TEST_F(GlobalStartUp, AllocationFailuresUndoToo) {
+  struct Case {
+    long allocation;
+    const char* own;
+    const char* global;
+  } cases[] = {
+      {1, nullptr, "Cannot initialize ZEL Bucket LRU Cache"},
+      {2, "Cannot initialize HTTP pool", "Cannot initialize HTTP Pool"},
+      {3, "Cannot initialize thread pool", "Cannot initialize Thread Pool"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.global);
+    CapturedLog log;
+    mem_fail_at(c.allocation);
+    EXPECT_EQ(zel_global_init(), -1);
+    mem_fail_at(0);
+    EXPECT_TRUE(nothing_left());
+    EXPECT_EQ(log.count(c.global), 1);
+    if (c.own != nullptr) {
+      EXPECT_EQ(log.count(c.own), 1);
+    }
+  }
+}
+
+namespace {
+struct Work {
+  std::string url;
+  std::atomic<int> started{0};
+  std::atomic<int> finished{0};
+  std::atomic<int> exchanged{0};
+};
+
+// A transfer-like task: borrow a pooled request, talk to the server, give
+// the request back.
+void pooled_exchange(void* raw) {
+  auto* work = static_cast<Work*>(raw);
+  work->started++;
+  HttpRequest* request = http_pool_acquire();
+  HttpResponse* response = http_response_init();
+  if (request != nullptr && response != nullptr && http_request_get(request, work->url.c_str()) == nullptr &&
+      http_perform(request, response) == nullptr && response->status == 200) {
+    work->exchanged++;
+  }
+  std::this_thread::sleep_for(30ms);
+  http_response_cleanup(response);
+  http_pool_release(request);
+  work->finished++;
+}
+}  // namespace
+
+TEST_F(GlobalStartUp, NoWorkerOrRequestOutlivesShutDown) {
+  RawHttpServer server;
+  server.set_fallback(RawHttpServer::reply(200, "OK", "{}", {"Connection: close"}));
+  int baseline = thread_count();
+  ASSERT_EQ(zel_global_init(), 0);
+  Work work;
+  work.url = server.url("/zel/v2/buckets");
+  for (int i = 0; i < 24; i++) ASSERT_EQ(thread_pool_push(pooled_exchange, &work), 0);
+  ASSERT_TRUE(eventually([&] { return work.started.load() > 0; }));
+  zel_global_cleanup();
+  EXPECT_EQ(work.started.load(), work.finished.load()) << "shut-down returned while a worker still ran";
+  EXPECT_GT(work.exchanged.load(), 0);
+  EXPECT_TRUE(nothing_left());
+  EXPECT_EQ(thread_pool_push(pooled_exchange, &work), -1);
+  EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }, 2000ms))
+      << thread_count() << " threads, " << baseline << " before start-up";
+}

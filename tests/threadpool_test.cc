@@ -1,0 +1,252 @@
+// The worker pool: the worker limit under load, head-before-tail order,
+// refusal once stopped, cleanup that waits for running work and drops the
+// rest, and an idle pool that holds no thread.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alloc.h"
+#include "captured_log.h"
+#include "thread.h"
+#include "threadpool.h"
+
+using zeltest::CapturedLog;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class ThreadPool : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    mem_fail_at(0);
+    zel::thrd_set_create_hook(nullptr);
+    thread_pool_cleanup();
+  }
+};
+
+template <typename Predicate>
+bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+int thread_count() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    (void)entry;
+    n++;
+  }
+  return n;
+}
+
+// A task that runs until the test opens its latch.
+struct Latch {
+  std::atomic<bool> open{false};
+  std::atomic<bool> started{false};
+  std::atomic<bool> finished{false};
+  std::atomic<int> saw_stopping{0};
+};
+
+void wait_for_latch(void* raw) {
+  auto* latch = static_cast<Latch*>(raw);
+  latch->started = true;
+  while (!latch->open.load()) std::this_thread::sleep_for(1ms);
+  latch->saw_stopping = thread_pool_stopping();
+  latch->finished = true;
+}
+
+struct Load {
+  std::atomic<int> now{0};
+  std::atomic<int> most{0};
+  std::atomic<int> done{0};
+};
+
+void busy_task(void* raw) {
+  auto* load = static_cast<Load*>(raw);
+  int now = ++load->now;
+  int seen = load->most.load();
+  while (now > seen && !load->most.compare_exchange_weak(seen, now)) {
+  }
+  std::this_thread::sleep_for(20ms);
+  --load->now;
+  ++load->done;
+}
+
+std::mutex g_order_mutex;
+std::vector<std::string> g_order;
+struct Named {
+  const char* name;
+};
+void record_name(void* raw) {
+  std::lock_guard<std::mutex> guard(g_order_mutex);
+  g_order.push_back(static_cast<Named*>(raw)->name);
+}
+
+void count_up(void* raw) { ++*static_cast<std::atomic<int>*>(raw); }
+
+int refuse_nomem() { return zel::thrd_nomem; }
+
+}  // namespace
+
+TEST_F(ThreadPool, LimitHoldsUnderManyTasksAndAllRun) {
+  ASSERT_EQ(thread_pool_init(8), 8);
+  Load load;
+  for (int i = 0; i < 20; i++) ASSERT_EQ(thread_pool_append(busy_task, &load), 0);
+  EXPECT_LE(thread_pool_running(), 8);
+  ASSERT_TRUE(eventually([&] { return load.done.load() == 20; }));
+  EXPECT_LE(load.most.load(), 8);
+  EXPECT_GT(load.most.load(), 1) << "tasks should run side by side";
+}
+
+TEST_F(ThreadPool, HeadRunsBeforeEarlierTailTasks) {
+  ASSERT_EQ(thread_pool_init(1), 1);
+  Latch latch;
+  ASSERT_EQ(thread_pool_append(wait_for_latch, &latch), 0);
+  ASSERT_TRUE(eventually([&] { return latch.started.load(); }));
+  g_order.clear();
+  Named tail1{"tail1"}, tail2{"tail2"}, head1{"head1"}, head2{"head2"};
+  ASSERT_EQ(thread_pool_append(record_name, &tail1), 0);
+  ASSERT_EQ(thread_pool_append(record_name, &tail2), 0);
+  ASSERT_EQ(thread_pool_push(record_name, &head1), 0);
+  ASSERT_EQ(thread_pool_push(record_name, &head2), 0);
+  latch.open = true;
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard<std::mutex> guard(g_order_mutex);
+    return g_order.size() == 4;
+  }));
+  std::vector<std::string> expected = {"head2", "head1", "tail1", "tail2"};
+  EXPECT_EQ(g_order, expected);
+}
+
+TEST_F(ThreadPool, RefusedWithoutPoolAndAfterCleanup) {
+  CapturedLog log;
+  std::atomic<int> ran{0};
+  EXPECT_EQ(thread_pool_append(count_up, &ran), -1);
+  EXPECT_EQ(thread_pool_push(count_up, &ran), -1);
+  EXPECT_EQ(thread_pool_set_size(4), -1);
+  EXPECT_EQ(log.count("Thread pool is not initialized"), 1);
+  EXPECT_EQ(thread_pool_init(0), -1);
+
+  ASSERT_EQ(thread_pool_init(2), 2);
+  EXPECT_EQ(thread_pool_stopping(), 0);
+  thread_pool_cleanup();
+  EXPECT_EQ(thread_pool_stopping(), 1);
+  EXPECT_EQ(thread_pool_append(count_up, &ran), -1);
+  EXPECT_EQ(thread_pool_push(count_up, &ran), -1);
+  thread_pool_cleanup();  // a second cleanup does nothing
+
+  ASSERT_EQ(thread_pool_init(2), 2);
+  EXPECT_EQ(thread_pool_stopping(), 0) << "a new pool accepts work again";
+  ASSERT_EQ(thread_pool_append(count_up, &ran), 0);
+  ASSERT_TRUE(eventually([&] { return ran.load() == 1; }));
+  EXPECT_EQ(thread_pool_init(3), 3) << "init on a live pool only sets the limit";
+}
+
+TEST_F(ThreadPool, CleanupWaitsForRunningWorkAndDropsTheQueue) {
+  ASSERT_EQ(thread_pool_init(1), 1);
+  Latch latch;
+  std::atomic<int> ran{0};
+  ASSERT_EQ(thread_pool_append(wait_for_latch, &latch), 0);
+  ASSERT_TRUE(eventually([&] { return latch.started.load(); }));
+  for (int i = 0; i < 5; i++) ASSERT_EQ(thread_pool_append(count_up, &ran), 0);
+  std::thread opener([&] {
+    std::this_thread::sleep_for(200ms);
+    latch.open = true;
+  });
+  thread_pool_cleanup();
+  EXPECT_TRUE(latch.finished.load()) << "cleanup returned while a worker still ran";
+  EXPECT_EQ(latch.saw_stopping.load(), 1) << "running work sees the stop flag";
+  EXPECT_EQ(thread_pool_running(), -1);
+  opener.join();
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(ran.load(), 0) << "queued tasks are dropped, never run";
+}
+
+TEST_F(ThreadPool, IdlePoolHoldsNoThread) {
+  int baseline = thread_count();
+  ASSERT_EQ(thread_pool_init(8), 8);
+  EXPECT_EQ(thread_count(), baseline) << "workers start only for work";
+  Load load;
+  for (int i = 0; i < 20; i++) ASSERT_EQ(thread_pool_push(busy_task, &load), 0);
+  ASSERT_TRUE(eventually([&] { return load.done.load() == 20; }));
+  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 0; }));
+  EXPECT_EQ(thread_pool_free_slots(), 8);
+  EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }))
+      << thread_count() << " threads, " << baseline << " before";
+}
+
+TEST_F(ThreadPool, LoweredLimitKeepsSlotsClosedUntilEnoughEnd) {
+  ASSERT_EQ(thread_pool_init(5), 5);
+  Latch latches[5];
+  for (Latch& latch : latches) ASSERT_EQ(thread_pool_append(wait_for_latch, &latch), 0);
+  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 5; }));
+  EXPECT_EQ(thread_pool_set_size(2), 2);
+  EXPECT_EQ(thread_pool_free_slots(), 0);
+  for (int ended = 1; ended <= 3; ended++) {
+    latches[ended - 1].open = true;
+    ASSERT_TRUE(eventually([&] { return thread_pool_running() == 5 - ended; }));
+    EXPECT_EQ(thread_pool_free_slots(), 0) << "after " << ended << " ended";
+  }
+  std::atomic<int> ran{0};
+  ASSERT_EQ(thread_pool_append(count_up, &ran), 0);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(ran.load(), 0) << "two workers run under a limit of two: no new one may start";
+  EXPECT_EQ(thread_pool_running(), 2);
+  latches[3].open = true;
+  ASSERT_TRUE(eventually([&] { return ran.load() == 1; })) << "the next free worker takes the queued task";
+  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 1; }));
+  EXPECT_EQ(thread_pool_free_slots(), 1);
+  latches[4].open = true;
+  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 0; }));
+  EXPECT_EQ(thread_pool_free_slots(), 2);
+}
+
+// Each task is queued the moment the previous one has run, which is when
+// the only worker is on its way out. A worker that handed its slot back
+// after it had found the queue empty could leave such a task waiting for
+// a worker that never comes.
+TEST_F(ThreadPool, NoTaskIsStrandedWhileTheLastWorkerLeaves) {
+  ASSERT_EQ(thread_pool_init(1), 1);
+  std::atomic<int> ran{0};
+  for (int i = 1; i <= 3000; i++) {
+    ASSERT_EQ(thread_pool_append(count_up, &ran), 0);
+    ASSERT_TRUE(eventually([&] { return ran.load() == i; }, 2000ms)) << "task " << i << " was stranded";
+  }
+}
+
+TEST_F(ThreadPool, StartAndAllocationFailures) {
+  CapturedLog log;
+  mem_fail_at(1);
+  EXPECT_EQ(thread_pool_init(2), -1);
+  EXPECT_EQ(log.count("Cannot initialize thread pool"), 1);
+  EXPECT_EQ(log.tag_of("Cannot initialize thread pool"), "src\\threadpool");
+  ASSERT_EQ(thread_pool_init(2), 2);
+
+  std::atomic<int> ran{0};
+  mem_fail_at(1);
+  EXPECT_EQ(thread_pool_append(count_up, &ran), -1);
+  EXPECT_EQ(log.count("Cannot allocate memory for thread task"), 1);
+
+  zel::thrd_set_create_hook(refuse_nomem);
+  EXPECT_EQ(thread_pool_append(count_up, &ran), 0) << "the task stays queued";
+  EXPECT_EQ(log.count("Cannot create a new thread: The requested operation failed because it was unable "
+                      "to allocate memory"),
+            1);
+  EXPECT_EQ(thread_pool_running(), 0);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(ran.load(), 0);
+  zel::thrd_set_create_hook(nullptr);
+  ASSERT_EQ(thread_pool_append(count_up, &ran), 0);
+  EXPECT_TRUE(eventually([&] { return ran.load() == 2; })) << "the next worker runs both tasks";
+}
