@@ -2,9 +2,9 @@
 // Internal face of the bucket records: the copies the bucket operations make
 // of a caller's permission list, and the listing page the listing operation
 // fills and frees itself (callers never free a page).
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 // Deep copy in reverse order, so that the copy of a list built by appending
 // X, Y, Z reads X, Y, Z from head. NULL for NULL or when memory runs out

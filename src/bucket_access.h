@@ -86,8 +86,8 @@ int run_access_worker(void* raw, const AccessNames& n, char* (*to_json)(const Op
   char url[kUrlBuffer] = {0};
   zel_api_url(decorator->handle, url, n.path, key.get());
   Exchange exchange;
-  ExchangeSpec spec{decorator->handle, opt->headers, HttpMethod::post, url, "application/json", body};
-  bool answered = exchange.run(spec);
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::post, url, "application/json", body};
+  bool answered = exchange.run(plan);
   mem_free(body);
   if (answered && exchange.status() == 200) {
     on_success(exchange, *decorator);

@@ -75,8 +75,8 @@ int worker(void* raw) {
               destination.get());
   // A PUT without body: application/octet-stream and an upload size of 0.
   Exchange exchange;
-  ExchangeSpec spec{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr};
-  bool answered = exchange.run(spec);
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr};
+  bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     deliver_object_details(kLogTag, exchange, decorator->handle->api_version, opt->details_callback,
                            opt->callback, decorator->user_data);

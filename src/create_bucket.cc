@@ -81,8 +81,8 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
   char url[kUrlBuffer] = {0};
   zel_api_url(handle, url, "/buckets");
   Exchange exchange;
-  ExchangeSpec spec{handle, opt->headers, HttpMethod::post, url, "application/json", body};
-  bool answered = exchange.run(spec);
+  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body};
+  bool answered = exchange.run(plan);
   mem_free(body);
   if (!answered) {
     ZLOG("%s", exchange.error());

@@ -14,16 +14,16 @@ namespace {
 
 std::atomic<int> g_running_workers{0};
 
-const char* prepare_method(HttpRequest* request, const ExchangeSpec& spec) {
-  switch (spec.method) {
+const char* prepare_method(HttpRequest* request, const ExchangePlan& plan) {
+  switch (plan.method) {
     case HttpMethod::get:
-      return http_request_get(request, spec.url);
+      return http_request_get(request, plan.url);
     case HttpMethod::del:
-      return http_request_delete(request, spec.url);
+      return http_request_delete(request, plan.url);
     case HttpMethod::post:
-      return http_request_post(request, spec.url, spec.content_type, spec.body);
+      return http_request_post(request, plan.url, plan.content_type, plan.body);
     case HttpMethod::put:
-      return http_request_put(request, spec.url, spec.content_type);
+      return http_request_put(request, plan.url, plan.content_type);
   }
   return "Unknown HTTP method";
 }
@@ -32,20 +32,20 @@ const char* prepare_method(HttpRequest* request, const ExchangeSpec& spec) {
 
 Exchange::~Exchange() { http_release(request_, response_); }
 
-bool Exchange::run(const ExchangeSpec& spec) {
+bool Exchange::run(const ExchangePlan& plan) {
   setup_failed_ = true;
   request_ = http_request_init();
   if (request_ == nullptr) {
     error_ = "Cannot initialize http request";
     return false;
   }
-  HttpSettings settings = http_settings_from(spec.handle);
+  HttpSettings settings = http_settings_from(plan.handle);
   http_request_configure(request_, &settings);
-  http_request_set_auth(request_, spec.handle->get_token, spec.handle->free_token);
-  for (const ZELHeaders* node = spec.headers; node != nullptr; node = node->next) {
+  http_request_set_auth(request_, plan.handle->get_token, plan.handle->free_token);
+  for (const ZELHeaders* node = plan.headers; node != nullptr; node = node->next) {
     http_request_add_header(request_, node->line);
   }
-  if ((error_ = prepare_method(request_, spec)) != nullptr) return false;
+  if ((error_ = prepare_method(request_, plan)) != nullptr) return false;
   response_ = http_response_init();
   if (response_ == nullptr) {
     error_ = "Cannot initialize http response";

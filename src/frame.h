@@ -32,7 +32,7 @@ void report(void (*callback)(const Resp*, void*), int32_t code, const char* mess
 
 enum class HttpMethod { get, post, put, del };
 
-struct ExchangeSpec {
+struct ExchangePlan {
   const ZEL* handle;
   const ZELHeaders* headers;  // caller's extra lines, sent in list order
   HttpMethod method;
@@ -52,7 +52,7 @@ class Exchange {
   // Runs the exchange. True when an HTTP status was received; otherwise
   // error() names the failed step and code() is 0 before the transfer or
   // libcurl's code after a failed transfer.
-  bool run(const ExchangeSpec& spec);
+  bool run(const ExchangePlan& plan);
 
   int32_t status() const;
   // The failure code to report: the HTTP status, libcurl's code, or 0.

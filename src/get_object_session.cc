@@ -104,8 +104,8 @@ int worker(void* raw) {
   zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
               opt->session_id);
   Exchange exchange;
-  ExchangeSpec spec{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
-  bool answered = exchange.run(spec);
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  bool answered = exchange.run(plan);
   if (answered && (exchange.status() == 200 || exchange.status() == 202)) {
     deliver_session(exchange, *decorator);
   } else {

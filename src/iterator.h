@@ -1,9 +1,9 @@
 #pragma once
 // Cuts a byte range into chunk ranges of a fixed size and hands each out
 // exactly once, to any number of threads.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "thread.h"
 

@@ -27,7 +27,8 @@ struct ObjectFields {
 // out.
 int set_object_fields(ZELObjectDetails* details, const ObjectFields& fields) {
   if (json_set_text(&details->object_id, fields.id) != 0 ||
-      json_set_wide(&details->object_key, fields.key) != 0 || json_set_text(&details->sha1, fields.sha1) != 0 ||
+      json_set_wide(&details->object_key, fields.key) != 0 ||
+      json_set_text(&details->sha1, fields.sha1) != 0 ||
       json_set_text(&details->content_type, fields.content_type) != 0 ||
       json_set_text(&details->location, fields.location) != 0) {
     ZLOG("Cannot allocate memory for ZELObjectDetails fields");
@@ -48,9 +49,10 @@ int read_v1_objects(json_t* objects, ZELObjectDetails* details) {
   ObjectFields fields;
   for (size_t i = 0; i < json_array_size(objects); ++i) {
     json_error_t error;
-    int result = json_unpack_ex(json_array_get(objects, i), &error, JSON_STRICT, "{s?:s, s:s, s?:s, s:I, s:s, s:s}",
-                                "id", &fields.id, "key", &fields.key, "sha-1", &fields.sha1, "size", &fields.size,
-                                "content-type", &fields.content_type, "location", &fields.location);
+    int result =
+        json_unpack_ex(json_array_get(objects, i), &error, JSON_STRICT, "{s?:s, s:s, s?:s, s:I, s:s, s:s}",
+                       "id", &fields.id, "key", &fields.key, "sha-1", &fields.sha1, "size", &fields.size,
+                       "content-type", &fields.content_type, "location", &fields.location);
     if (result != 0) {
       ZLOG("Error parsing object details v1 json: %s", error.text);
       return result;
@@ -123,7 +125,8 @@ int object_details_v1_fromjson(const char* text, ZELObjectDetails* details) {
   }
   const char* bucket_key = nullptr;
   json_t* objects = nullptr;
-  int result = json_unpack_ex(root, &error, JSON_STRICT, "{s:s, s:o}", "bucket-key", &bucket_key, "objects", &objects);
+  int result =
+      json_unpack_ex(root, &error, JSON_STRICT, "{s:s, s:o}", "bucket-key", &bucket_key, "objects", &objects);
   if (result != 0 || details == nullptr) {
     ZLOG("Error parsing object details v1 json: %s", result != 0 ? error.text : "no record to fill");
     json_decref(root);
@@ -152,9 +155,10 @@ int object_details_v2_fromjson(const char* text, ZELObjectDetails* details) {
   json_int_t dates[3] = {0, 0, 0};
   int result = json_unpack_ex(
       root, &error, JSON_STRICT, "{s:s, s?:s, s:s, s?:s, s:I, s:s, s?:s, s?:o, s?:o, s?:I, s?:I, s?:I, *}",
-      "bucketKey", &bucket_key, "objectId", &fields.id, "objectKey", &fields.key, "sha1", &fields.sha1, "size",
-      &fields.size, "contentType", &fields.content_type, "location", &fields.location, "blockSizes", &ignored[0],
-      "deltas", &ignored[1], "createdDate", &dates[0], "lastAccessedDate", &dates[1], "lastModifiedDate", &dates[2]);
+      "bucketKey", &bucket_key, "objectId", &fields.id, "objectKey", &fields.key, "sha1", &fields.sha1,
+      "size", &fields.size, "contentType", &fields.content_type, "location", &fields.location, "blockSizes",
+      &ignored[0], "deltas", &ignored[1], "createdDate", &dates[0], "lastAccessedDate", &dates[1],
+      "lastModifiedDate", &dates[2]);
   if (result != 0 || details == nullptr) {
     ZLOG("Error parsing object details v2 json: %s", result != 0 ? error.text : "no record to fill");
     json_decref(root);

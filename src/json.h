@@ -9,10 +9,9 @@
 // number (logged). A parser that fails part-way leaves the fields it had
 // already set in the record; the record's owner releases it.
 #include <jansson.h>
+#include <zel/zel.h>
 
 #include <cstdint>
-
-#include <zel/zel.h>
 
 // Request bodies. The permission list is sent from head, which in an
 // operation's clone of the caller's list is the order of appending. A

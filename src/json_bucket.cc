@@ -26,10 +26,26 @@ struct Keys {
   const char* details_created;
 };
 
-constexpr Keys kV1 = {"v1", "serviceId", "policy", "servicesAllowed", "servicesAllowed", "servicesAllowed",
-                      "{s:s, s:s, s:I, s:o, s:s}", "key", "owner", "createDate"};
-constexpr Keys kV2 = {"v2", "authId", "policyKey", "allow", "revoke", "permissions",
-                      "{s:s, s:s, s:I, s:o, s:s, *}", "bucketKey", "bucketOwner", "createdDate"};
+constexpr Keys kV1 = {"v1",
+                      "serviceId",
+                      "policy",
+                      "servicesAllowed",
+                      "servicesAllowed",
+                      "servicesAllowed",
+                      "{s:s, s:s, s:I, s:o, s:s}",
+                      "key",
+                      "owner",
+                      "createDate"};
+constexpr Keys kV2 = {"v2",
+                      "authId",
+                      "policyKey",
+                      "allow",
+                      "revoke",
+                      "permissions",
+                      "{s:s, s:s, s:I, s:o, s:s, *}",
+                      "bucketKey",
+                      "bucketOwner",
+                      "createdDate"};
 
 // One object per entry; `with_access` false packs the id only (revoke).
 int append_entries(const ZELBucketPermissions* list, json_t* array, const Keys& keys, bool with_access,
@@ -147,7 +163,6 @@ int permission_list_fromjson(ZELBucketPermissions* list, json_t* array, const Ke
   return 0;
 }
 
-
 // Fills the record from an unpacked details body; the tree stays the
 // caller's.
 int bucket_details_fill(ZELBucketDetails* details, const char* key, const char* owner, json_t* permissions,
@@ -264,13 +279,14 @@ int list_bucket_items_fromjson(ZELListBucketsDetails* page, json_t* items) {
     json_int_t created = 0;
     const char* policy = nullptr;
     json_error_t error;
-    if (json_unpack_ex(json_array_get(items, i), &error, 0, "{s:s, s:I, s:s}", "bucketKey", &key, "createdDate",
-                       &created, "policyKey", &policy) != 0) {
+    if (json_unpack_ex(json_array_get(items, i), &error, 0, "{s:s, s:I, s:s}", "bucketKey", &key,
+                       "createdDate", &created, "policyKey", &policy) != 0) {
       ZLOG("Cannot parse bucket list item from json: %s", error.text);
       return -1;
     }
     char16_t* wide_key = utf8_to_wide(key);
-    bool added_item = wide_key != nullptr && list_buckets_details_append(page, wide_key, created, policy) != nullptr;
+    bool added_item =
+        wide_key != nullptr && list_buckets_details_append(page, wide_key, created, policy) != nullptr;
     mem_free(wide_key);
     if (!added_item) {
       ZLOG("Cannot append new permission to the list");

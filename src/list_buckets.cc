@@ -94,8 +94,8 @@ int worker(void* raw) {
   char url[kUrlBuffer] = {0};
   zel_api_url(decorator->handle, url, "/buckets?%s", query);
   Exchange exchange;
-  ExchangeSpec spec{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
-  bool answered = exchange.run(spec);
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     on_success(exchange, *decorator);
   } else {

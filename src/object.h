@@ -2,9 +2,9 @@
 // Internal face of the object records: the copies that queued transfers keep
 // of their options, the decorators that carry those copies to the worker
 // pool, and the reading of an upload session's Range header value.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 // Deep copies; NULL gives NULL. They log which allocation failed and leave
 // nothing allocated.
@@ -48,8 +48,8 @@ struct ZELGetObjectByURLDecorator {
 // A missing handle or options record gives no copy; a copy that fails gives
 // NULL for the whole decorator, with everything made so far freed. The
 // cleanups free both copies and the decorator and accept NULL.
-ZELPutObjectDecorator* put_object_decorator_init(const ZEL* handle, const ZELPutObjectOpt* opt,
-                                                 uint64_t size, void* user_data);
+ZELPutObjectDecorator* put_object_decorator_init(const ZEL* handle, const ZELPutObjectOpt* opt, uint64_t size,
+                                                 void* user_data);
 void put_object_decorator_cleanup(ZELPutObjectDecorator* decorator);
 ZELGetObjectDecorator* get_object_decorator_init(const ZEL* handle, const ZELGetObjectOpt* opt,
                                                  void* user_data);

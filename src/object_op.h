@@ -51,8 +51,8 @@ int run_key_pair_worker(void* raw, const KeyPairWorker& w,
   char url[kUrlBuffer] = {0};
   zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s%s", bucket.get(), key.get(), w.suffix);
   Exchange exchange;
-  ExchangeSpec spec{decorator->handle, opt->headers, w.method, url, w.content_type, nullptr};
-  if (exchange.run(spec) && exchange.status() == 200) {
+  ExchangePlan plan{decorator->handle, opt->headers, w.method, url, w.content_type, nullptr};
+  if (exchange.run(plan) && exchange.status() == 200) {
     on_success(exchange, *decorator);
   } else {
     report_failure(opt->callback, exchange, decorator->user_data);

@@ -56,9 +56,11 @@ void free_text(const char* text) { mem_free(const_cast<char*>(text)); }
 
 // Message of the first failed field copy, or none.
 const char* copy_put_fields(const ZELPutObjectOpt* opt, ZELPutObjectOpt* copy) {
-  if (!dup_wide(opt->bucket_key, &copy->bucket_key)) return "Cannot allocate memory for ZELPutObjectOpt bucket_key";
+  if (!dup_wide(opt->bucket_key, &copy->bucket_key))
+    return "Cannot allocate memory for ZELPutObjectOpt bucket_key";
   if (!dup_wide(opt->key, &copy->key)) return "Cannot allocate memory for ZELPutObjectOpt key";
-  if (!dup_text(opt->session_id, &copy->session_id)) return "Cannot allocate memory for ZELPutObjectOpt session_id";
+  if (!dup_text(opt->session_id, &copy->session_id))
+    return "Cannot allocate memory for ZELPutObjectOpt session_id";
   if (!dup_text(opt->content_type, &copy->content_type)) {
     return "Cannot allocate memory for ZELPutObjectOpt content_type";
   }
@@ -75,7 +77,8 @@ const char* copy_get_fields(const ZELGetObjectOpt* opt, ZELGetObjectOpt* copy) {
   if (!dup_wide(opt->key, &copy->key)) return "Cannot allocate memory for the ZELGetObjectOpt key";
   if (!dup_range(opt->range, &copy->range)) return "Cannot allocate memory for the ZELGetObjectOpt range";
   if (!dup_stream(opt->stream, &copy->stream)) return "Cannot allocate for the ZELGetObjectOpt stream";
-  if (!dup_headers(opt->headers, &copy->headers)) return "Cannot allocate memory for the ZELGetObjectOpt headers";
+  if (!dup_headers(opt->headers, &copy->headers))
+    return "Cannot allocate memory for the ZELGetObjectOpt headers";
   return nullptr;
 }
 
@@ -84,7 +87,8 @@ const char* copy_get_by_url_fields(const ZELGetObjectByURLOpt* opt, ZELGetObject
     return "Cannot allocate memory for the ZELGetObjectByURLOpt download_url";
   }
   copy->authenticate = opt->authenticate;
-  if (!dup_range(opt->range, &copy->range)) return "Cannot allocate memory for the ZELGetObjectByURLOpt range";
+  if (!dup_range(opt->range, &copy->range))
+    return "Cannot allocate memory for the ZELGetObjectByURLOpt range";
   if (!dup_stream(opt->stream, &copy->stream)) return "Cannot allocate for the ZELGetObjectByURLOpt stream";
   if (!dup_headers(opt->headers, &copy->headers)) {
     return "Cannot allocate memory for the ZELGetObjectByURLOpt headers";
@@ -212,8 +216,8 @@ void get_object_by_url_opt_cleanup(ZELGetObjectByURLOpt* opt) {
   mem_free(opt);
 }
 
-ZELPutObjectDecorator* put_object_decorator_init(const ZEL* handle, const ZELPutObjectOpt* opt,
-                                                 uint64_t size, void* user_data) {
+ZELPutObjectDecorator* put_object_decorator_init(const ZEL* handle, const ZELPutObjectOpt* opt, uint64_t size,
+                                                 void* user_data) {
   auto* decorator = decorator_init<ZELPutObjectDecorator>(handle, opt, user_data, put_object_opt_clone,
                                                           put_object_decorator_cleanup,
                                                           "Cannot allocate memory for ZELPutObjectDecorator");

@@ -1,9 +1,9 @@
 #pragma once
 // One byte counter per transfer, summed from every request of the transfer
 // as they run in parallel, and the per-request record that feeds it.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "thread.h"
 
