@@ -1,0 +1,301 @@
+// Uploads against the emulator: what arrives in the store, what went over
+// the wire (the request journal), and what the caller was told.
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "httppool.h"
+#include "record_log.h"
+#include "transfer_support.h"
+
+namespace {
+
+using xfer::Outcome;
+using xfer::PutOptions;
+using zeltest::http;
+using zeltest::kAuthHeader;
+using zeltest::pattern_bytes;
+using zeltest::sha1_hex;
+
+constexpr uint64_t kChunk = 65536;
+
+class UploadTest : public zeltest::LibTest {
+ protected:
+  void SetUp() override {
+    LibTest::SetUp();
+    make_bucket("bkt");
+    h_ = handle();
+    h_->chunk_size = kChunk;
+  }
+
+  std::string stored(const std::string& key) {
+    zeltest::HttpResult r = http("GET", server_.api(2) + "/buckets/bkt/objects/" + key, {kAuthHeader});
+    EXPECT_EQ(r.status, 200) << key;
+    return r.body;
+  }
+
+  std::vector<zeltest::RecordedRequest> puts() { return xfer::matching(server_.requests(), "PUT", "/objects/"); }
+
+  // Uploads `data` as `key` and waits for the single report.
+  void upload(PutOptions& p, Outcome& o) {
+    zel_put_object(h_, &p.opt, &o);
+    ASSERT_TRUE(o.wait_once()) << "expected exactly one report";
+  }
+
+  ZEL* h_ = nullptr;
+  xfer::ScratchDir dir_;
+};
+
+TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
+  struct Case {
+    uint64_t size;
+    uint64_t chunk;
+    size_t requests;
+    bool resumable;
+  };
+  const Case cases[] = {{kChunk, kChunk, 1, false}, {kChunk + 1, kChunk, 2, true}, {300000, 4096, 74, true}};
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE("size " + std::to_string(c.size) + " chunk " + std::to_string(c.chunk));
+    std::string key = "boundary" + std::to_string(n);
+    std::string data = pattern_bytes(c.size, 11 + n++);
+    h_->chunk_size = c.chunk;
+    server_.clear_requests();
+    PutOptions p("bkt", key, dir_.write(key, data));
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+    EXPECT_EQ(o.sha1, sha1_hex(data));
+    EXPECT_EQ(stored(key), data);
+    auto sent = puts();
+    ASSERT_EQ(sent.size(), c.requests);
+    std::set<std::string> ids, ranges;
+    uint64_t body_bytes = 0;
+    for (const auto& r : sent) {
+      EXPECT_EQ(r.target.find("/resumable") != std::string::npos, c.resumable) << r.target;
+      ids.insert(r.header("Session-Id"));
+      ranges.insert(r.header("Content-Range"));
+      body_bytes += r.body_size;
+    }
+    EXPECT_EQ(body_bytes, c.size) << "every byte goes up exactly once";
+    ASSERT_EQ(ids.size(), 1u) << "one generated session id for the whole upload";
+    EXPECT_EQ(ids.begin()->size(), 32u);
+    EXPECT_EQ(ranges.count("bytes 0-" + std::to_string(std::min(c.chunk, c.size) - 1) + "/" + std::to_string(c.size)),
+              1u);
+    EXPECT_EQ(ranges.count("bytes " + std::to_string((c.requests - 1) * c.chunk) + "-" + std::to_string(c.size - 1) +
+                           "/" + std::to_string(c.size)),
+              1u);
+  }
+}
+
+TEST_F(UploadTest, EmptyFileIsOneEmptyPutEndingInDetails) {
+  PutOptions p("bkt", "empty", dir_.write("empty", ""));
+  Outcome o;
+  upload(p, o);
+  EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+  EXPECT_EQ(o.size, 0u);
+  EXPECT_EQ(o.sha1, sha1_hex(""));
+  auto sent = puts();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].header("Content-Range"), "") << "no wrapped-around range for an empty file";
+  EXPECT_EQ(sent[0].body_size, 0u);
+}
+
+TEST_F(UploadTest, ResumedUploadSendsOnlyTheMissingRanges) {
+  std::string data = pattern_bytes(4 * kChunk + 500, 3);
+  std::string path = dir_.write("resume", data);
+  // The second chunk is refused once: the session keeps the other three.
+  ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 65536-",)"
+                                R"("status":403,"times":1})"));
+  PutOptions first("bkt", "resume", path);
+  first.opt.session_id = "resume-session-0001";
+  Outcome o1;
+  upload(first, o1);
+  EXPECT_EQ(o1.callbacks, 1);
+  EXPECT_EQ(o1.code, 403);
+  EXPECT_EQ(o1.message, "Resumable upload failed or was cancelled");
+  ASSERT_EQ(o1.chunk_failures.size(), 1u);
+  EXPECT_EQ(o1.chunk_failures[0], std::make_pair(int32_t{403}, std::string("Forbidden")));
+  EXPECT_EQ(o1.chunks_done.size(), 4u);
+  EXPECT_EQ(xfer::matching(server_.requests(), "PUT", "resumable").size(), 5u) << "a 403 is not retried";
+
+  zeltest::HttpResult status =
+      http("GET", server_.api(2) + "/buckets/bkt/objects/resume/status/resume-session-0001", {kAuthHeader});
+  ASSERT_EQ(status.status, 202);
+  EXPECT_EQ(status.header("Range"), "bytes=0-65535,131072-262643");
+
+  server_.clear_requests();
+  PutOptions second("bkt", "resume", path);
+  second.opt.session_id = "resume-session-0001";
+  second.set_range(65536, 131071);
+  Outcome o2;
+  upload(second, o2);
+  ASSERT_EQ(o2.details, 1) << o2.code << " " << o2.message;
+  EXPECT_FALSE(o2.details_null);
+  EXPECT_EQ(o2.sha1, sha1_hex(data));
+  auto sent = puts();
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].header("Content-Range"), "bytes 65536-131071/262644");
+  EXPECT_EQ(sent[0].header("Session-Id"), "resume-session-0001");
+  EXPECT_EQ(sent[0].body_size, kChunk);
+  EXPECT_EQ(stored("resume"), data);
+}
+
+TEST_F(UploadTest, RangedUploadLandsAtItsOffsetsAndEndsWithoutDetails) {
+  std::string data = pattern_bytes(200000, 5);
+  PutOptions p("bkt", "ranged", dir_.write("ranged", data));
+  p.opt.session_id = "ranged-session";
+  p.set_range(70000, 199999);
+  Outcome o;
+  upload(p, o);
+  EXPECT_EQ(o.details, 1);
+  EXPECT_TRUE(o.details_null) << "the service still misses bytes 0-69999";
+  EXPECT_EQ(o.chunks_done.size(), 2u);
+  std::set<std::string> ranges;
+  for (const auto& r : puts()) ranges.insert(r.header("Content-Range"));
+  EXPECT_EQ(ranges, (std::set<std::string>{"bytes 70000-135535/200000", "bytes 135536-199999/200000"}));
+  // The rest completes the object, whose bytes must all sit in place.
+  PutOptions rest("bkt", "ranged", dir_.file("ranged"));
+  rest.opt.session_id = "ranged-session";
+  rest.set_range(0, 69999);
+  Outcome o2;
+  upload(rest, o2);
+  ASSERT_EQ(o2.details, 1) << o2.code << " " << o2.message;
+  EXPECT_EQ(o2.sha1, sha1_hex(data));
+  EXPECT_EQ(stored("ranged"), data);
+}
+
+TEST_F(UploadTest, FailedStatusesAreRetriedOnlyWhenWorthIt) {
+  LogCapture log;
+  std::string data = pattern_bytes(kChunk + 10, 9);
+  std::string path = dir_.write("retry", data);
+  {
+    SCOPED_TRACE("500: retried max_retries times, each retry logged with its number");
+    ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","status":500,"times":-1})"));
+    PutOptions p("bkt", "retry", path);
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.code, 500);
+    EXPECT_EQ(o.message, "Resumable upload failed or was cancelled");
+    EXPECT_EQ(o.chunk_failures.size(), 2u);
+    EXPECT_EQ(puts().size(), 12u) << "two chunks, six attempts each";
+    std::vector<std::string> lines = record_log::messages("src\\put_object");
+    for (int n = 1; n <= 5; n++) {
+      std::string line = "Chunk (65536-65545/65546) upload failed (status: 500, error: Injected fault) - retry #" +
+                         std::to_string(n);
+      EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
+    }
+    EXPECT_EQ(lines.size(), 10u);
+    server_.clear_faults();
+  }
+  for (int refused : {403, 404}) {
+    SCOPED_TRACE("refused with " + std::to_string(refused) + ": not retried");
+    server_.clear_requests();
+    ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 0-",)"
+                                  R"("status":)" + std::to_string(refused) + "}"));
+    PutOptions p("bkt", "retry", path);
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.code, refused);
+    ASSERT_EQ(o.chunk_failures.size(), 1u);
+    EXPECT_EQ(o.chunk_failures[0].second, refused == 403 ? "Forbidden" : "Not Found");
+    EXPECT_EQ(puts().size(), 2u);
+  }
+  {
+    SCOPED_TRACE("504: retried, and the request pool gives up one place");
+    server_.clear_requests();
+    ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","status":504,"times":1})"));
+    PutOptions p("bkt", "retry504", path);
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+    EXPECT_EQ(o.sha1, sha1_hex(data));
+    EXPECT_EQ(puts().size(), 3u);
+    EXPECT_EQ(http_pool_available(), 7);
+  }
+}
+
+TEST_F(UploadTest, ProgressSumsToTheSizeAndCanCancel) {
+  std::string data = pattern_bytes(10 * kChunk + 123, 21);
+  std::string path = dir_.write("progress", data);
+  {
+    PutOptions p("bkt", "progress", path);
+    p.opt.progress_callback = xfer::on_progress;
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.details, 1);
+    EXPECT_EQ(o.progress_max, data.size());
+    EXPECT_EQ(o.progress_total, data.size());
+    EXPECT_EQ(o.stats, 11);
+    EXPECT_EQ(o.stats_bytes, static_cast<double>(data.size()));
+  }
+  {
+    SCOPED_TRACE("a progress_callback that answers non-zero cancels without retry");
+    server_.clear_requests();
+    // The service holds each chunk back, so every chunk is still in flight
+    // when its first progress report cancels it.
+    ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","delay_ms":300,"times":-1})"));
+    PutOptions p("bkt", "cancelled", path);
+    p.opt.progress_callback = xfer::on_progress;
+    Outcome o;
+    o.cancel_after = 0;
+    upload(p, o);
+    EXPECT_EQ(o.callbacks, 1);
+    EXPECT_EQ(o.code, 42);
+    EXPECT_EQ(o.message, "Resumable upload failed or was cancelled");
+    EXPECT_EQ(o.chunk_failures.size(), 11u);
+    for (const auto& f : o.chunk_failures) EXPECT_EQ(f.first, 42);
+    EXPECT_LE(puts().size(), 11u);
+    zeltest::HttpResult r = http("GET", server_.api(2) + "/buckets/bkt/objects/cancelled", {kAuthHeader});
+    EXPECT_EQ(r.status, 404) << "a cancelled upload stores nothing";
+  }
+}
+
+TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
+  LogCapture log;
+  PutOptions p("bkt", "nofile", dir_.file("does-not-exist"));
+  Outcome o;
+  zel_put_object(h_, &p.opt, &o);
+  EXPECT_EQ(o.finals, 1) << "reported before the call returned";
+  EXPECT_EQ(o.code, ENOENT);
+  EXPECT_EQ(o.message, std::strerror(ENOENT));
+
+  p.opt.stream = nullptr;
+  Outcome none;
+  zel_put_object(h_, &p.opt, &none);
+  EXPECT_EQ(none.finals, 1);
+  EXPECT_EQ(none.code, 0);
+  EXPECT_EQ(none.message, "ZELPutObjectOpt stream is (null)");
+
+  Outcome silent;
+  zel_put_object(nullptr, &p.opt, &silent);
+  EXPECT_EQ(silent.finals, 0);
+  EXPECT_EQ(record_log::last("src\\object"), "ZEL is not initialized");
+
+  PutOptions nokey("bkt", "x", dir_.write("x", "abc"));
+  nokey.opt.key = nullptr;
+  Outcome missing;
+  zel_put_object(h_, &nokey.opt, &missing);
+  ASSERT_TRUE(missing.wait_once());
+  EXPECT_EQ(missing.code, 0);
+  EXPECT_EQ(missing.message, "ZELPutObjectOpt key is (null)");
+}
+
+TEST_F(UploadTest, OptionsMayBeFreedAtOnceAndBucketsAreCreatedOnDemand) {
+  h_->auto_create_bucket = 1;
+  server_.clear_requests();
+  std::string data = pattern_bytes(3 * kChunk, 8);
+  auto* p = new PutOptions("fresh-bucket", "obj", dir_.write("obj", data));
+  Outcome o;
+  zel_put_object(h_, &p->opt, &o);
+  delete p;  // the queued upload works on its own copies
+  ASSERT_TRUE(o.wait_once());
+  EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+  EXPECT_EQ(o.sha1, sha1_hex(data));
+  auto journal = server_.requests();
+  ASSERT_FALSE(journal.empty());
+  EXPECT_EQ(journal.front().method, "POST") << "the bucket is made before the first chunk";
+  EXPECT_EQ(xfer::matching(journal, "POST", "/buckets").size(), 1u);
+}
+
+}  // namespace
