@@ -42,13 +42,13 @@ struct IteratorCase {
 TEST(Iterator, ChunkBoundaries) {
   const uint64_t mib5 = 5242880;
   const std::vector<IteratorCase> cases = {
-      {0, mib5, 2 * mib5, {{0, mib5 - 1}, {mib5, 2 * mib5 - 1}}},    // exact multiple
-      {0, mib5, mib5 + 1, {{0, mib5 - 1}, {mib5, mib5}}},            // one byte more
-      {10, 10, 25, {{10, 19}, {20, 29}, {30, 34}}},                  // end is start + length
-      {20, 10, 5, {{20, 24}}},                                       // start beyond length
-      {0, mib5, 0, {}},                                              // zero length
+      {0, mib5, 2 * mib5, {{0, mib5 - 1}, {mib5, 2 * mib5 - 1}}},  // exact multiple
+      {0, mib5, mib5 + 1, {{0, mib5 - 1}, {mib5, mib5}}},          // one byte more
+      {10, 10, 25, {{10, 19}, {20, 29}, {30, 34}}},                // end is start + length
+      {20, 10, 5, {{20, 24}}},                                     // start beyond length
+      {0, mib5, 0, {}},                                            // zero length
       {7, 1, 3, {{7, 7}, {8, 8}, {9, 9}}},
-      {5, UINT64_MAX, 10, {{5, 14}}},                                // a step that would wrap
+      {5, UINT64_MAX, 10, {{5, 14}}},  // a step that would wrap
       {UINT64_MAX - 4, 3, 4, {{UINT64_MAX - 4, UINT64_MAX - 2}, {UINT64_MAX - 1, UINT64_MAX - 1}}},
   };
   for (const IteratorCase& c : cases) {

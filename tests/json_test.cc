@@ -1,6 +1,8 @@
 // The service's JSON bodies: exact request bytes and their independent
 // reading, strictness of each response format, optional keys and their
 // defaults, list orders, name tables, version dispatch and log messages.
+#include "json.h"
+
 #include <gtest/gtest.h>
 #include <jansson.h>
 
@@ -10,7 +12,6 @@
 
 #include "alloc.h"
 #include "bucket.h"
-#include "json.h"
 #include "record_log.h"
 
 namespace {
@@ -96,7 +97,8 @@ TEST(RequestBodies, CreateFailuresAreLogged) {
   ZELCreateBucketOpt opt{};
   opt.policy = ZEL_BUCKET_POLICY_TRANSIENT;
   EXPECT_EQ(create_bucket_v2_tojson(&opt), nullptr) << "no key";
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error create_bucket_v2_tojson: ")) << record_log::last(kTag);
+  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error create_bucket_v2_tojson: "))
+      << record_log::last(kTag);
 
   opt.key = u"k";
   ZELBucketPermissions* list = appended({{"A", 0}, {nullptr, 1}});
@@ -195,20 +197,23 @@ TEST(BucketDetails, StrictnessDuplicatesAndUnknownNames) {
   LogCapture log;
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* extra =
-      "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],\"policyKey\":\"transient\",\"x\":1}";
+      "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],\"policyKey\":\"transient\",\"x\":"
+      "1}";
   EXPECT_LT(bucket_details_v1_fromjson(extra, details), 0);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket details from json: "));
   EXPECT_EQ(details->bucket_key, nullptr) << "no field is set when the unpack fails";
 
-  const char* duplicate = "{\"key\":\"b\",\"key\":\"c\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],"
-                          "\"policyKey\":\"transient\"}";
+  const char* duplicate =
+      "{\"key\":\"b\",\"key\":\"c\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],"
+      "\"policyKey\":\"transient\"}";
   EXPECT_EQ(bucket_details_v1_fromjson(duplicate, details), -1);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Error bucket_details_v1_fromjson: "));
   EXPECT_EQ(bucket_details_v2_fromjson("not json", details), -1);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Error bucket_details_v2_fromjson: "));
 
-  const char* odd_names = "{\"bucketKey\":\"b\",\"bucketOwner\":\"o\",\"createdDate\":-4,\"permissions\":"
-                          "[{\"authId\":\"A\",\"access\":\"Full\"}],\"policyKey\":\"Temporary\"}";
+  const char* odd_names =
+      "{\"bucketKey\":\"b\",\"bucketOwner\":\"o\",\"createdDate\":-4,\"permissions\":"
+      "[{\"authId\":\"A\",\"access\":\"Full\"}],\"policyKey\":\"Temporary\"}";
   ASSERT_EQ(bucket_details_v2_fromjson(odd_names, details), 0);
   EXPECT_EQ(details->policy, ZEL_BUCKET_POLICY_UNDEFINED);  // names compare case-sensitively
   EXPECT_EQ(details->created_date, -4);
@@ -229,8 +234,9 @@ TEST(BucketDetails, StrictnessDuplicatesAndUnknownNames) {
 
 TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
   LogCapture log;
-  const char* v1 = "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":"
-                   "[{\"serviceId\":\"A\",\"access\":\"read\"},{\"serviceId\":\"B\"}],\"policyKey\":\"transient\"}";
+  const char* v1 =
+      "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":"
+      "[{\"serviceId\":\"A\",\"access\":\"read\"},{\"serviceId\":\"B\"}],\"policyKey\":\"transient\"}";
   ZELBucketDetails* details = zel_bucket_details_init();
   EXPECT_EQ(bucket_details_v1_fromjson(v1, details), -1);
   EXPECT_EQ(details->permissions, nullptr) << "a half-read list must not reach the caller";
@@ -241,8 +247,9 @@ TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
   zel_bucket_details_cleanup(details);
 
   log.clear();
-  const char* v2 = "{\"bucketKey\":\"b\",\"bucketOwner\":\"o\",\"createdDate\":1,\"permissions\":"
-                   "[{\"authId\":5,\"access\":\"read\"}],\"policyKey\":\"transient\"}";
+  const char* v2 =
+      "{\"bucketKey\":\"b\",\"bucketOwner\":\"o\",\"createdDate\":1,\"permissions\":"
+      "[{\"authId\":5,\"access\":\"read\"}],\"policyKey\":\"transient\"}";
   details = zel_bucket_details_init();
   EXPECT_EQ(bucket_details_v2_fromjson(v2, details), -1) << "an id of the wrong type fails too";
   EXPECT_EQ(details->permissions, nullptr);
@@ -257,17 +264,19 @@ TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
 TEST(GrantAnswer, PermissionsInReverseOrderWithVersionMessages) {
   LogCapture log;
   ZELBucketPermissions* list = zel_permissions_init();
-  ASSERT_EQ(bucket_permissions_fromjson(
-                "{\"servicesAllowed\":[{\"serviceId\":\"A\",\"access\":\"read\"},"
-                "{\"serviceId\":\"B\",\"access\":\"full\"},{\"serviceId\":\"C\",\"access\":\"none\",\"x\":0}]}",
-                list, 1),
-            0);
+  ASSERT_EQ(
+      bucket_permissions_fromjson(
+          "{\"servicesAllowed\":[{\"serviceId\":\"A\",\"access\":\"read\"},"
+          "{\"serviceId\":\"B\",\"access\":\"full\"},{\"serviceId\":\"C\",\"access\":\"none\",\"x\":0}]}",
+          list, 1),
+      0);
   EXPECT_EQ(list->count, 3u);
   EXPECT_EQ(entries(list), (std::vector<Entry>{{"C", 255}, {"B", 1}, {"A", 0}}));
   zel_permissions_cleanup(list);
 
   list = zel_permissions_init();
-  ASSERT_EQ(bucket_permissions_v2_fromjson("{\"permissions\":[{\"authId\":\"Z\",\"access\":\"full\"}]}", list), 0);
+  ASSERT_EQ(
+      bucket_permissions_v2_fromjson("{\"permissions\":[{\"authId\":\"Z\",\"access\":\"full\"}]}", list), 0);
   EXPECT_EQ(entries(list), (std::vector<Entry>{{"Z", 1}}));
   EXPECT_LT(bucket_permissions_v1_fromjson("{\"servicesAllowed\":[],\"more\":1}", list), 0);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket permissions form json: "));
@@ -283,9 +292,10 @@ TEST(GrantAnswer, PermissionsInReverseOrderWithVersionMessages) {
 
 TEST(Listing, ItemsReversedNextDefaultsAndVersionOneFails) {
   LogCapture log;
-  const char* body = "{\"items\":[{\"bucketKey\":\"one\",\"createdDate\":1,\"policyKey\":\"transient\"},"
-                     "{\"bucketKey\":\"twö\",\"createdDate\":2,\"policyKey\":\"Mystery\",\"region\":\"x\"}],"
-                     "\"extra\":true}";
+  const char* body =
+      "{\"items\":[{\"bucketKey\":\"one\",\"createdDate\":1,\"policyKey\":\"transient\"},"
+      "{\"bucketKey\":\"twö\",\"createdDate\":2,\"policyKey\":\"Mystery\",\"region\":\"x\"}],"
+      "\"extra\":true}";
   ZELListBucketsDetails* page = list_buckets_details_init();
   EXPECT_EQ(list_buckets_fromjson(body, page, 2), 2);
   EXPECT_EQ(page->count, 2u);
@@ -306,7 +316,8 @@ TEST(Listing, ItemsReversedNextDefaultsAndVersionOneFails) {
   EXPECT_LT(list_buckets_v2_fromjson("{\"next\":\"x\"}", page), 0);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing object details v2 json: "));
   EXPECT_EQ(list_buckets_v2_fromjson("{oops", page), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "json_loads({oops)\nerror.text: ")) << record_log::last(kTag);
+  EXPECT_TRUE(starts_with(record_log::last(kTag), "json_loads({oops)\nerror.text: "))
+      << record_log::last(kTag);
   EXPECT_EQ(list_buckets_v2_fromjson("{\"items\":[{\"bucketKey\":\"a\",\"policyKey\":\"t\"}]}", page), -1);
   EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket list item from json: "));
   EXPECT_EQ(page->count, 0u);
@@ -317,9 +328,11 @@ TEST(Listing, ItemsReversedNextDefaultsAndVersionOneFails) {
 
 TEST(ObjectDetails, VersionOneDescribesTheLastObject) {
   LogCapture log;
-  const char* body = "{\"bucket-key\":\"bk\",\"objects\":["
-                     "{\"id\":\"first\",\"key\":\"a\",\"sha-1\":\"s1\",\"size\":1,\"content-type\":\"t1\",\"location\":\"l1\"},"
-                     "{\"key\":\"dir/é\",\"size\":18446744073709,\"content-type\":\"t2\",\"location\":\"l2\"}]}";
+  const char* body =
+      "{\"bucket-key\":\"bk\",\"objects\":["
+      "{\"id\":\"first\",\"key\":\"a\",\"sha-1\":\"s1\",\"size\":1,\"content-type\":\"t1\",\"location\":"
+      "\"l1\"},"
+      "{\"key\":\"dir/é\",\"size\":18446744073709,\"content-type\":\"t2\",\"location\":\"l2\"}]}";
   ZELObjectDetails* details = zel_object_details_init();
   ASSERT_EQ(object_details_fromjson(body, details, 1), 0);
   EXPECT_EQ(std::u16string(details->bucket_key), u"bk");
@@ -335,9 +348,9 @@ TEST(ObjectDetails, VersionOneDescribesTheLastObject) {
   zel_object_details_cleanup(details);
 
   details = zel_object_details_init();
-  ASSERT_EQ(object_details_v1_fromjson(
-                "{\"bucket-key\":\"bk\",\"objects\":[{\"key\":\"k\",\"size\":0,\"content-type\":\"c\",\"location\":\"l\"}]}",
-                details),
+  ASSERT_EQ(object_details_v1_fromjson("{\"bucket-key\":\"bk\",\"objects\":[{\"key\":\"k\",\"size\":0,"
+                                       "\"content-type\":\"c\",\"location\":\"l\"}]}",
+                                       details),
             0);
   EXPECT_STREQ(details->object_id, "");
   EXPECT_STREQ(details->sha1, "");
@@ -363,7 +376,8 @@ TEST(ObjectDetails, VersionOneDescribesTheLastObject) {
 TEST(ObjectDetails, VersionTwoOptionalKeysAndStrictTypes) {
   LogCapture log;
   ZELObjectDetails* details = zel_object_details_init();
-  const char* minimal = "{\"bucketKey\":\"b\",\"objectKey\":\"k\",\"size\":42,\"contentType\":\"text/plain\"}";
+  const char* minimal =
+      "{\"bucketKey\":\"b\",\"objectKey\":\"k\",\"size\":42,\"contentType\":\"text/plain\"}";
   ASSERT_EQ(object_details_fromjson(minimal, details, 2), 0);
   EXPECT_STREQ(details->object_id, "");
   EXPECT_STREQ(details->sha1, "");
@@ -373,9 +387,10 @@ TEST(ObjectDetails, VersionTwoOptionalKeysAndStrictTypes) {
   EXPECT_EQ(details->last_accessed_date, 0);
   EXPECT_EQ(details->last_modified_date, 0);
 
-  const char* full = "{\"bucketKey\":\"b2\",\"objectId\":\"id\",\"objectKey\":\"k2\",\"sha1\":\"abc\",\"size\":7,"
-                     "\"contentType\":\"c\",\"location\":\"https://x/y\",\"blockSizes\":[1,2],\"deltas\":null,"
-                     "\"createdDate\":10,\"lastAccessedDate\":11,\"lastModifiedDate\":12,\"future\":{}}";
+  const char* full =
+      "{\"bucketKey\":\"b2\",\"objectId\":\"id\",\"objectKey\":\"k2\",\"sha1\":\"abc\",\"size\":7,"
+      "\"contentType\":\"c\",\"location\":\"https://x/y\",\"blockSizes\":[1,2],\"deltas\":null,"
+      "\"createdDate\":10,\"lastAccessedDate\":11,\"lastModifiedDate\":12,\"future\":{}}";
   ASSERT_EQ(object_details_v2_fromjson(full, details), 0) << "replaces an earlier parse";
   EXPECT_EQ(std::u16string(details->bucket_key), u"b2");
   EXPECT_STREQ(details->object_id, "id");

@@ -277,8 +277,8 @@ TEST(OptionsCopy, GetAndGetByUrlCopiesAndFailures) {
   ZELByteRange range{0, 9};
   ZELStream* stream = zel_stream_init(u"out.bin");
   ZELHeaders* headers = zel_headers_append(nullptr, "X", "y");
-  ZELGetObjectOpt get{u"bucket", u"key", &range, stream, headers, 1, nop_get_resp, nop_done, nop_progress,
-                      nop_stats};
+  ZELGetObjectOpt get{u"bucket", u"key",       &range,   stream,       headers,
+                      1,         nop_get_resp, nop_done, nop_progress, nop_stats};
   ZELGetObjectOpt* get_copy = get_object_opt_clone(&get);
   ASSERT_NE(get_copy, nullptr);
   EXPECT_EQ(std::u16string(get_copy->key), u"key");
@@ -302,8 +302,16 @@ TEST(OptionsCopy, GetAndGetByUrlCopiesAndFailures) {
                 "Cannot allocate memory for the ZELGetObjectOpt headers",
             }));
 
-  ZELGetObjectByURLOpt by_url{u"https://example.test/o", true, &range, stream, headers, 0, nop_url_resp,
-                              nop_done, nop_progress, nop_stats};
+  ZELGetObjectByURLOpt by_url{u"https://example.test/o",
+                              true,
+                              &range,
+                              stream,
+                              headers,
+                              0,
+                              nop_url_resp,
+                              nop_done,
+                              nop_progress,
+                              nop_stats};
   ZELGetObjectByURLOpt* url_copy = get_object_by_url_opt_clone(&by_url);
   ASSERT_NE(url_copy, nullptr);
   EXPECT_EQ(std::u16string(url_copy->download_url), u"https://example.test/o");
@@ -411,11 +419,11 @@ TEST(RangeHeader, ValuesIntoRangeLists) {
       {"bytes 0-99", -1, {}},
       {"", -1, {}},
       {"anything before=7-9", 0, {{7, 9}}},
-      {"=5-7-9", 0, {{5, 7}}},             // the end stops at a further "-"
-      {"= \t3-  4", 0, {{3, 4}}},          // leading blanks are skipped
-      {"=-", 0, {{0, 0}}},                 // empty text reads as 0
-      {"=12ab-34cd", 0, {{12, 34}}},       // reading stops at a non-digit
-      {"=a=1-2", 0, {{0, 2}}},             // only the first "=" counts
+      {"=5-7-9", 0, {{5, 7}}},        // the end stops at a further "-"
+      {"= \t3-  4", 0, {{3, 4}}},     // leading blanks are skipped
+      {"=-", 0, {{0, 0}}},            // empty text reads as 0
+      {"=12ab-34cd", 0, {{12, 34}}},  // reading stops at a non-digit
+      {"=a=1-2", 0, {{0, 2}}},        // only the first "=" counts
       {"=99999999999999999999999-18446744073709551615", 0, {{max, max}}},
   };
   for (const HeaderCase& c : cases) {

@@ -1,12 +1,12 @@
 #pragma once
 // Captures the library's log lines during a test so that failure paths can
 // be checked for their exact message and module tag.
+#include <zel/zel.h>
+
 #include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <zel/zel.h>
 
 namespace record_log {
 
