@@ -83,6 +83,11 @@ struct Outcome {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, timeout, [&] { return finals > 0; });
   }
+  // Waits for `n` terminal reports; false on timeout.
+  bool wait_count(int n, std::chrono::seconds timeout = std::chrono::seconds(60)) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, timeout, [&] { return finals >= n; });
+  }
   // Waits for the report, then gives a stray second report a moment to
   // show itself; true when exactly one came.
   bool wait_once() {
