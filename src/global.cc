@@ -1,13 +1,13 @@
 // Process-wide start-up and shut-down: the bucket cache, libcurl, the HTTP
 // pool and the worker pool, brought up in that order and taken down in the
 // reverse one.
-#include <clocale>
+#include "global.h"
+
 #include <locale.h>
 
 #include <atomic>
 
 #include "cache.h"
-#include "global.h"
 #include "http.h"
 #include "httppool.h"
 #include "log.h"
@@ -83,7 +83,8 @@ bool run_step(int index) {
 void global_set_step_hook(GlobalStepHook hook) { g_hook.store(hook); }
 
 bool global_thread_locale_active() {
-  return g_thread_locale != static_cast<locale_t>(0) && uselocale(static_cast<locale_t>(0)) == g_thread_locale;
+  return g_thread_locale != static_cast<locale_t>(0) &&
+         uselocale(static_cast<locale_t>(0)) == g_thread_locale;
 }
 
 extern "C" ZEL_EXPORT int zel_global_init(void) {

@@ -96,9 +96,7 @@ void http_request_cleanup(HttpRequest* request) {
   mem_free(request);
 }
 
-HttpResponse* http_response_init() {
-  return static_cast<HttpResponse*>(mem_calloc(1, sizeof(HttpResponse)));
-}
+HttpResponse* http_response_init() { return static_cast<HttpResponse*>(mem_calloc(1, sizeof(HttpResponse))); }
 
 void http_response_cleanup(HttpResponse* response) {
   if (response == nullptr) return;
@@ -120,9 +118,7 @@ void http_body_cleanup(HttpBody* body) {
   mem_free(body);
 }
 
-HttpProgress* http_progress_init() {
-  return static_cast<HttpProgress*>(mem_calloc(1, sizeof(HttpProgress)));
-}
+HttpProgress* http_progress_init() { return static_cast<HttpProgress*>(mem_calloc(1, sizeof(HttpProgress))); }
 
 void http_progress_cleanup(HttpProgress* progress) {
   if (progress == nullptr) return;

@@ -6,11 +6,10 @@
 // the texts are static and never freed. Records are allocated with mem_* and
 // every _cleanup accepts nullptr.
 #include <curl/curl.h>
+#include <zel/zel.h>
 
 #include <cstddef>
 #include <cstdint>
-
-#include <zel/zel.h>
 
 // Shape of both body callbacks: libcurl's read function for a request body
 // and its write function for a response body. libcurl is handed the HttpBody
@@ -30,13 +29,13 @@ struct HttpProgress {
 
 struct HttpRequest {
   CURL* curl;
-  curl_slist* headers;   // lines to send, in the order they were added
-  HttpBody* body;        // upload source; must be set before http_request_put
+  curl_slist* headers;  // lines to send, in the order they were added
+  HttpBody* body;       // upload source; must be set before http_request_put
   HttpProgress* progress;
 };
 
 struct HttpResponse {
-  int32_t status;  // HTTP status, or libcurl's code after a failed transfer
+  int32_t status;       // HTTP status, or libcurl's code after a failed transfer
   curl_slist* headers;  // every received line as received, line end included
   HttpBody* body;       // owned; set it (with http_body_write) before performing
   double total_time;

@@ -45,7 +45,8 @@ const char* attach(HttpRequest* request, HttpResponse* response) {
   if (code == CURLE_OK && request->progress != nullptr) {
     code = curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     if (code == CURLE_OK) code = curl_easy_setopt(curl, CURLOPT_XFERINFODATA, request->progress->data);
-    if (code == CURLE_OK) code = curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, request->progress->function);
+    if (code == CURLE_OK)
+      code = curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, request->progress->function);
   }
   if (code == CURLE_OK && response->body != nullptr) {
     code = curl_easy_setopt(curl, CURLOPT_WRITEDATA, response->body);
@@ -83,7 +84,8 @@ void read_results(CURL* curl, HttpResponse* response) {
   read_time(curl, CURLINFO_NAMELOOKUP_TIME, &response->namelookup_time,
             "getinfo(CURLINFO_NAMELOOKUP_TIME): %d (%s)");
   read_time(curl, CURLINFO_CONNECT_TIME, &response->connect_time, "getinfo(CURLINFO_CONNECT_TIME): %d (%s)");
-  read_count(curl, CURLINFO_SPEED_UPLOAD_T, &response->speed_upload, "getinfo(CURLINFO_SPEED_UPLOAD): %d (%s)");
+  read_count(curl, CURLINFO_SPEED_UPLOAD_T, &response->speed_upload,
+             "getinfo(CURLINFO_SPEED_UPLOAD): %d (%s)");
   read_count(curl, CURLINFO_SPEED_DOWNLOAD_T, &response->speed_download,
              "getinfo(CURLINFO_SPEED_DOWNLOAD): %d (%s)");
   read_count(curl, CURLINFO_SIZE_UPLOAD_T, &response->size_upload, "getinfo(CURLINFO_SIZE_UPLOAD): %d (%s)");

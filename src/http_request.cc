@@ -60,7 +60,9 @@ void http_request_configure(HttpRequest* request, const HttpSettings* settings) 
   if (bundle != nullptr) http_setopt_logged(curl, CURLOPT_CAINFO, bundle);
   http_setopt_logged(curl, CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(settings->max_send_speed));
   http_setopt_logged(curl, CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(settings->max_recv_speed));
-  http_setopt_logged(curl, CURLOPT_PROXY, settings->proxy);
+  // An empty proxy rather than none: with none, libcurl would pick one up
+  // from the environment, and the handle's fields are the only settings.
+  http_setopt_logged(curl, CURLOPT_PROXY, settings->proxy != nullptr ? settings->proxy : "");
   http_setopt_logged(curl, CURLOPT_PROXYUSERNAME, settings->proxy_username);
   http_setopt_logged(curl, CURLOPT_PROXYPASSWORD, settings->proxy_password);
 }
@@ -141,7 +143,8 @@ const char* http_request_put(HttpRequest* request, const char* url, const char* 
   CURL* curl = request->curl;
   if (const char* error = set(curl, CURLOPT_UPLOAD, 1L)) return error;
   if (const char* error = set(curl, CURLOPT_URL, url)) return error;
-  append_line(request, "Content-Type: %s", content_type != nullptr ? content_type : "application/octet-stream");
+  append_line(request, "Content-Type: %s",
+              content_type != nullptr ? content_type : "application/octet-stream");
   uint64_t size = request->body != nullptr ? request->body->size : 0;
   if (http_upload_size_option(size) == CURLOPT_INFILESIZE) {
     return set(curl, CURLOPT_INFILESIZE, static_cast<long>(size));

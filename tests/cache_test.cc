@@ -1,5 +1,7 @@
 // The bucket LRU cache: eviction order, recency on reads, replacement of an
 // entry from another environment, capacity 0, and use without a cache.
+#include "cache.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,7 +9,6 @@
 #include <vector>
 
 #include "alloc.h"
-#include "cache.h"
 #include "captured_log.h"
 
 using zeltest::CapturedLog;
@@ -51,7 +52,7 @@ TEST_F(BucketCache, PutOfAKnownKeyReplacesAndRefreshes) {
   cache_put("other", 1);
   cache_put("shared", 3);  // seen again, in production this time
   EXPECT_EQ(cache_count(), 2) << "a replacement does not grow the table";
-  cache_put("third", 1);   // evicts the oldest, which is now "other"
+  cache_put("third", 1);  // evicts the oldest, which is now "other"
   EXPECT_EQ(cache_get("other"), kCacheMiss);
   EXPECT_EQ(cache_get("shared"), 3u) << "the later environment wins";
   EXPECT_EQ(cache_get("third"), 1u);

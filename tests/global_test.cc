@@ -1,6 +1,8 @@
 // Process-wide start-up and shut-down: what each brings up and takes down,
 // the undo of every failing start-up step, and that no worker or request
 // outlives the shut-down.
+#include "global.h"
+
 #include <gtest/gtest.h>
 #include <locale.h>
 
@@ -13,7 +15,6 @@
 #include "alloc.h"
 #include "cache.h"
 #include "captured_log.h"
-#include "global.h"
 #include "http.h"
 #include "httppool.h"
 #include "raw_http_server.h"
@@ -89,8 +90,12 @@ TEST_F(GlobalStartUp, BringsUpEveryServiceAndTakesThemDown) {
 }
 
 TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
-  const char* messages[] = {nullptr, nullptr, "Cannot initialize ZEL Bucket LRU Cache", "Cannot initialize CURL",
-                            "Cannot initialize HTTP Pool", "Cannot initialize Thread Pool"};
+  const char* messages[] = {nullptr,
+                            nullptr,
+                            "Cannot initialize ZEL Bucket LRU Cache",
+                            "Cannot initialize CURL",
+                            "Cannot initialize HTTP Pool",
+                            "Cannot initialize Thread Pool"};
   global_set_step_hook(fail_selected_step);
   for (int step = kStepLocale; step <= kStepThreadPool; step++) {
     SCOPED_TRACE("failing step " + std::to_string(step));

@@ -1,6 +1,8 @@
 // The HTTP layer on the wire: what a request sends (header lines and their
 // order, methods, bodies, announced sizes), what a response keeps, and how
 // transport failures are reported.
+#include "http.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +17,6 @@
 
 #include "alloc.h"
 #include "captured_log.h"
-#include "http.h"
 #include "raw_http_server.h"
 
 using zeltest::CapturedLog;
@@ -171,7 +172,8 @@ TEST(HttpWire, MethodsAndContentTypeRules) {
   {
     Exchange x;
     std::string json = "{\"bucketKey\":\"b\"}";
-    ASSERT_EQ(http_request_post(x.request, server.url("/p1").c_str(), "application/json", json.c_str()), nullptr);
+    ASSERT_EQ(http_request_post(x.request, server.url("/p1").c_str(), "application/json", json.c_str()),
+              nullptr);
     ASSERT_EQ(x.perform(), nullptr);
   }
   {
@@ -262,8 +264,9 @@ TEST(HttpWire, UploadSizeOptionAroundTwoGigabytes) {
 
 TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
   RawHttpServer server;
-  server.script("HTTP/1.1 201 Created\r\nX-Trace: abc\r\nContent-Range: bytes 0-9/1000\r\n"
-                "Content-Length: 2\r\nConnection: close\r\n\r\n{}");
+  server.script(
+      "HTTP/1.1 201 Created\r\nX-Trace: abc\r\nContent-Range: bytes 0-9/1000\r\n"
+      "Content-Length: 2\r\nConnection: close\r\n\r\n{}");
   Exchange x;
   ASSERT_EQ(http_request_get(x.request, server.url("/r").c_str()), nullptr);
   ASSERT_EQ(x.perform(), nullptr);
@@ -272,10 +275,11 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
   EXPECT_EQ(x.response->body->size, 2u);
   EXPECT_EQ(std::memcmp(x.response->body->data, "{}", 3), 0) << "body must be followed by one zero byte";
   std::vector<std::string> lines;
-  for (curl_slist* node = x.response->headers; node != nullptr; node = node->next) lines.push_back(node->data);
-  std::vector<std::string> expected = {"HTTP/1.1 201 Created\r\n", "X-Trace: abc\r\n",
-                                       "Content-Range: bytes 0-9/1000\r\n", "Content-Length: 2\r\n",
-                                       "Connection: close\r\n", "\r\n"};
+  for (curl_slist* node = x.response->headers; node != nullptr; node = node->next)
+    lines.push_back(node->data);
+  std::vector<std::string> expected = {
+      "HTTP/1.1 201 Created\r\n", "X-Trace: abc\r\n",      "Content-Range: bytes 0-9/1000\r\n",
+      "Content-Length: 2\r\n",    "Connection: close\r\n", "\r\n"};
   EXPECT_EQ(lines, expected);
   EXPECT_EQ(x.response->size_download, 2.0);
   EXPECT_GT(x.response->total_time, 0.0);
@@ -294,8 +298,9 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
 
 TEST(HttpResponseRecord, HeaderQueriesOnCraftedLines) {
   HttpResponse* response = http_response_init();
-  const char* lines[] = {"HTTP/1.1 206 Partial Content\r\n", "X-Empty:", "X-Empty: later\r\n",
-                         "Content-Range: bytes 0-9\r\n", "Range: bytes=1-2/9\r\n", "\r\n"};
+  const char* lines[] = {
+      "HTTP/1.1 206 Partial Content\r\n", "X-Empty:", "X-Empty: later\r\n", "Content-Range: bytes 0-9\r\n",
+      "Range: bytes=1-2/9\r\n",           "\r\n"};
   for (const char* line : lines) response->headers = curl_slist_append(response->headers, line);
   auto query = [&](char* value) {
     std::string out = value != nullptr ? value : "<none>";
@@ -473,6 +478,27 @@ TEST(HttpRequestRecord, ProxySettingsReachTheProxy) {
   http_request_configure(x.request, nullptr);
 }
 
+TEST(HttpRequestRecord, EnvironmentProxyIsIgnored) {
+  RawHttpServer target;
+  RawHttpServer stray_proxy;
+  std::string address = "http://127.0.0.1:" + std::to_string(stray_proxy.port());
+  setenv("http_proxy", address.c_str(), 1);
+  setenv("ALL_PROXY", address.c_str(), 1);
+  unsetenv("no_proxy");
+  unsetenv("NO_PROXY");
+  {
+    Exchange x;
+    HttpSettings settings{};
+    http_request_configure(x.request, &settings);
+    ASSERT_EQ(http_request_get(x.request, target.url("/direct").c_str()), nullptr);
+    EXPECT_EQ(x.perform(), nullptr);
+  }
+  unsetenv("http_proxy");
+  unsetenv("ALL_PROXY");
+  EXPECT_TRUE(target.wait_for(1, 2000)) << "the request must go straight to its host";
+  EXPECT_TRUE(stray_proxy.requests().empty());
+}
+
 TEST(HttpText, EscapeAndUnescape) {
   char* escaped = http_url_escape(u"dir/a b\u00fc~._-Z9");
   ASSERT_NE(escaped, nullptr);
@@ -517,15 +543,17 @@ TEST(HttpCaBundle, AbsentOrTooLongBundleIsLoggedOncePerProcess) {
   HttpSettings settings{};
   for (int i = 0; i < 3; i++) http_request_configure(x.request, &settings);
   EXPECT_EQ(http_ca_bundle(), nullptr);
-  EXPECT_EQ(log.count("No CA bundle at /nonexistent-zel/dir/Tumbleframe/cacert.pem; using the default CA store"),
-            1);
+  EXPECT_EQ(
+      log.count("No CA bundle at /nonexistent-zel/dir/Tumbleframe/cacert.pem; using the default CA store"),
+      1);
 
   log.clear();
   http_ca_bundle_override(("/" + std::string(300, 'd') + "/app").c_str());
   for (int i = 0; i < 3; i++) http_request_configure(x.request, &settings);
   EXPECT_EQ(http_ca_bundle(), nullptr);
-  EXPECT_EQ(log.count("The executable's directory is too long for the CA bundle path; using the default CA store"),
-            1);
+  EXPECT_EQ(
+      log.count("The executable's directory is too long for the CA bundle path; using the default CA store"),
+      1);
   http_ca_bundle_override(nullptr);
 }
 

@@ -1,6 +1,8 @@
 // The HTTP request pool: waiting at capacity, last-in first-out reuse of
 // reset requests, capacity changes while requests are out, and the cases
 // where a returned request is destroyed instead of kept.
+#include "httppool.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +14,6 @@
 
 #include "alloc.h"
 #include "captured_log.h"
-#include "httppool.h"
 
 using zeltest::CapturedLog;
 

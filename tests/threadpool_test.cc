@@ -1,6 +1,8 @@
 // The worker pool: the worker limit under load, head-before-tail order,
 // refusal once stopped, cleanup that waits for running work and drops the
 // rest, and an idle pool that holds no thread.
+#include "threadpool.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,7 +16,6 @@
 #include "alloc.h"
 #include "captured_log.h"
 #include "thread.h"
-#include "threadpool.h"
 
 using zeltest::CapturedLog;
 

@@ -2,12 +2,12 @@
 // Collects the library's log lines for the lifetime of one object, so a
 // test can check which messages were written (and how often). Header-only:
 // the support library does not link zel itself.
+#include <zel/zel.h>
+
 #include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <zel/zel.h>
 
 namespace zeltest {
 

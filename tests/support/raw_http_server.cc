@@ -140,7 +140,8 @@ std::vector<RawRequest> RawHttpServer::requests() const {
 
 bool RawHttpServer::wait_for(size_t n, int timeout_ms) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return requests_.size() >= n; });
+  return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                           [&] { return requests_.size() >= n; });
 }
 
 std::string RawHttpServer::reply(int status, const std::string& reason, const std::string& body,
@@ -235,7 +236,8 @@ void RawHttpServer::serve(int fd) {
       while (read_more(fd, &pending, stop_)) pending.clear();
       return;
     }
-    if (equals_nocase(request.header("Expect"), "100-continue")) send_all(fd, "HTTP/1.1 100 Continue\r\n\r\n");
+    if (equals_nocase(request.header("Expect"), "100-continue"))
+      send_all(fd, "HTTP/1.1 100 Continue\r\n\r\n");
     size_t length = static_cast<size_t>(std::strtoull(request.header("Content-Length").c_str(), nullptr, 10));
     request.body_complete = read_body(fd, &pending, length, &request.body);
     std::string answer = next_reply();
