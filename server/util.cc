@@ -60,6 +60,12 @@ bool percent_decode(const std::string &in, std::string &out) {
 
 std::string percent_encode(const std::string &in) {
   static const char kHex[] = "0123456789ABCDEF";
+  // A segment of dots alone would read as a path step: escape them.
+  if (in.find_first_not_of('.') == std::string::npos) {
+    std::string dots;
+    for (size_t i = 0; i < in.size(); ++i) dots += "%2E";
+    return dots;
+  }
   std::string out;
   for (unsigned char c : in) {
     if (isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {

@@ -1,0 +1,266 @@
+#include "zel_server.h"
+
+#include <curl/curl.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <poll.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#ifndef ZEL_SERVER_BIN
+#define ZEL_SERVER_BIN ZEL_BIN_DIR "/zel-server"
+#endif
+
+namespace zeltest {
+
+const char kAuthHeader[] = "Authorization: Bearer local-dev-token";
+
+namespace {
+
+std::string find_header(const HeaderList &headers, const std::string &name) {
+  for (const auto &h : headers)
+    if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
+  return std::string();
+}
+
+size_t on_body(char *data, size_t size, size_t n, void *out) {
+  static_cast<std::string *>(out)->append(data, size * n);
+  return size * n;
+}
+
+size_t on_header(char *data, size_t size, size_t n, void *out) {
+  std::string line(data, size * n);
+  auto *result = static_cast<HttpResult *>(out);
+  if (line.compare(0, 5, "HTTP/") == 0) result->headers.clear();  // a 100 Continue came first
+  size_t colon = line.find(':');
+  if (colon != std::string::npos) {
+    size_t b = line.find_first_not_of(' ', colon + 1);
+    size_t e = line.find_last_not_of("\r\n");
+    result->headers.emplace_back(line.substr(0, colon),
+                                 b == std::string::npos || e < b ? "" : line.substr(b, e - b + 1));
+  }
+  return size * n;
+}
+
+void remove_tree(const std::string &path) {
+  if (DIR *d = opendir(path.c_str())) {
+    while (dirent *e = readdir(d)) {
+      if (!strcmp(e->d_name, ".") || !strcmp(e->d_name, "..")) continue;
+      std::string child = path + "/" + e->d_name;
+      struct stat st;
+      if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        remove_tree(child);
+      else
+        unlink(child.c_str());
+    }
+    closedir(d);
+  }
+  rmdir(path.c_str());
+}
+
+// Reads the child's first line of output, waiting at most `ms`.
+std::string read_line(int fd, int ms) {
+  std::string line;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (line.find('\n') == std::string::npos) {
+    int left = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count());
+    pollfd p{fd, POLLIN, 0};
+    if (left <= 0 || poll(&p, 1, left) <= 0) break;
+    char buf[256];
+    ssize_t n = read(fd, buf, sizeof(buf));
+    if (n <= 0) break;
+    line.append(buf, static_cast<size_t>(n));
+  }
+  return line.substr(0, line.find('\n'));
+}
+
+}  // namespace
+
+std::string HttpResult::header(const std::string &name) const { return find_header(headers, name); }
+
+bool HttpResult::has_header(const std::string &name) const {
+  for (const auto &h : headers)
+    if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
+  return false;
+}
+
+std::string RecordedRequest::header(const std::string &name) const { return find_header(headers, name); }
+
+HttpResult http(const std::string &method, const std::string &url, const std::vector<std::string> &headers,
+                const std::string &body) {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  HttpResult result;
+  CURL *curl = curl_easy_init();
+  curl_slist *list = nullptr;
+  for (const auto &h : headers) list = curl_slist_append(list, h.c_str());
+  // Without this libcurl waits for a 100 Continue before sending a body.
+  list = curl_slist_append(list, "Expect:");
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+  if (method == "HEAD") curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+  if (!body.empty() || method == "POST" || method == "PUT") {
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  }
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, on_body);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &result.body);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, on_header);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &result);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 120L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  CURLcode rc = curl_easy_perform(curl);
+  if (rc != CURLE_OK) result.error = curl_easy_strerror(rc);
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &result.status);
+  curl_slist_free_all(list);
+  curl_easy_cleanup(curl);
+  return result;
+}
+
+JsonPtr parse_json(const std::string &text) {
+  json_error_t err;
+  return JsonPtr(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &err));
+}
+
+std::vector<std::string> json_keys(const json_t *object) {
+  std::vector<std::string> keys;
+  const char *k;
+  json_t *v;
+  if (json_is_object(object)) json_object_foreach(const_cast<json_t *>(object), k, v) keys.push_back(k);
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+std::string sha1_hex(const std::string &data) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EVP_Digest(data.data(), data.size(), md, &len, EVP_sha1(), nullptr);
+  static const char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned int i = 0; i < len; ++i) out += {kHex[md[i] >> 4], kHex[md[i] & 15]};
+  return out;
+}
+
+std::string pattern_bytes(size_t size, uint32_t seed) {
+  std::string out(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < size; ++i) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    out[i] = static_cast<char>(x);
+  }
+  return out;
+}
+
+ServerProcess::ServerProcess(std::vector<std::string> extra_args) : extra_args_(std::move(extra_args)) {}
+
+ServerProcess::~ServerProcess() {
+  stop();
+  if (!data_dir_.empty()) remove_tree(data_dir_);
+}
+
+std::string ServerProcess::base_url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+bool ServerProcess::start() {
+  if (data_dir_.empty()) {
+    const char *tmp = std::getenv("TMPDIR");
+    std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/zel-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) return error_ = "mkdtemp failed", false;
+    data_dir_ = buf.data();
+  }
+  return launch();
+}
+
+bool ServerProcess::launch() {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return error_ = "pipe failed", false;
+  std::vector<std::string> args = {ZEL_SERVER_BIN, "--port", "0", "--test-api", "--data", data_dir_};
+  args.insert(args.end(), extra_args_.begin(), extra_args_.end());
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive a crashed test
+    dup2(out[1], 1);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  std::string line = read_line(out[0], 20000);
+  close(out[0]);
+  const std::string prefix = "listening on http://";
+  size_t colon = line.rfind(':');
+  if (pid_ < 0 || line.compare(0, prefix.size(), prefix) != 0 || colon == std::string::npos) {
+    error_ = "zel-server did not start (" + std::string(ZEL_SERVER_BIN) + "): '" + line + "'";
+    kill9();
+    return false;
+  }
+  port_ = std::atoi(line.c_str() + colon + 1);
+  return true;
+}
+
+void ServerProcess::reap() {
+  if (pid_ > 0) waitpid(pid_, &wait_status_, 0);
+  pid_ = -1;
+}
+
+void ServerProcess::stop() {
+  if (pid_ > 0) kill(pid_, SIGTERM);
+  reap();
+}
+
+void ServerProcess::kill9() {
+  if (pid_ > 0) kill(pid_, SIGKILL);
+  reap();
+}
+
+bool ServerProcess::restart() {
+  stop();
+  return launch();
+}
+
+std::vector<RecordedRequest> ServerProcess::requests() {
+  std::vector<RecordedRequest> out;
+  JsonPtr arr = parse_json(http("GET", base_url() + "/_emulator/requests").body);
+  size_t i, k;
+  json_t *e, *h;
+  json_array_foreach(arr.get(), i, e) {
+    RecordedRequest r;
+    r.method = json_string_value(json_object_get(e, "method"));
+    r.target = json_string_value(json_object_get(e, "target"));
+    r.body_size = static_cast<uint64_t>(json_integer_value(json_object_get(e, "body_size")));
+    r.status = static_cast<int>(json_integer_value(json_object_get(e, "status")));
+    json_array_foreach(json_object_get(e, "headers"), k, h) {
+      r.headers.emplace_back(json_string_value(json_array_get(h, 0)), json_string_value(json_array_get(h, 1)));
+    }
+    out.push_back(r);
+  }
+  return out;
+}
+
+bool ServerProcess::clear_requests() { return http("DELETE", base_url() + "/_emulator/requests").status == 200; }
+
+bool ServerProcess::add_fault(const std::string &rule_json) {
+  return http("POST", base_url() + "/_emulator/faults", {"Content-Type: application/json"}, rule_json).status == 200;
+}
+
+bool ServerProcess::clear_faults() { return http("DELETE", base_url() + "/_emulator/faults").status == 200; }
+
+}  // namespace zeltest

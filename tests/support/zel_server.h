@@ -1,0 +1,112 @@
+// Test support: runs zel-server as a child process and talks plain HTTP to it.
+// It does not use the zel library, so the emulator's own tests stay
+// independent of it; integration tests of the library add their own thin
+// layer on top (pointing the library's environments at base_url()).
+#pragma once
+
+#include <gtest/gtest.h>
+#include <jansson.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zeltest {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpResult {
+  long status = 0;     // 0 when no answer arrived
+  HeaderList headers;  // the answer's header lines, in order
+  std::string body;
+  std::string error;  // libcurl's text when the exchange failed
+  // First value of a header, case-insensitive; empty when absent.
+  std::string header(const std::string &name) const;
+  bool has_header(const std::string &name) const;
+};
+
+// One exchange on a fresh connection. `headers` are "Name: value" lines; the
+// URL goes out as given (no dot-segment folding, escapes untouched).
+HttpResult http(const std::string &method, const std::string &url, const std::vector<std::string> &headers = {},
+                const std::string &body = std::string());
+
+struct JsonFree {
+  void operator()(json_t *j) const { json_decref(j); }
+};
+using JsonPtr = std::unique_ptr<json_t, JsonFree>;
+// Parses text as the clients do (duplicate keys refused); none on failure.
+JsonPtr parse_json(const std::string &text);
+// The keys of a JSON object, sorted; empty for anything else.
+std::vector<std::string> json_keys(const json_t *object);
+
+std::string sha1_hex(const std::string &data);
+// Deterministic bytes for uploads.
+std::string pattern_bytes(size_t size, uint32_t seed);
+
+// One request as the emulator's journal recorded it.
+struct RecordedRequest {
+  std::string method;
+  std::string target;
+  HeaderList headers;
+  uint64_t body_size = 0;
+  int status = 0;
+  std::string header(const std::string &name) const;
+};
+
+class ServerProcess {
+ public:
+  // `extra_args` are added after --port 0 --test-api --data DIR.
+  explicit ServerProcess(std::vector<std::string> extra_args = {});
+  ~ServerProcess();
+  ServerProcess(const ServerProcess &) = delete;
+  ServerProcess &operator=(const ServerProcess &) = delete;
+
+  // Starts on a free port with a fresh data directory (kept across restarts
+  // and removed by the destructor). False with error() set on failure.
+  bool start();
+  void stop();   // SIGTERM, then waits for the exit
+  void kill9();  // SIGKILL, then reaps the process; the data stays
+  bool restart();  // same data directory, a new free port
+  bool running() const { return pid_ > 0; }
+  // The exit status of the last stopped process, as waitpid gives it.
+  int last_wait_status() const { return wait_status_; }
+
+  int port() const { return port_; }
+  std::string base_url() const;  // "http://127.0.0.1:PORT"
+  std::string api(int version = 2) const { return base_url() + "/zel/v" + std::to_string(version); }
+  const std::string &data_dir() const { return data_dir_; }
+  const std::string &error() const { return error_; }
+
+  std::vector<RecordedRequest> requests();
+  bool clear_requests();
+  bool add_fault(const std::string &rule_json);
+  bool clear_faults();
+
+ private:
+  bool launch();
+  void reap();
+
+  std::vector<std::string> extra_args_;
+  std::string data_dir_;
+  std::string error_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+  int wait_status_ = 0;
+};
+
+extern const char kAuthHeader[];  // "Authorization: Bearer local-dev-token"
+
+// One emulator per test, started before and stopped after it.
+class EmulatorTest : public ::testing::Test {
+ protected:
+  explicit EmulatorTest(std::vector<std::string> extra_args = {}) : server_(std::move(extra_args)) {}
+  void SetUp() override { ASSERT_TRUE(server_.start()) << server_.error(); }
+  void TearDown() override { server_.stop(); }
+
+  ServerProcess server_;
+};
+
+}  // namespace zeltest
