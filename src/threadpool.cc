@@ -27,6 +27,7 @@ struct ThreadPool {
 
 std::atomic<ThreadPool*> g_pool{nullptr};
 std::atomic<int> g_stopping{0};
+std::atomic<void (*)()> g_leave_hook{nullptr};
 
 // With the lock held: slots follow the limit and the running count, so a
 // lowered limit keeps new workers out until enough have ended.
@@ -60,11 +61,28 @@ int worker(void* raw) {
     // starts a worker of its own instead of waiting for the next one.
     if (task == nullptr) leave(pool);
     zel::mtx_unlock(&pool->lock);
-    if (task == nullptr) return 0;
+    if (task == nullptr) {
+      void (*hook)() = g_leave_hook.load();
+      if (hook != nullptr) hook();
+      return 0;
+    }
     ThreadTaskFn function = task->function;
     void* argument = task->argument;
     mem_free(task);
     function(argument);
+  }
+}
+
+// With the lock held.
+void link(ThreadPool* pool, Task* task, bool at_head) {
+  if (at_head) {
+    task->next = pool->first;
+    pool->first = task;
+    if (pool->last == nullptr) pool->last = task;
+  } else {
+    if (pool->last != nullptr) pool->last->next = task;
+    pool->last = task;
+    if (pool->first == nullptr) pool->first = task;
   }
 }
 
@@ -97,15 +115,14 @@ int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
   task->argument = argument;
   task->next = nullptr;
   zel::mtx_lock(&pool->lock);
-  if (at_head) {
-    task->next = pool->first;
-    pool->first = task;
-    if (pool->last == nullptr) pool->last = task;
-  } else {
-    if (pool->last != nullptr) pool->last->next = task;
-    pool->last = task;
-    if (pool->first == nullptr) pool->first = task;
+  // A worker's own task may race the shut-down; the flag is written under
+  // this lock, so this check cannot miss it and no task outlives the pool.
+  if (g_stopping.load()) {
+    zel::mtx_unlock(&pool->lock);
+    mem_free(task);
+    return -1;
   }
+  link(pool, task, at_head);
   start_worker(pool);
   zel::mtx_unlock(&pool->lock);
   return 0;
@@ -146,8 +163,12 @@ int thread_pool_set_size(int limit) {
     ZLOG("Thread pool is not initialized");
     return -1;
   }
+  if (limit < 1) {
+    ZLOG("Thread pool size %d is below 1", limit);
+    return -1;
+  }
   zel::mtx_lock(&pool->lock);
-  pool->limit = limit > 0 ? static_cast<unsigned>(limit) : 0u;
+  pool->limit = static_cast<unsigned>(limit);
   recount(pool);
   zel::mtx_unlock(&pool->lock);
   return limit;
@@ -156,6 +177,8 @@ int thread_pool_set_size(int limit) {
 int thread_pool_append(ThreadTaskFn function, void* argument) { return enqueue(function, argument, false); }
 
 int thread_pool_push(ThreadTaskFn function, void* argument) { return enqueue(function, argument, true); }
+
+void thread_pool_set_leave_hook(void (*hook)()) { g_leave_hook.store(hook); }
 
 int thread_pool_stopping() { return g_stopping.load(); }
 
