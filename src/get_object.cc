@@ -190,7 +190,7 @@ namespace {
 // The size query's exchange on a pooled request; false (reported) when no
 // HTTP status came back.
 template <class Resp>
-bool size_exchange(const ZEL* handle, const char* url, Fetch& f, void (*callback)(const Resp*, void*),
+bool size_exchange(const char* url, Fetch& f, void (*callback)(const Resp*, void*),
                    void* user_data) {
   if (f.request == nullptr) return report(callback, 0, "Cannot initialize http request", user_data), false;
   if (const char* error = http_request_get(f.request, url)) return report(callback, 0, error, user_data), false;
@@ -201,7 +201,6 @@ bool size_exchange(const ZEL* handle, const char* url, Fetch& f, void (*callback
     return report(callback, 0, "Cannot initialize http response body", user_data), false;
   }
   f.response->body->callback = http_body_write;
-  (void)handle;
   if (const char* error = http_perform(f.request, f.response)) {
     return report(callback, f.response->status, error, user_data), false;
   }
@@ -238,7 +237,7 @@ uint64_t query_object_size(const ZELGetObjectDecorator* d, int* found) {
   }
   if (!bucket.ok() || !key.ok()) {
     report(opt->callback, 0, kCannotEscapeKeys, d->user_data);
-  } else if (size_exchange(d->handle, url, f, opt->callback, d->user_data)) {
+  } else if (size_exchange(url, f, opt->callback, d->user_data)) {
     int status = f.response->status;
     const char* body = body_of(f.response);
     if (status == 200 && object_details_fromjson(body, details, d->handle->api_version) == 0) {
@@ -272,7 +271,7 @@ uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* d, int* foun
   uint64_t size = 0;
   if (url == nullptr && f.request != nullptr) {
     report(opt->callback, 0, "Cannot encode the download URL", d->user_data);
-  } else if (size_exchange(d->handle, url, f, opt->callback, d->user_data)) {
+  } else if (size_exchange(url, f, opt->callback, d->user_data)) {
     int status = f.response->status;
     char* total = status == 200 || status == 206 ? http_response_content_range_total(f.response) : nullptr;
     if (total != nullptr) {

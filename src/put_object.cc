@@ -9,10 +9,8 @@
 #include <atomic>
 
 #include "alloc.h"
-#include "create_bucket.h"
 #include "frame.h"
 #include "httppool.h"
-#include "iterator.h"
 #include "json.h"
 #include "log.h"
 #include "progress.h"
@@ -22,7 +20,6 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\put_object";
-constexpr uint64_t kDefaultChunkSize = 5242880;
 
 // What libcurl reads the body from: the open file through the caller's read
 // function, never more than the range holds.

@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# Uploads and downloads one random file through the library (bench/zel_transfer)
+# against zel-server, moves the same bytes with curl and aria2c against the
+# same server, and prints MB/s, CPU seconds (user+sys), peak RSS and the
+# ratios zel/peer.
+#
+# usage: bench/transfer_bench.sh [build-dir]
+#   build-dir holds bin/zel-server and bin/zel_transfer (default: build).
+#   ZEL_BENCH_MIB=1024   size of the file in MiB
+#   ZEL_BENCH_PEERS=0    measure the library alone (for the memory check at
+#                        larger sizes)
+#   ZEL_BENCH_SETTLE=5   seconds to wait after sync before each run that
+#                        writes a file
+#
+# Before every run that writes a file (the server's object for uploads, the
+# local output for downloads) the target is deleted, the page cache is
+# written back with sync and the machine is left alone for a few seconds:
+# freshly written memory is expensive here, and without this the order of
+# the runs would decide the ratios.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$here/build}
+server=$build/bin/zel-server
+client=$build/bin/zel_transfer
+size_mib=${ZEL_BENCH_MIB:-1024}
+peers=${ZEL_BENCH_PEERS:-1}
+settle=${ZEL_BENCH_SETTLE:-5}
+piece=$((5 * 1048576))
+[ -x "$server" ] || { echo "no zel-server in $build/bin" >&2; exit 2; }
+[ -x "$client" ] || { echo "no zel_transfer in $build/bin (build target zel_transfer)" >&2; exit 2; }
+if [ "$peers" = 1 ]; then
+  command -v curl >/dev/null && command -v aria2c >/dev/null || { echo "curl and aria2c are needed" >&2; exit 2; }
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/zel-transfer-bench.XXXXXX")
+zpid=
+cleanup() {
+  [ -n "$zpid" ] && kill "$zpid" 2>/dev/null && wait "$zpid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+size=$((size_mib * 1048576))
+auth="Authorization: Bearer local-dev-token"
+echo "preparing a ${size_mib} MiB random file and its 5 MiB pieces..."
+head -c "$size" /dev/urandom > "$work/source.bin"
+mkdir "$work/pieces" "$work/out"
+split -b "$piece" -d -a 5 "$work/source.bin" "$work/pieces/p."
+source_sha=$(sha1sum "$work/source.bin" | cut -d' ' -f1)
+
+"$server" --port 0 --data "$work/zel-data" > "$work/zel.out" 2> "$work/zel.err" &
+zpid=$!
+for _ in $(seq 100); do grep -q listening "$work/zel.out" 2>/dev/null && break; sleep 0.1; done
+base=$(sed -n 's/^listening on //p' "$work/zel.out")
+[ -n "$base" ] || { echo "zel-server did not start" >&2; cat "$work/zel.err" >&2; exit 1; }
+api=$base/zel/v2
+curl -sf -o /dev/null -X POST -H "$auth" -d '{"bucketKey":"bench","policyKey":"transient","allow":[]}' "$api/buckets"
+objects=$api/buckets/bench/objects
+
+# Config files for curl -Z: one request per 5 MiB piece.
+pieces=$(( (size + piece - 1) / piece ))
+: > "$work/up.cfg"
+: > "$work/down.cfg"
+for ((i = 0; i < pieces; i++)); do
+  first=$((i * piece))
+  last=$(( first + piece - 1 < size - 1 ? first + piece - 1 : size - 1 ))
+  name=$(printf 'p.%05d' "$i")
+  # "next" starts the request's own set of options (its headers included).
+  [ "$i" -gt 0 ] && echo next >> "$work/up.cfg" && echo next >> "$work/down.cfg"
+  printf 'url = "%s/curl-chunks/resumable"\nupload-file = "%s"\noutput = "/dev/null"\nfail\nheader = "%s"\nheader = "Content-Range: bytes %d-%d/%d"\nheader = "Session-Id: curl-chunks-session"\nheader = "Expect:"\n' \
+    "$objects" "$work/pieces/$name" "$auth" "$first" "$last" "$size" >> "$work/up.cfg"
+  printf 'url = "%s/zel-up"\nrange = "%d-%d"\noutput = "%s/out/%s"\nfail\nheader = "%s"\n' \
+    "$objects" "$first" "$last" "$work" "$name" "$auth" >> "$work/down.cfg"
+done
+
+settle_down() {
+  sync
+  sleep "$settle"
+}
+
+# Runs a command under /usr/bin/time; appends "name bytes seconds cpu rss_kib".
+results=$work/results
+: > "$results"
+measure() {
+  local name=$1 bytes=$2
+  shift 2
+  /usr/bin/time -f '%e %U %S %M' -o "$work/time" "$@" > "$work/stdout" 2> "$work/stderr" || {
+    echo "$name failed:" >&2
+    cat "$work/stderr" >&2
+    exit 1
+  }
+  read -r elapsed user sys rss < "$work/time"
+  echo "$name $bytes $elapsed $(echo "$user + $sys" | bc) $rss" >> "$results"
+  printf '  %-16s %8.1f MB/s\n' "$name" "$(echo "$bytes / $elapsed / 1000000" | bc -l)"
+}
+
+delete_object() { curl -s -o /dev/null -X DELETE -H "$auth" "$objects/$1" || true; }
+
+# The downloads read the object the library uploaded, after checking it.
+echo "uploads:"
+delete_object zel-up; settle_down
+measure "zel put" "$size" "$client" put "$base" bench zel-up "$work/source.bin"
+if [ "$peers" = 1 ]; then
+  delete_object curl-single; settle_down
+  measure "curl -T" "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
+    -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
+  delete_object curl-chunks; settle_down
+  measure "curl -Z put" "$size" curl -s -Z --parallel-max 8 -K "$work/up.cfg"
+fi
+
+echo "downloads:"
+rm -f "$work/zel.bin"; settle_down
+measure "zel get" "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
+[ "$got_sha" = "$source_sha" ] || { echo "zel get: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
+rm -f "$work/zel.bin"
+if [ "$peers" = 1 ]; then
+  rm -f "$work/curl.bin"; settle_down
+  measure "curl -o" "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
+  rm -f "$work/curl.bin"
+  rm -f "$work/out"/*; settle_down
+  measure "curl -Z get" "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
+  rm -f "$work/out"/*
+  rm -f "$work/aria.bin"; settle_down
+  measure "aria2c" "$size" aria2c -q -x8 -s8 -k5M --file-allocation=falloc --header="$auth" \
+    --allow-overwrite=true --auto-file-renaming=false -d "$work" -o aria.bin "$objects/zel-up"
+  rm -f "$work/aria.bin"
+fi
+
+echo
+echo "size ${size_mib} MiB; $(nproc) cores"
+printf '%-16s %10s %10s %10s\n' tool MB/s CPU-s RSS-MiB
+awk '{ name=$1; for (i = 2; i <= NF - 4; i++) name = name " " $i;
+       printf "%-16s %10.1f %10.2f %10.1f\n", name, $(NF-3) / $(NF-2) / 1e6, $(NF-1), $NF / 1024 }' "$results"
+rate() { awk -v n="$1" '{ name=$1; for (i = 2; i <= NF - 4; i++) name = name " " $i; if (name == n) printf "%.3f\n", $(NF-3) / $(NF-2) }' "$results"; }
+if [ "$peers" = 1 ]; then
+  echo
+  for pair in "zel put:curl -T" "zel put:curl -Z put" "zel get:curl -o" "zel get:curl -Z get" "zel get:aria2c"; do
+    printf '%-28s %6.2fx\n' "${pair%%:*} / ${pair##*:}" "$(echo "$(rate "${pair%%:*}") / $(rate "${pair##*:}")" | bc -l)"
+  done
+fi
