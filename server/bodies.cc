@@ -48,7 +48,8 @@ Json load_object(const std::string &body, std::string &why) {
   return root;
 }
 
-bool read_permissions(json_t *arr, int version, bool need_access, std::vector<Permission> &out, std::string &why) {
+bool read_permissions(json_t *arr, int version, bool need_access, std::vector<Permission> &out,
+                      std::string &why) {
   if (!arr) return true;
   if (!json_is_array(arr)) {
     why = "The permission list must be an array";
@@ -112,7 +113,8 @@ std::string listing_json(const std::vector<Bucket> &page, const std::string &nex
   return dump(o);
 }
 
-std::string object_details_json(const ObjectMeta &m, const std::string &location, int version, DateFields dates) {
+std::string object_details_json(const ObjectMeta &m, const std::string &location, int version,
+                                DateFields dates) {
   std::string id = "urn:zel:object:" + m.bucket + ":" + m.blob;
   json_t *o = json_object();
   if (version == 1) {

@@ -44,7 +44,8 @@ class Buckets {
 
  private:
   void load_permissions(Bucket &bucket);
-  void put_permissions(const std::string &key, const std::string &owner, const std::vector<Permission> &perms);
+  void put_permissions(const std::string &key, const std::string &owner,
+                       const std::vector<Permission> &perms);
 
   Store &store_;
 };

@@ -34,7 +34,8 @@ bool read_action(json_t *o, FaultAction &a, std::string &why) {
   }
   if (delay) a.delay_ms = json_integer_value(delay);
   if (reset) a.reset_after_bytes = json_integer_value(reset);
-  if ((delay && (!json_is_integer(delay) || a.delay_ms < 0)) || (reset && (!json_is_integer(reset) || a.reset_after_bytes < 0))) {
+  if ((delay && (!json_is_integer(delay) || a.delay_ms < 0)) ||
+      (reset && (!json_is_integer(reset) || a.reset_after_bytes < 0))) {
     why = "\"delay_ms\" and \"reset_after_bytes\" must be non-negative integers";
     return false;
   }
@@ -77,14 +78,16 @@ bool read_rule(json_t *o, FaultRule &r, std::string &why) {
     why = "\"times\" must be a non-zero integer and \"probability\" a number";
     return false;
   }
-  r.rng.seed(seed && json_is_integer(seed) ? static_cast<uint64_t>(json_integer_value(seed)) : std::random_device()());
+  r.rng.seed(seed && json_is_integer(seed) ? static_cast<uint64_t>(json_integer_value(seed))
+                                           : std::random_device()());
   return read_header_condition(o, r, why) && read_action(o, r.action, why);
 }
 
 bool header_matches(const FaultRule &r, const HeaderLines &headers) {
   if (r.header_name.empty()) return true;
   for (const auto &h : headers)
-    if (strcasecmp(h.first.c_str(), r.header_name.c_str()) == 0 && h.second.find(r.header_part) != std::string::npos)
+    if (strcasecmp(h.first.c_str(), r.header_name.c_str()) == 0 &&
+        h.second.find(r.header_part) != std::string::npos)
       return true;
   return false;
 }
@@ -130,7 +133,8 @@ bool Faults::match(const std::string &method, const std::string &path, const Hea
     FaultRule &r = **it;
     if (!r.method.empty() && strcasecmp(r.method.c_str(), method.c_str()) != 0) continue;
     if (!std::regex_search(path, r.path) || !header_matches(r, headers)) continue;
-    if (r.probability < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(r.rng) >= r.probability) continue;
+    if (r.probability < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(r.rng) >= r.probability)
+      continue;
     out = r.action;
     if (r.times > 0 && --r.times == 0) rules_.erase(it);
     return true;

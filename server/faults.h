@@ -18,7 +18,7 @@ struct FaultAction {
   int status = 0;  // answer with this status instead of handling the request
   std::string body;
   std::string content_type;
-  int64_t delay_ms = 0;           // handle the request after this pause
+  int64_t delay_ms = 0;            // handle the request after this pause
   int64_t reset_after_bytes = -1;  // cut the connection after this much body
 };
 
@@ -40,7 +40,8 @@ class Faults {
   void clear();
   // The action of the first rule that matches and fires; each firing uses
   // one of the rule's times.
-  bool match(const std::string &method, const std::string &path, const HeaderLines &headers, FaultAction &out);
+  bool match(const std::string &method, const std::string &path, const HeaderLines &headers,
+             FaultAction &out);
 
  private:
   std::mutex mu_;

@@ -4,7 +4,21 @@
 
 #include <cstdlib>
 
+#include "util.h"
+
 namespace zelsrv {
+namespace {
+
+// JSON holds only UTF-8; other bytes a client sent show as '?'.
+json_t *text(const std::string &s) {
+  if (valid_utf8(s)) return json_stringn(s.data(), s.size());
+  std::string clean = s;
+  for (char &c : clean)
+    if (static_cast<unsigned char>(c) >= 0x80) c = '?';
+  return json_stringn(clean.data(), clean.size());
+}
+
+}  // namespace
 
 void Journal::add(JournalEntry entry) {
   std::lock_guard<std::mutex> lock(mu_);
@@ -24,12 +38,10 @@ std::string Journal::json() {
     for (const auto &e : entries_) {
       json_t *headers = json_array();
       for (const auto &h : e.headers)
-        json_array_append_new(headers, json_pack("[s#s#]", h.first.data(), h.first.size(), h.second.data(),
-                                                 h.second.size()));
-      json_array_append_new(arr, json_pack("{s:s#, s:s#, s:o, s:I, s:i}", "method", e.method.data(),
-                                           e.method.size(), "target", e.target.data(), e.target.size(),
-                                           "headers", headers, "body_size", static_cast<json_int_t>(e.body_size),
-                                           "status", e.status));
+        json_array_append_new(headers, json_pack("[oo]", text(h.first), text(h.second)));
+      json_array_append_new(arr, json_pack("{s:o, s:o, s:o, s:I, s:i}", "method", text(e.method), "target",
+                                           text(e.target), "headers", headers, "body_size",
+                                           static_cast<json_int_t>(e.body_size), "status", e.status));
     }
   }
   char *text = json_dumps(arr, JSON_COMPACT);

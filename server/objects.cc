@@ -82,13 +82,15 @@ int Objects::open_live(const std::string &bucket, const std::string &key, Object
 
 void Objects::publish(ObjectMeta &m, int64_t session_row) {
   std::lock_guard<std::mutex> lock(store_.mutex());
-  Stmt old(store_, "SELECT blob, created, deleted FROM objects WHERE bucket = ? AND key = ?");
   std::string old_blob;
   m.modified = m.accessed = now_ms();
   m.created = m.modified;
-  if (old.bind(1, m.bucket).bind(2, m.key).row()) {
-    old_blob = old.text(0);
-    if (old.i64(2) == 0) m.created = old.i64(1);  // a replaced live object keeps its birth date
+  {
+    Stmt old(store_, "SELECT blob, created, deleted FROM objects WHERE bucket = ? AND key = ?");
+    if (old.bind(1, m.bucket).bind(2, m.key).row()) {
+      old_blob = old.text(0);
+      if (old.i64(2) == 0) m.created = old.i64(1);  // a replaced live object keeps its birth date
+    }
   }
   store_.set_durable(true);
   store_.exec("BEGIN IMMEDIATE");
@@ -139,7 +141,8 @@ bool Objects::clone_blob(const std::string &from, const std::string &to) {
   return copy_file(store_.blob_path(from), store_.blob_path(to));
 }
 
-bool Objects::copy(const std::string &bucket, const std::string &src, const std::string &dst, ObjectMeta &out) {
+bool Objects::copy(const std::string &bucket, const std::string &src, const std::string &dst,
+                   ObjectMeta &out) {
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
     if (!read_row(bucket, src, false, out)) return false;

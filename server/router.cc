@@ -103,13 +103,20 @@ void serve_api(Ctx &c, const std::string &path) {
 
 std::string status_text(int status) {
   switch (status) {
-    case 400: return "Bad Request";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 413: return "Payload Too Large";
-    case 414: return "URI Too Long";
-    case 416: return "Range Not Satisfiable";
-    default: return "HTTP status " + std::to_string(status);
+    case 400:
+      return "Bad Request";
+    case 404:
+      return "Not Found";
+    case 405:
+      return "Method Not Allowed";
+    case 413:
+      return "Payload Too Large";
+    case 414:
+      return "URI Too Long";
+    case 416:
+      return "Range Not Satisfiable";
+    default:
+      return "HTTP status " + std::to_string(status);
   }
 }
 
@@ -151,7 +158,8 @@ void cut_answer(httplib::Response &res, int64_t limit) {
 // error handler (same thread, same request) leaves it empty.
 thread_local bool t_fault_without_body = false;
 
-void handle(App &app, const httplib::Request &req, httplib::Response &res, const httplib::ContentReader *reader) {
+void handle(App &app, const httplib::Request &req, httplib::Response &res,
+            const httplib::ContentReader *reader) {
   t_fault_without_body = false;
   Ctx c{app, req, res, reader};
   std::string path = req.target.substr(0, req.target.find('?'));
@@ -218,10 +226,11 @@ std::string Ctx::location(const std::string &bucket_key, const std::string &key)
 
 void install_routes(WireServer &server, App &app) {
   const char *any = "[\\s\\S]*";
-  auto plain = [&app](const httplib::Request &req, httplib::Response &res) { handle(app, req, res, nullptr); };
-  auto streamed = [&app](const httplib::Request &req, httplib::Response &res, const httplib::ContentReader &r) {
-    handle(app, req, res, &r);
+  auto plain = [&app](const httplib::Request &req, httplib::Response &res) {
+    handle(app, req, res, nullptr);
   };
+  auto streamed = [&app](const httplib::Request &req, httplib::Response &res,
+                         const httplib::ContentReader &r) { handle(app, req, res, &r); };
   server.Get(any, plain).Post(any, plain).Put(any, plain).Delete(any, plain);
   server.Post(any, streamed).Put(any, streamed).Delete(any, streamed);
   // Answers cpp-httplib gives by itself (bad request lines, unknown methods)

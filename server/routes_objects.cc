@@ -32,18 +32,19 @@ struct MappedObject {
 
 void serve_bytes(Ctx &c, std::shared_ptr<MappedObject> obj, ByteSpan span, const std::string &type) {
   size_t length = static_cast<size_t>(span.end - span.start + 1);
-  c.res.set_content_provider(length, type, [obj, span](size_t offset, size_t length, httplib::DataSink &sink) {
-    wire_set_file_window(obj->base, obj->size, obj->fd, 0);
-    const char *p = obj->base + span.start + offset;
-    bool ok = true;
-    for (size_t done = 0; ok && done < length;) {
-      size_t n = std::min(kSendPiece, length - done);
-      ok = sink.write(p + done, n);
-      done += n;
-    }
-    wire_clear_file_window();
-    return ok;
-  });
+  c.res.set_content_provider(length, type,
+                             [obj, span](size_t offset, size_t length, httplib::DataSink &sink) {
+                               wire_set_file_window(obj->base, obj->size, obj->fd, 0);
+                               const char *p = obj->base + span.start + offset;
+                               bool ok = true;
+                               for (size_t done = 0; ok && done < length;) {
+                                 size_t n = std::min(kSendPiece, length - done);
+                                 ok = sink.write(p + done, n);
+                                 done += n;
+                               }
+                               wire_clear_file_window();
+                               return ok;
+                             });
 }
 
 void download(Ctx &c) {

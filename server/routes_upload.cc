@@ -19,7 +19,8 @@ const size_t kBlock = 1u << 20;
 // Content-Range cannot spill into its neighbours.
 class BlockWriter {
  public:
-  BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1 *sha) : fd_(fd), offset_(offset), cap_(cap), sha_(sha) {
+  BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1 *sha)
+      : fd_(fd), offset_(offset), cap_(cap), sha_(sha) {
     buf_.reserve(kBlock);
   }
   bool add(const char *d, size_t n) {
@@ -139,7 +140,8 @@ void put_chunk(Ctx &c) {
   std::string sid = wire_header("Session-Id");
   ByteSpan span;
   uint64_t total = 0;
-  if (sid.empty() || sid.size() > 256) return c.drain(), c.error(400, "A resumable upload needs a Session-Id");
+  if (sid.empty() || sid.size() > 256)
+    return c.drain(), c.error(400, "A resumable upload needs a Session-Id");
   if (!parse_content_range(wire_header("Content-Range"), span, total))
     return c.drain(), c.error(400, "Content-Range must read bytes S-E/TOTAL");
   Session s;
@@ -167,7 +169,8 @@ void put_chunk(Ctx &c) {
 
 void session_status(Ctx &c) {
   Session s;
-  if (!c.app.sessions.find(c.args[0], c.args[1], c.args[2], s)) return c.error(404, "Upload session not found");
+  if (!c.app.sessions.find(c.args[0], c.args[1], c.args[2], s))
+    return c.error(404, "Upload session not found");
   if (s.complete) return reply_session_done(c, s);
   c.res.status = 202;
   c.res.set_header("Range", format_ranges(s.ranges));

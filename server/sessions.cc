@@ -33,7 +33,8 @@ std::vector<ByteSpan> Sessions::load_ranges(int64_t row) {
 
 bool Sessions::read(const char *where, const std::string &a, const std::string &b, const std::string &c,
                     Session &out) {
-  std::string sql = std::string("SELECT id, bucket, key, session, total, content_type, complete FROM sessions ") + where;
+  std::string sql =
+      std::string("SELECT id, bucket, key, session, total, content_type, complete FROM sessions ") + where;
   Stmt st(store_, sql.c_str());
   if (!st.bind(1, a).bind(2, b).bind(3, c).row()) return false;
   out.row = st.i64(0);

@@ -53,7 +53,8 @@ class Sessions {
   void recover();
 
  private:
-  bool read(const char *where, const std::string &a, const std::string &b, const std::string &c, Session &out);
+  bool read(const char *where, const std::string &a, const std::string &b, const std::string &c,
+            Session &out);
   std::vector<ByteSpan> load_ranges(int64_t row);
   void done_assembling(int64_t row);
 

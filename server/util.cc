@@ -119,8 +119,8 @@ bool parse_content_range(const std::string &value, ByteSpan &span, uint64_t &tot
   if (v.compare(0, 6, "bytes ") != 0) return false;
   size_t dash = v.find('-', 6), slash = v.find('/', 6);
   if (dash == std::string::npos || slash == std::string::npos || slash < dash) return false;
-  if (!parse_u64(v.substr(6, dash - 6), span.start) || !parse_u64(v.substr(dash + 1, slash - dash - 1), span.end) ||
-      !parse_u64(v.substr(slash + 1), total))
+  if (!parse_u64(v.substr(6, dash - 6), span.start) ||
+      !parse_u64(v.substr(dash + 1, slash - dash - 1), span.end) || !parse_u64(v.substr(slash + 1), total))
     return false;
   if (total == 0) return true;
   return span.start <= span.end && span.end < total;

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -12,7 +13,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <strings.h>
 
 namespace zelsrv {
 namespace {

@@ -16,12 +16,14 @@ class BucketsTest : public EmulatorTest {
  protected:
   BucketsTest() : EmulatorTest({"--token", "bob-token=bob", "--token", "carol-token=carol"}) {}
 
-  HttpResult post(const std::string &path, const std::string &body, int version = 2, const char *auth = kAuthHeader) {
+  HttpResult post(const std::string &path, const std::string &body, int version = 2,
+                  const char *auth = kAuthHeader) {
     return http("POST", server_.api(version) + path, {auth, "Content-Type: application/json"}, body);
   }
   HttpResult create(const std::string &key, int version = 2, const char *auth = kAuthHeader) {
-    std::string body = version == 1 ? "{\"bucketKey\":\"" + key + "\",\"policy\":\"transient\",\"servicesAllowed\":[]}"
-                                    : "{\"bucketKey\":\"" + key + "\",\"policyKey\":\"transient\",\"allow\":[]}";
+    std::string body = version == 1
+                           ? "{\"bucketKey\":\"" + key + "\",\"policy\":\"transient\",\"servicesAllowed\":[]}"
+                           : "{\"bucketKey\":\"" + key + "\",\"policyKey\":\"transient\",\"allow\":[]}";
     return post("/buckets", body, version, auth);
   }
   HttpResult get(const std::string &path, const char *auth = kAuthHeader, int version = 2) {
@@ -40,14 +42,15 @@ void expect_reason(const HttpResult &r, long status) {
 }
 
 TEST_F(BucketsTest, CreateAnswersDetailsInEachVersionsShape) {
-  HttpResult r = post("/buckets",
-                      R"({"bucketKey":"shape-v2","policyKey":"temporary","allow":[{"authId":"bob","access":"read"}]})");
+  HttpResult r =
+      post("/buckets",
+           R"({"bucketKey":"shape-v2","policyKey":"temporary","allow":[{"authId":"bob","access":"read"}]})");
   ASSERT_EQ(r.status, 200) << r.body;
   EXPECT_EQ(r.header("Content-Type"), "application/json");
   JsonPtr j = parse_json(r.body);
   ASSERT_TRUE(j);
-  EXPECT_EQ(json_keys(j.get()),
-            (std::vector<std::string>{"bucketKey", "bucketOwner", "createdDate", "permissions", "policyKey"}));
+  EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"bucketKey", "bucketOwner", "createdDate",
+                                                          "permissions", "policyKey"}));
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "bucketOwner")), "local");
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "policyKey")), "temporary");
   EXPECT_GT(json_integer_value(json_object_get(j.get(), "createdDate")), 1600000000000LL) << "milliseconds";
@@ -55,12 +58,14 @@ TEST_F(BucketsTest, CreateAnswersDetailsInEachVersionsShape) {
   EXPECT_EQ(json_keys(perm), (std::vector<std::string>{"access", "authId"}));
   EXPECT_STREQ(json_string_value(json_object_get(perm, "authId")), "bob");
 
-  r = post("/buckets",
-           R"({"bucketKey":"shape-v1","policy":"persistent","servicesAllowed":[{"serviceId":"carol","access":"full"}]})",
-           1);
+  r = post(
+      "/buckets",
+      R"({"bucketKey":"shape-v1","policy":"persistent","servicesAllowed":[{"serviceId":"carol","access":"full"}]})",
+      1);
   ASSERT_EQ(r.status, 200) << r.body;
   j = parse_json(r.body);
-  EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"createDate", "key", "owner", "permissions", "policyKey"}));
+  EXPECT_EQ(json_keys(j.get()),
+            (std::vector<std::string>{"createDate", "key", "owner", "permissions", "policyKey"}));
   perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
   EXPECT_EQ(json_keys(perm), (std::vector<std::string>{"access", "serviceId"}));
   EXPECT_STREQ(json_string_value(json_object_get(perm, "access")), "full");
@@ -79,16 +84,17 @@ TEST_F(BucketsTest, CreateRefusesDuplicatesAndMalformedBodies) {
   expect_reason(create("dup"), 409);
   expect_reason(create("dup", 1), 409);
 
-  for (const char *bad : {"not json", "[]", R"({"policyKey":"transient"})",
-                          R"({"bucketKey":"ok-key","policyKey":"forever"})",
-                          R"({"bucketKey":"ok-key","policy":"transient"})",  // version 1 key in a version 2 body
-                          R"({"bucketKey":"ok-key","policyKey":"transient","allow":[{"authId":"x","access":"write"}]})",
-                          R"({"bucketKey":"ok-key","policyKey":"transient","allow":{}})",
-                          R"({"bucketKey":"ok-key","bucketKey":"ok-key","policyKey":"transient"})"}) {
+  for (const char *bad :
+       {"not json", "[]", R"({"policyKey":"transient"})", R"({"bucketKey":"ok-key","policyKey":"forever"})",
+        R"({"bucketKey":"ok-key","policy":"transient"})",  // version 1 key in a version 2 body
+        R"({"bucketKey":"ok-key","policyKey":"transient","allow":[{"authId":"x","access":"write"}]})",
+        R"({"bucketKey":"ok-key","policyKey":"transient","allow":{}})",
+        R"({"bucketKey":"ok-key","bucketKey":"ok-key","policyKey":"transient"})"}) {
     SCOPED_TRACE(bad);
     expect_reason(post("/buckets", bad), 400);
   }
-  for (const std::string &key : std::vector<std::string>{"ab", std::string(129, 'a'), "Upper", "a b", "caf\xc3\xa9", "a/b"}) {
+  for (const std::string &key :
+       std::vector<std::string>{"ab", std::string(129, 'a'), "Upper", "a b", "caf\xc3\xa9", "a/b"}) {
     SCOPED_TRACE(key);
     expect_reason(create(key), 400);
   }
@@ -101,8 +107,8 @@ TEST_F(BucketsTest, CreateRefusesDuplicatesAndMalformedBodies) {
 
 TEST_F(BucketsTest, MissingOrUnknownTokenGets401) {
   ASSERT_EQ(create("guarded").status, 200);
-  for (const char *auth : {"X-None: 1", "Authorization: Bearer nope", "Authorization: Basic bG9jYWw6eA==",
-                           "Authorization: Bearer"}) {
+  for (const char *auth : {"X-None: 1", "Authorization: Bearer nope",
+                           "Authorization: Basic bG9jYWw6eA==", "Authorization: Bearer"}) {
     SCOPED_TRACE(auth);
     expect_reason(get("/buckets/guarded/details", auth), 401);
     expect_reason(create("other", 2, auth), 401);
@@ -122,14 +128,18 @@ TEST_F(BucketsTest, GrantAndRevokeControlAccess) {
   EXPECT_EQ(r.body, R"({"permissions":[{"authId":"bob","access":"read"}]})");
   EXPECT_EQ(get("/buckets/shared/details", kBob).status, 200);
   expect_reason(http("PUT", server_.api() + object, {kBob}, "hi"), 403);
-  expect_reason(post("/buckets/shared/grant", R"({"allow":[{"authId":"bob","access":"full"}]})", 2, kBob), 403);
+  expect_reason(post("/buckets/shared/grant", R"({"allow":[{"authId":"bob","access":"full"}]})", 2, kBob),
+                403);
 
   // An upgraded grant keeps its place in the list; version 1 keys on version 1.
-  r = post("/buckets/shared/grant",
-           R"({"servicesAllowed":[{"serviceId":"bob","access":"full"},{"serviceId":"carol","access":"read"}]})", 1);
+  r = post(
+      "/buckets/shared/grant",
+      R"({"servicesAllowed":[{"serviceId":"bob","access":"full"},{"serviceId":"carol","access":"read"}]})",
+      1);
   ASSERT_EQ(r.status, 200) << r.body;
-  EXPECT_EQ(r.body,
-            R"({"servicesAllowed":[{"serviceId":"bob","access":"full"},{"serviceId":"carol","access":"read"}]})");
+  EXPECT_EQ(
+      r.body,
+      R"({"servicesAllowed":[{"serviceId":"bob","access":"full"},{"serviceId":"carol","access":"read"}]})");
   EXPECT_EQ(http("PUT", server_.api() + object, {kBob}, "hi").status, 200);
   EXPECT_EQ(get(object, kCarol).status, 200);
 
@@ -158,14 +168,16 @@ TEST_F(BucketsTest, ListingPagesInKeyOrder) {
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"items", "next"}));
   json_t *items = json_object_get(j.get(), "items");
   ASSERT_EQ(json_array_size(items), 2u);
-  EXPECT_EQ(json_keys(json_array_get(items, 0)), (std::vector<std::string>{"bucketKey", "createdDate", "policyKey"}));
+  EXPECT_EQ(json_keys(json_array_get(items, 0)),
+            (std::vector<std::string>{"bucketKey", "createdDate", "policyKey"}));
   EXPECT_STREQ(json_string_value(json_object_get(json_array_get(items, 0), "bucketKey")), "lb-a");
   EXPECT_STREQ(json_string_value(json_object_get(json_array_get(items, 1), "bucketKey")), "lb-b");
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "next")), "lb-c");
 
   j = parse_json(get("/buckets?limit=2&region=EMEA&startAt=lb-c").body);
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(json_object_get(j.get(), "items"), 0), "bucketKey")),
-               "lb-c");
+  EXPECT_STREQ(
+      json_string_value(json_object_get(json_array_get(json_object_get(j.get(), "items"), 0), "bucketKey")),
+      "lb-c");
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "next")), "lb-e");
 
   j = parse_json(get("/buckets?limit=2&startAt=lb-e").body);

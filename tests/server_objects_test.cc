@@ -38,9 +38,12 @@ class ObjectsTest : public EmulatorTest {
     return server_.api(version) + "/buckets/objs/objects/" + encoded_key;
   }
   HttpResult put(const std::string &encoded_key, const std::string &data, int version = 2) {
-    std::string range = "Content-Range: bytes 0-" + std::to_string(data.size() - 1) + "/" + std::to_string(data.size());
-    return http("PUT", url(encoded_key, version),
-                {kAuthHeader, "Session-Id: s-" + std::to_string(data.size()), range, "Content-Type: text/x-zel"}, data);
+    std::string range =
+        "Content-Range: bytes 0-" + std::to_string(data.size() - 1) + "/" + std::to_string(data.size());
+    return http(
+        "PUT", url(encoded_key, version),
+        {kAuthHeader, "Session-Id: s-" + std::to_string(data.size()), range, "Content-Type: text/x-zel"},
+        data);
   }
   HttpResult get(const std::string &encoded_key, std::vector<std::string> headers = {}) {
     headers.push_back(kAuthHeader);
@@ -77,13 +80,15 @@ TEST_F(ObjectsTest, WholeUploadRoundTripsInBothVersions) {
   j = parse_json(r.body);
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"bucket-key", "objects"}));
   json_t *o = json_array_get(json_object_get(j.get(), "objects"), 0);
-  EXPECT_EQ(json_keys(o), (std::vector<std::string>{"content-type", "id", "key", "location", "sha-1", "size"}));
+  EXPECT_EQ(json_keys(o),
+            (std::vector<std::string>{"content-type", "id", "key", "location", "sha-1", "size"}));
   EXPECT_EQ(json_string_value(json_object_get(o, "sha-1")), sha1_hex("version one"));
 }
 
 TEST_F(ObjectsTest, WholeUploadChecksContentRangeAgainstTheBody) {
   // An empty file is announced with an end that wrapped around below zero.
-  HttpResult r = http("PUT", url("empty"), {kAuthHeader, "Content-Range: bytes 0-18446744073709551615/0"}, "");
+  HttpResult r =
+      http("PUT", url("empty"), {kAuthHeader, "Content-Range: bytes 0-18446744073709551615/0"}, "");
   ASSERT_EQ(r.status, 200) << r.body;
   EXPECT_EQ(json_string_value(json_object_get(parse_json(r.body).get(), "sha1")), sha1_hex(""));
   HttpResult g = get("empty");
@@ -104,7 +109,7 @@ TEST_F(ObjectsTest, RangesAnswer206Or416) {
     const char *range;
     size_t start, end;
   } cases[] = {{"bytes=100-199", 100, 199}, {"bytes=990-2000", 990, 999}, {"bytes=-10", 990, 999},
-               {"bytes=995-", 995, 999},    {"bytes=0-0", 0, 0},         {"bytes=-5000", 0, 999}};
+               {"bytes=995-", 995, 999},    {"bytes=0-0", 0, 0},          {"bytes=-5000", 0, 999}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.range);
     HttpResult r = get("r", {std::string("Range: ") + c.range});
@@ -124,8 +129,14 @@ TEST_F(ObjectsTest, RangesAnswer206Or416) {
 }
 
 TEST_F(ObjectsTest, KeysArePercentEncodedUtf8WithSlashes) {
-  const std::vector<std::string> keys = {"a/b c", "dir/sub/file.txt", "\xc3\xbcn\xc3\xaf/c\xc3\xb8" "d\xc3\xa9 \xe2\x9c\x93",
-                                         "100%", "..", "q?x=1#h", "a%2Fb"};
+  const std::vector<std::string> keys = {"a/b c",
+                                         "dir/sub/file.txt",
+                                         "\xc3\xbcn\xc3\xaf/c\xc3\xb8"
+                                         "d\xc3\xa9 \xe2\x9c\x93",
+                                         "100%",
+                                         "..",
+                                         "q?x=1#h",
+                                         "a%2Fb"};
   for (size_t i = 0; i < keys.size(); ++i) {
     SCOPED_TRACE(keys[i]);
     std::string data = "content of " + keys[i];
@@ -180,14 +191,16 @@ TEST_F(ObjectsTest, PathTraversalIsRefused) {
   expect_error(get("bad%zz"), 400);
 
   struct stat st;
-  for (const std::string &p : {dir + "/../escape", dir + "/../../escape", dir + "/../escape2", dir + "/escape"})
+  for (const std::string &p :
+       {dir + "/../escape", dir + "/../../escape", dir + "/../escape2", dir + "/escape"})
     EXPECT_NE(lstat(p.c_str(), &st), 0) << p << " was created";
   std::set<std::string> files;
   list_files(dir, "", files);
   for (const auto &f : files) {
     EXPECT_TRUE(f.rfind("meta.db", 0) == 0 || f.rfind("objects/", 0) == 0) << "unexpected file " << f;
     if (f.rfind("objects/", 0) == 0) {
-      EXPECT_EQ(f.find_first_not_of("0123456789abcdef", 8), std::string::npos) << "object files have id names: " << f;
+      EXPECT_EQ(f.find_first_not_of("0123456789abcdef", 8), std::string::npos)
+          << "object files have id names: " << f;
     }
   }
   EXPECT_EQ(http("GET", server_.api() + "/buckets/objs/details", {kAuthHeader}).status, 200)
@@ -244,7 +257,8 @@ TEST_F(ObjectsTest, DetailsCarryDatesOnlyWhenAsked) {
   json_int_t created = json_integer_value(json_object_get(dated.get(), "createdDate"));
   ASSERT_EQ(put("dated", "abcd").status, 200);
   JsonPtr again = parse_json(http("GET", url("dated/details") + with, {kAuthHeader}).body);
-  EXPECT_EQ(json_integer_value(json_object_get(again.get(), "createdDate")), created) << "replacing keeps the birth";
+  EXPECT_EQ(json_integer_value(json_object_get(again.get(), "createdDate")), created)
+      << "replacing keeps the birth";
   EXPECT_GE(json_integer_value(json_object_get(again.get(), "lastModifiedDate")), created);
 }
 

@@ -141,10 +141,11 @@ int start_partial_chunk(int port, size_t start, size_t length, size_t total, siz
   a.sin_port = htons(static_cast<uint16_t>(port));
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) != 0) return -1;
-  std::string head = "PUT /zel/v2/buckets/upl/objects/crash/resumable HTTP/1.1\r\nHost: x\r\n" + std::string(kAuthHeader) +
-                     "\r\nSession-Id: s9\r\nContent-Range: bytes " + std::to_string(start) + "-" +
-                     std::to_string(start + length - 1) + "/" + std::to_string(total) +
-                     "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n" + std::string(sent, 'z');
+  std::string head = "PUT /zel/v2/buckets/upl/objects/crash/resumable HTTP/1.1\r\nHost: x\r\n" +
+                     std::string(kAuthHeader) + "\r\nSession-Id: s9\r\nContent-Range: bytes " +
+                     std::to_string(start) + "-" + std::to_string(start + length - 1) + "/" +
+                     std::to_string(total) + "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n" +
+                     std::string(sent, 'z');
   if (send(fd, head.data(), head.size(), 0) != static_cast<ssize_t>(head.size())) return -1;
   return fd;
 }
@@ -159,14 +160,18 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
   std::string expected = "bytes=";
   for (size_t i = 0; i < first.size(); ++i) {
     bool joins = i > 0 && first[i - 1].end + 1 == first[i].start;
-    if (joins) expected.erase(expected.rfind('-') + 1);
-    else if (i > 0) expected += ",";
-    expected += joins ? std::to_string(first[i].end) : std::to_string(first[i].start) + "-" + std::to_string(first[i].end);
+    if (joins)
+      expected.erase(expected.rfind('-') + 1);
+    else if (i > 0)
+      expected += ",";
+    expected += joins ? std::to_string(first[i].end)
+                      : std::to_string(first[i].start) + "-" + std::to_string(first[i].end);
   }
   ASSERT_EQ(status("crash", "s9").header("Range"), expected);
 
   // A chunk cut off by the crash must not count as received.
-  int fd = start_partial_chunk(server_.port(), rest[0].start, rest[0].end - rest[0].start + 1, data.size(), 1000);
+  int fd =
+      start_partial_chunk(server_.port(), rest[0].start, rest[0].end - rest[0].start + 1, data.size(), 1000);
   ASSERT_GE(fd, 0);
   usleep(200 * 1000);
   server_.kill9();
@@ -183,7 +188,8 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
 
   // The completed object, its bucket, a grant and a deleted object that can
   // still be restored survive another kill.
-  ASSERT_EQ(http("POST", server_.api() + "/buckets/upl/grant", {kAuthHeader}, R"({"allow":[{"authId":"x","access":"read"}]})")
+  ASSERT_EQ(http("POST", server_.api() + "/buckets/upl/grant", {kAuthHeader},
+                 R"({"allow":[{"authId":"x","access":"read"}]})")
                 .status,
             200);
   ASSERT_EQ(http("PUT", server_.api() + "/buckets/upl/objects/gone", {kAuthHeader}, "bye").status, 200);

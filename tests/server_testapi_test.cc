@@ -19,7 +19,8 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
 }
 
 class TestApiTest : public EmulatorTest {
@@ -56,7 +57,8 @@ TEST_F(TestApiTest, JournalRecordsRequestsAsReceived) {
   std::vector<std::string> names;
   for (const auto &h : put.headers) names.push_back(h.first);
   auto pos = [&](const std::string &n) { return std::find(names.begin(), names.end(), n) - names.begin(); };
-  for (const char *n : {"Authorization", "Session-Id", "Content-Range", "x-lower-case", "X-Custom", "Content-Type"})
+  for (const char *n :
+       {"Authorization", "Session-Id", "Content-Range", "x-lower-case", "X-Custom", "Content-Type"})
     EXPECT_LT(pos(n), static_cast<long>(names.size())) << n << " missing or renamed";
   EXPECT_LT(pos("Authorization"), pos("Session-Id"));
   EXPECT_LT(pos("Session-Id"), pos("Content-Range"));
@@ -83,7 +85,8 @@ TEST_F(TestApiTest, FaultRulesFailStallAndCut) {
   ASSERT_TRUE(server_.add_fault(R"({"path":"details$","status":500,"body":"oops"})"));
   EXPECT_EQ(http("GET", object_url() + "/details", {kAuthHeader}).body, "oops");
 
-  ASSERT_TRUE(server_.add_fault(R"({"path":"/objects/","header":"Range: bytes=0-","status":504,"times":-1})"));
+  ASSERT_TRUE(
+      server_.add_fault(R"({"path":"/objects/","header":"Range: bytes=0-","status":504,"times":-1})"));
   EXPECT_EQ(http("GET", object_url(), {kAuthHeader}).status, 200);
   EXPECT_EQ(http("GET", object_url(), {kAuthHeader, "Range: bytes=0-9"}).status, 504);
   EXPECT_EQ(http("GET", object_url(), {kAuthHeader, "Range: bytes=0-9"}).status, 504);
@@ -107,7 +110,8 @@ TEST_F(TestApiTest, FaultRulesFailStallAndCut) {
   ASSERT_TRUE(server_.clear_requests());
   EXPECT_EQ(http("PUT", object_url(), {kAuthHeader}, std::string(70000, 'p')).status, 500);
   EXPECT_EQ(server_.requests().at(0).body_size, 70000u);
-  EXPECT_EQ(http("GET", object_url(), {kAuthHeader}).body, std::string(1000, 'k')) << "the failed PUT changed nothing";
+  EXPECT_EQ(http("GET", object_url(), {kAuthHeader}).body, std::string(1000, 'k'))
+      << "the failed PUT changed nothing";
 
   for (const char *bad : {R"({"path":"x","status":500,"delay_ms":5})", R"({"path":"(","status":500})",
                           R"({"path":"x"})", R"({"path":"x","status":42})", "nope"})
@@ -119,7 +123,8 @@ TEST_F(TestApiTest, ProbabilityRulesAreRepeatableWithASeed) {
     server_.clear_faults();
     EXPECT_TRUE(server_.add_fault(R"({"path":"f1$","status":500,"probability":0.5,"seed":7,"times":-1})"));
     std::string pattern;
-    for (int i = 0; i < 30; ++i) pattern += http("GET", object_url(), {kAuthHeader}).status == 500 ? 'x' : '.';
+    for (int i = 0; i < 30; ++i)
+      pattern += http("GET", object_url(), {kAuthHeader}).status == 500 ? 'x' : '.';
     return pattern;
   };
   std::string first = run();
@@ -137,7 +142,8 @@ TEST_F(TestApiTest, ServesManyConnectionsAtOnce) {
   std::vector<long> statuses(20);
   auto t0 = Clock::now();
   for (size_t i = 0; i < statuses.size(); ++i)
-    clients.emplace_back([&, i] { statuses[i] = http("GET", object_url() + "/details", {kAuthHeader}).status; });
+    clients.emplace_back(
+        [&, i] { statuses[i] = http("GET", object_url() + "/details", {kAuthHeader}).status; });
   for (auto &t : clients) t.join();
   EXPECT_LT(elapsed_ms(t0), 2900);
   for (long s : statuses) EXPECT_EQ(s, 200);
@@ -184,7 +190,8 @@ TEST(ServerStartTest, FaultsFileTokensAndTemporaryData) {
   waitpid(pid, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   std::string left = dir + "/";
-  EXPECT_EQ(system(("test -z \"$(ls " + dir + " | grep zel-server)\"").c_str()), 0) << "temporary data left in " << dir;
+  EXPECT_EQ(system(("test -z \"$(ls " + dir + " | grep zel-server)\"").c_str()), 0)
+      << "temporary data left in " << dir;
   unlink(rules.c_str());
   rmdir(dir.c_str());
 }

@@ -74,7 +74,8 @@ std::string read_line(int fd, int ms) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (line.find('\n') == std::string::npos) {
     int left = static_cast<int>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+            .count());
     pollfd p{fd, POLLIN, 0};
     if (left <= 0 || poll(&p, 1, left) <= 0) break;
     char buf[256];
@@ -248,17 +249,21 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     r.body_size = static_cast<uint64_t>(json_integer_value(json_object_get(e, "body_size")));
     r.status = static_cast<int>(json_integer_value(json_object_get(e, "status")));
     json_array_foreach(json_object_get(e, "headers"), k, h) {
-      r.headers.emplace_back(json_string_value(json_array_get(h, 0)), json_string_value(json_array_get(h, 1)));
+      r.headers.emplace_back(json_string_value(json_array_get(h, 0)),
+                             json_string_value(json_array_get(h, 1)));
     }
     out.push_back(r);
   }
   return out;
 }
 
-bool ServerProcess::clear_requests() { return http("DELETE", base_url() + "/_emulator/requests").status == 200; }
+bool ServerProcess::clear_requests() {
+  return http("DELETE", base_url() + "/_emulator/requests").status == 200;
+}
 
 bool ServerProcess::add_fault(const std::string &rule_json) {
-  return http("POST", base_url() + "/_emulator/faults", {"Content-Type: application/json"}, rule_json).status == 200;
+  return http("POST", base_url() + "/_emulator/faults", {"Content-Type: application/json"}, rule_json)
+             .status == 200;
 }
 
 bool ServerProcess::clear_faults() { return http("DELETE", base_url() + "/_emulator/faults").status == 200; }

@@ -30,8 +30,8 @@ struct HttpResult {
 
 // One exchange on a fresh connection. `headers` are "Name: value" lines; the
 // URL goes out as given (no dot-segment folding, escapes untouched).
-HttpResult http(const std::string &method, const std::string &url, const std::vector<std::string> &headers = {},
-                const std::string &body = std::string());
+HttpResult http(const std::string &method, const std::string &url,
+                const std::vector<std::string> &headers = {}, const std::string &body = std::string());
 
 struct JsonFree {
   void operator()(json_t *j) const { json_decref(j); }
@@ -67,8 +67,8 @@ class ServerProcess {
   // Starts on a free port with a fresh data directory (kept across restarts
   // and removed by the destructor). False with error() set on failure.
   bool start();
-  void stop();   // SIGTERM, then waits for the exit
-  void kill9();  // SIGKILL, then reaps the process; the data stays
+  void stop();     // SIGTERM, then waits for the exit
+  void kill9();    // SIGKILL, then reaps the process; the data stays
   bool restart();  // same data directory, a new free port
   bool running() const { return pid_ > 0; }
   // The exit status of the last stopped process, as waitpid gives it.
