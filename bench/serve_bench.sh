@@ -25,17 +25,14 @@ trap cleanup EXIT
 
 free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
 
-# Median download rate in bytes per second over $runs runs, after one run
-# that warms the page cache.
-rate() {
-  local url=$1 auth=$2 r all=()
-  curl -sf -o /dev/null ${auth:+-H "$auth"} "$url"
-  for _ in $(seq "$runs"); do
-    r=$(curl -sf -o /dev/null -w '%{speed_download}' ${auth:+-H "$auth"} "$url")
-    all+=("${r%.*}")
-  done
-  printf '%s\n' "${all[@]}" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'
+# One download's rate in bytes per second.
+rate_once() {
+  local r
+  r=$(curl -sf -o /dev/null -w '%{speed_download}' ${2:+-H "$2"} "$1")
+  echo "${r%.*}"
 }
+
+median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
 echo "preparing a ${size_mib} MiB object..."
 head -c $((size_mib * 1048576)) /dev/urandom > "$work/object.bin"
@@ -83,10 +80,21 @@ nginx -p "$work/nginx" -c "$work/nginx/nginx.conf" 2> "$work/nginx/logs/stderr" 
 npid=$!
 for _ in $(seq 100); do curl -sf -o /dev/null -r 0-0 "http://127.0.0.1:$nport/object.bin" && break; sleep 0.1; done
 
-zrate=$(rate "$zurl/zel/v2/buckets/bench/objects/object.bin" "$auth")
-nrate=$(rate "http://127.0.0.1:$nport/object.bin" "")
+zobj="$zurl/zel/v2/buckets/bench/objects/object.bin"
+nobj="http://127.0.0.1:$nport/object.bin"
+# One warm-up each, then the two servers take turns, so that whatever else
+# the machine does weighs on both alike.
+rate_once "$zobj" "$auth" > /dev/null
+rate_once "$nobj" "" > /dev/null
+zall=() nall=()
+for _ in $(seq "$runs"); do
+  zall+=("$(rate_once "$zobj" "$auth")")
+  nall+=("$(rate_once "$nobj" "")")
+done
+zrate=$(printf '%s\n' "${zall[@]}" | median)
+nrate=$(printf '%s\n' "${nall[@]}" | median)
 awk -v z="$zrate" -v n="$nrate" -v runs="$runs" -v mib="$size_mib" 'BEGIN {
-  printf "object: %d MiB, median of %d runs each, curl -o /dev/null over loopback\n", mib, runs
+  printf "object: %d MiB, median of %d alternating runs each, curl -o /dev/null over loopback\n", mib, runs
   printf "zel-server: %8.1f MiB/s\n", z / 1048576
   printf "nginx:      %8.1f MiB/s\n", n / 1048576
   printf "ratio zel-server/nginx: %.2f\n", z / n
