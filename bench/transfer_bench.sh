@@ -11,6 +11,7 @@
 #                        larger sizes)
 #   ZEL_BENCH_SETTLE=5   seconds to wait after sync before each run that
 #                        writes a file
+#   ZEL_BENCH_RUNS=3     runs per tool; the run with the median rate counts
 #
 # Before every run that writes a file (the server's object for uploads, the
 # local output for downloads) the target is deleted, the page cache is
@@ -26,6 +27,7 @@ client=$build/bin/zel_transfer
 size_mib=${ZEL_BENCH_MIB:-1024}
 peers=${ZEL_BENCH_PEERS:-1}
 settle=${ZEL_BENCH_SETTLE:-5}
+runs=${ZEL_BENCH_RUNS:-3}
 piece=$((5 * 1048576))
 [ -x "$server" ] || { echo "no zel-server in $build/bin" >&2; exit 2; }
 [ -x "$client" ] || { echo "no zel_transfer in $build/bin (build target zel_transfer)" >&2; exit 2; }
@@ -58,74 +60,90 @@ api=$base/zel/v2
 curl -sf -o /dev/null -X POST -H "$auth" -d '{"bucketKey":"bench","policyKey":"transient","allow":[]}' "$api/buckets"
 objects=$api/buckets/bench/objects
 
-# Config files for curl -Z: one request per 5 MiB piece.
+# Config files for curl -Z: one request per 5 MiB piece. Each upload run
+# gets a session id of its own: a finished session cannot take new chunks.
 pieces=$(( (size + piece - 1) / piece ))
-: > "$work/up.cfg"
-: > "$work/down.cfg"
-for ((i = 0; i < pieces; i++)); do
-  first=$((i * piece))
-  last=$(( first + piece - 1 < size - 1 ? first + piece - 1 : size - 1 ))
-  name=$(printf 'p.%05d' "$i")
-  # "next" starts the request's own set of options (its headers included).
-  [ "$i" -gt 0 ] && echo next >> "$work/up.cfg" && echo next >> "$work/down.cfg"
-  printf 'url = "%s/curl-chunks/resumable"\nupload-file = "%s"\noutput = "/dev/null"\nfail\nheader = "%s"\nheader = "Content-Range: bytes %d-%d/%d"\nheader = "Session-Id: curl-chunks-session"\nheader = "Expect:"\n' \
-    "$objects" "$work/pieces/$name" "$auth" "$first" "$last" "$size" >> "$work/up.cfg"
-  printf 'url = "%s/zel-up"\nrange = "%d-%d"\noutput = "%s/out/%s"\nfail\nheader = "%s"\n' \
-    "$objects" "$first" "$last" "$work" "$name" "$auth" >> "$work/down.cfg"
-done
-
-settle_down() {
-  sync
-  sleep "$settle"
+write_configs() {
+  local session=curl-chunks-$RANDOM$RANDOM i first last name
+  : > "$work/up.cfg"
+  : > "$work/down.cfg"
+  for ((i = 0; i < pieces; i++)); do
+    first=$((i * piece))
+    last=$(( first + piece - 1 < size - 1 ? first + piece - 1 : size - 1 ))
+    name=$(printf 'p.%05d' "$i")
+    # "next" starts the request's own set of options (its headers included).
+    [ "$i" -gt 0 ] && echo next >> "$work/up.cfg" && echo next >> "$work/down.cfg"
+    printf 'url = "%s/curl-chunks/resumable"\nupload-file = "%s"\noutput = "/dev/null"\nfail\nheader = "%s"\nheader = "Content-Range: bytes %d-%d/%d"\nheader = "Session-Id: %s"\nheader = "Expect:"\n' \
+      "$objects" "$work/pieces/$name" "$auth" "$first" "$last" "$size" "$session" >> "$work/up.cfg"
+    printf 'url = "%s/zel-up"\nrange = "%d-%d"\noutput = "%s/out/%s"\nfail\nheader = "%s"\n' \
+      "$objects" "$first" "$last" "$work" "$name" "$auth" >> "$work/down.cfg"
+  done
 }
 
-# Runs a command under /usr/bin/time; appends "name bytes seconds cpu rss_kib".
+
+# Runs a command $runs times under /usr/bin/time, each time after `prepare`
+# (which deletes the command's target); keeps the run with the median rate
+# as "name bytes seconds cpu rss_kib" in $results.
 results=$work/results
 : > "$results"
 measure() {
-  local name=$1 bytes=$2
-  shift 2
-  /usr/bin/time -f '%e %U %S %M' -o "$work/time" "$@" > "$work/stdout" 2> "$work/stderr" || {
-    echo "$name failed:" >&2
-    cat "$work/stderr" >&2
-    exit 1
-  }
-  read -r elapsed user sys rss < "$work/time"
-  echo "$name $bytes $elapsed $(echo "$user + $sys" | bc) $rss" >> "$results"
-  printf '  %-16s %8.1f MB/s\n' "$name" "$(echo "$bytes / $elapsed / 1000000" | bc -l)"
+  local name=$1 prepare=$2 bytes=$3 elapsed user sys rss all=()
+  shift 3
+  for ((r = 0; r < runs; r++)); do
+    $prepare
+    sync
+    sleep "$settle"
+    /usr/bin/time -f '%e %U %S %M' -o "$work/time" "$@" > "$work/stdout" 2> "$work/stderr" || {
+      echo "$name failed:" >&2
+      cat "$work/stderr" >&2
+      exit 1
+    }
+    read -r elapsed user sys rss < "$work/time"
+    all+=("$elapsed $(echo "$user + $sys" | bc) $rss")
+    printf '  %-12s run %d: %8.1f MB/s\n' "$name" $((r + 1)) "$(echo "$bytes / $elapsed / 1000000" | bc -l)"
+  done
+  $prepare
+  echo "$name $bytes $(printf '%s\n' "${all[@]}" | sort -n | sed -n "$(( (runs + 1) / 2 ))p")" >> "$results"
 }
 
 delete_object() { curl -s -o /dev/null -X DELETE -H "$auth" "$objects/$1" || true; }
+no_zel_up() { delete_object zel-up; }
+no_curl_single() { delete_object curl-single; }
+no_curl_chunks() {
+  delete_object curl-chunks
+  write_configs
+}
+no_zel_file() { rm -f "$work/zel.bin"; }
+no_curl_file() { rm -f "$work/curl.bin"; }
+no_parts() {
+  rm -f "$work/out"/*
+  write_configs
+}
+no_aria_file() { rm -f "$work/aria.bin" "$work/aria.bin.aria2"; }
 
 # The downloads read the object the library uploaded, after checking it.
 echo "uploads:"
-delete_object zel-up; settle_down
-measure "zel put" "$size" "$client" put "$base" bench zel-up "$work/source.bin"
+measure "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
+"$client" put "$base" bench zel-up "$work/source.bin" > /dev/null
 if [ "$peers" = 1 ]; then
-  delete_object curl-single; settle_down
-  measure "curl -T" "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
+  measure "curl -T" no_curl_single "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
     -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
-  delete_object curl-chunks; settle_down
-  measure "curl -Z put" "$size" curl -s -Z --parallel-max 8 -K "$work/up.cfg"
+  measure "curl -Z put" no_curl_chunks "$size" curl -s -Z --parallel-max 8 -K "$work/up.cfg"
+  no_curl_single
+  no_curl_chunks
 fi
 
 echo "downloads:"
-rm -f "$work/zel.bin"; settle_down
-measure "zel get" "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+measure "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+"$client" get "$base" bench zel-up "$work/zel.bin" > /dev/null
 got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
 [ "$got_sha" = "$source_sha" ] || { echo "zel get: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
-rm -f "$work/zel.bin"
+no_zel_file
 if [ "$peers" = 1 ]; then
-  rm -f "$work/curl.bin"; settle_down
-  measure "curl -o" "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
-  rm -f "$work/curl.bin"
-  rm -f "$work/out"/*; settle_down
-  measure "curl -Z get" "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
-  rm -f "$work/out"/*
-  rm -f "$work/aria.bin"; settle_down
-  measure "aria2c" "$size" aria2c -q -x8 -s8 -k5M --file-allocation=falloc --header="$auth" \
+  measure "curl -o" no_curl_file "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
+  measure "curl -Z get" no_parts "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
+  measure "aria2c" no_aria_file "$size" aria2c -q -x8 -s8 -k5M --file-allocation=falloc --header="$auth" \
     --allow-overwrite=true --auto-file-renaming=false -d "$work" -o aria.bin "$objects/zel-up"
-  rm -f "$work/aria.bin"
 fi
 
 echo
