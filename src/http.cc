@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <string>
 
 #include "alloc.h"
 #include "http_internal.h"
@@ -142,13 +143,29 @@ size_t http_body_write(char* bytes, size_t size, size_t count, void* raw) {
   return n;
 }
 
+namespace {
+// libcurl leaves "." unescaped, and a path segment of only dots is folded
+// away by URL normalisation ("a/../b" is "b"): a key "." or ".." would then
+// name another object. Such a name is sent fully percent-encoded.
+char* escape_dot_segment(char* escaped) {
+  size_t n = strlen(escaped);
+  if (n == 0 || strspn(escaped, ".") != n) return escaped;
+  // Built through libcurl so that the caller can still free it with
+  // curl_free: "%252E" unescapes to "%2E".
+  std::string twice;
+  for (size_t i = 0; i < n; ++i) twice += "%252E";
+  curl_free(escaped);
+  return curl_easy_unescape(nullptr, twice.c_str(), 0, nullptr);
+}
+}  // namespace
+
 char* http_url_escape(const char16_t* text) {
   char* utf8 = wide_to_utf8(text);
   if (utf8 == nullptr) return nullptr;
   // Since libcurl 7.82 escaping needs no transfer handle.
   char* escaped = curl_easy_escape(nullptr, utf8, 0);
   mem_free(utf8);
-  return escaped;
+  return escaped != nullptr ? escape_dot_segment(escaped) : nullptr;
 }
 
 char* http_url_unescape(const char* text) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstring>
 
 #include "http.h"
@@ -33,8 +34,7 @@ bool put(char* out, size_t* used, const char* piece, size_t length) {
 // library, since the bundle belongs to the application.
 bool executable_path(char* out, size_t size) {
   if (g_overridden) {
-    std::strncpy(out, g_override, size - 1);
-    out[size - 1] = '\0';
+    snprintf(out, size, "%s", g_override);
     return true;
   }
   ssize_t n = readlink("/proc/self/exe", out, size - 1);

@@ -173,6 +173,21 @@ TEST_P(ObjectOps, WireFormatOfEveryRequest) {
   }
 }
 
+TEST_P(ObjectOps, KeysMadeOfDotsAreNotFoldedAway) {
+  // URL normalisation would turn ".../objects/.." into ".../buckets/dots":
+  // another resource. Such keys go out percent-encoded.
+  make_bucket("dots");
+  put_object("dots", "%2E%2E", "two dots");
+  server_.clear_requests();
+  Recorder rec;
+  ZELGetObjectDetailsOpt opt{u"dots", u"..", nullptr, on_status<ZELGetObjectDetailsResp>, on_details};
+  zel_get_object_details(handle(version()), &opt, &rec);
+  EXPECT_EQ(rec.only().message.substr(0, 5), "..|8|");
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_NE(requests[0].target.find("/objects/%2E%2E/details?"), std::string::npos) << requests[0].target;
+}
+
 TEST_P(ObjectOps, StatusRowsAndTheirMessages) {
   make_bucket("rows");
   put_object("rows", "k", "data");
