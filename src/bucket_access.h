@@ -60,15 +60,8 @@ int run_access_worker(void* raw, const AccessNames& n, char* (*to_json)(const Op
   WorkerScope scope;
   auto* decorator = static_cast<OpDecorator<Opt>*>(raw);
   DecoratorGuard<Opt, FreeOpt> guard{decorator};
-  if (decorator == nullptr) {
-    zel_log(nullptr, n.tag, __LINE__, "%s pointer is (null)", n.decorator_name);
-    return -1;
-  }
-  const Opt* opt = decorator->opt;
-  if (opt == nullptr) {
-    zel_log(nullptr, n.tag, __LINE__, "%s pointer is (null)", n.opt_name);
-    return -1;
-  }
+  const Opt* opt = worker_options(n.tag, decorator, n.decorator_name, n.opt_name);
+  if (opt == nullptr) return -1;
   if (opt->key == nullptr) {
     report(opt->callback, 0, n.key_missing, decorator->user_data);
     return -1;

@@ -52,15 +52,8 @@ int worker(void* raw) {
   WorkerScope scope;
   auto* decorator = static_cast<Decorator*>(raw);
   DecoratorGuard<ZELCopyObjectOpt, free_opt> guard{decorator};
-  if (decorator == nullptr) {
-    ZLOG("ZELCopyObjectDecorator pointer is (null)");
-    return -1;
-  }
-  const ZELCopyObjectOpt* opt = decorator->opt;
-  if (opt == nullptr) {
-    ZLOG("ZELCopyObjectOpt pointer is (null)");
-    return -1;
-  }
+  const ZELCopyObjectOpt* opt = worker_options(kLogTag, decorator, "ZELCopyObjectDecorator", "ZELCopyObjectOpt");
+  if (opt == nullptr) return -1;
   if (const char* missing = missing_field(opt)) {
     report(opt->callback, 0, missing, decorator->user_data);
     return -1;

@@ -208,6 +208,19 @@ struct DecoratorGuard {
   ~DecoratorGuard() { free_decorator<Opt, FreeOpt>(decorator); }
 };
 
+// The options a worker runs with; none (logged under `tag`) when the
+// decorator or its options copy is missing.
+template <class Opt>
+const Opt* worker_options(const char* tag, const OpDecorator<Opt>* decorator, const char* decorator_name,
+                          const char* opt_name) {
+  if (decorator == nullptr) {
+    zel_log(nullptr, tag, __LINE__, "%s pointer is (null)", decorator_name);
+    return nullptr;
+  }
+  if (decorator->opt == nullptr) zel_log(nullptr, tag, __LINE__, "%s pointer is (null)", opt_name);
+  return decorator->opt;
+}
+
 template <class Opt, Opt* (*Clone)(const Opt*), void (*FreeOpt)(Opt*)>
 OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt,
                                  void* user_data) {

@@ -81,15 +81,9 @@ int worker(void* raw) {
   WorkerScope scope;
   auto* decorator = static_cast<Decorator*>(raw);
   DecoratorGuard<ZELGetObjectSessionOpt, free_opt> guard{decorator};
-  if (decorator == nullptr) {
-    ZLOG("ZELGetObjectSessionDecorator pointer is (null)");
-    return -1;
-  }
-  const ZELGetObjectSessionOpt* opt = decorator->opt;
-  if (opt == nullptr) {
-    ZLOG("ZELGetObjectSessionOpt pointer is (null)");
-    return -1;
-  }
+  const ZELGetObjectSessionOpt* opt =
+      worker_options(kLogTag, decorator, "ZELGetObjectSessionDecorator", "ZELGetObjectSessionOpt");
+  if (opt == nullptr) return -1;
   if (const char* missing = missing_field(opt)) {
     report(opt->callback, 0, missing, decorator->user_data);
     return -1;

@@ -26,15 +26,8 @@ int run_key_pair_worker(void* raw, const KeyPairWorker& w,
   WorkerScope scope;
   auto* decorator = static_cast<OpDecorator<Opt>*>(raw);
   DecoratorGuard<Opt, FreeOpt> guard{decorator};
-  if (decorator == nullptr) {
-    zel_log(nullptr, w.tag, __LINE__, "%s pointer is (null)", w.decorator_name);
-    return -1;
-  }
-  const Opt* opt = decorator->opt;
-  if (opt == nullptr) {
-    zel_log(nullptr, w.tag, __LINE__, "%s pointer is (null)", w.opt_name);
-    return -1;
-  }
+  const Opt* opt = worker_options(w.tag, decorator, w.decorator_name, w.opt_name);
+  if (opt == nullptr) return -1;
   const char* missing = opt->bucket_key == nullptr ? w.bucket_missing
                         : opt->key == nullptr      ? w.key_missing
                                                    : nullptr;
