@@ -234,7 +234,13 @@ ZEL_EXPORT const char* zel_bucket_policy_tostr(uint32_t policy);
 ZEL_EXPORT const char* zel_bucket_access_tostr(uint32_t access);
 
 /* ------------------------------------------------------------------------ */
-/* Bucket operations. Each runs on its own detached library thread.          */
+/* Bucket operations. Each call copies the handle and the options (the     */
+/* caller may free both as soon as it returns) and runs on its own detached  */
+/* library thread, where its callbacks run. Exactly one report per call:     */
+/* the success callback, or `callback` with the HTTP status (or libcurl's    */
+/* code, or 0 for a failure before any exchange) and a message. A thread     */
+/* that cannot be started is reported on the calling thread with the thread  */
+/* layer's result as code. Missing options are only logged.                  */
 /* ------------------------------------------------------------------------ */
 
 typedef struct ZELCreateBucketResp {
@@ -251,6 +257,8 @@ typedef struct ZELCreateBucketOpt {
   void (*details_callback)(const ZELBucketDetails* details, void* user_data);
 } ZELCreateBucketOpt;
 
+/* POST /buckets. details_callback receives the new bucket (freed when it
+ * returns); 409 (exists) reaches callback with the service's body. */
 ZEL_EXPORT void zel_create_bucket(ZEL* handle, const ZELCreateBucketOpt* opt, void* user_data);
 
 typedef struct ZELGetBucketDetailsResp {
@@ -265,6 +273,7 @@ typedef struct ZELGetBucketDetailsOpt {
   void (*details_callback)(const ZELBucketDetails* details, void* user_data);
 } ZELGetBucketDetailsOpt;
 
+/* details_callback receives the bucket's details, freed when it returns. */
 ZEL_EXPORT void zel_get_bucket_details(ZEL* handle, const ZELGetBucketDetailsOpt* opt, void* user_data);
 
 typedef struct ZELListBucketsResp {
@@ -282,6 +291,9 @@ typedef struct ZELListBucketsOpt {
   void (*list_callback)(const ZELListBucketsDetails* page, void* user_data);
 } ZELListBucketsOpt;
 
+/* One page per call; start the next call at the page's next_page until it
+ * is empty. API version 2 only: version 1 reports (200, "Cannot unmarshall
+ * json response"). */
 ZEL_EXPORT void zel_list_buckets(ZEL* handle, const ZELListBucketsOpt* opt, void* user_data);
 
 typedef struct ZELGrantBucketAccessResp {
@@ -298,6 +310,8 @@ typedef struct ZELGrantBucketAccessOpt {
   void (*permissions_callback)(const ZELBucketPermissions* permissions, void* user_data);
 } ZELGrantBucketAccessOpt;
 
+/* permissions_callback receives the bucket's permission list after the
+ * grant (freed when it returns). */
 ZEL_EXPORT void zel_grant_bucket_access(ZEL* handle, const ZELGrantBucketAccessOpt* opt, void* user_data);
 
 typedef struct ZELRevokeBucketAccessResp {
@@ -313,6 +327,7 @@ typedef struct ZELRevokeBucketAccessOpt {
   void (*done_callback)(void* user_data);
 } ZELRevokeBucketAccessOpt;
 
+/* done_callback once the service accepted the revocation. */
 ZEL_EXPORT void zel_revoke_bucket_access(ZEL* handle, const ZELRevokeBucketAccessOpt* opt,
                                          void* user_data);
 
@@ -384,9 +399,13 @@ ZEL_EXPORT ZELObjectSession* zel_object_session_init(void);
 ZEL_EXPORT void zel_object_session_cleanup(ZELObjectSession* session);
 
 /* ------------------------------------------------------------------------ */
-/* Transfers. Queued on the library's worker pool; uploads behind waiting    */
-/* work, downloads ahead of it. Each transfer reports exactly once through   */
-/* callback, details_callback or done_callback.                             */
+/* Transfers. Each call copies the handle and the options (free yours as    */
+/* soon as it returns), sets the process-wide pools to the handle's sizes    */
+/* and queues the transfer on the library's worker pool: uploads behind      */
+/* waiting work, downloads ahead of it. Callbacks run on worker threads;     */
+/* failures found before queueing (unreadable file, no memory, refused       */
+/* queueing) are reported on the calling thread. A missing handle, token     */
+/* function or options record is only logged.                                */
 /* ------------------------------------------------------------------------ */
 
 /* Progress: bytes so far and total. Return non-zero to cancel the transfer
@@ -423,6 +442,10 @@ struct ZELPutObjectOpt {
   ZELStatsFn stats_callback;
 };
 
+/* Files up to chunk_size go up in one PUT, larger ones (and any range) in
+ * parallel chunks of one resumable session, each retried up to max_retries
+ * times. The upload ends with details_callback or callback; the chunk
+ * callbacks report each chunk of a chunked or ranged upload. */
 ZEL_EXPORT void zel_put_object(ZEL* handle, const ZELPutObjectOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectResp {
@@ -443,6 +466,9 @@ typedef struct ZELGetObjectOpt {
   ZELStatsFn stats_callback;
 } ZELGetObjectOpt;
 
+/* Learns the size, then fetches the object in parallel ranged chunks written
+ * at their offsets. Ends with done_callback (the file is complete) or
+ * callback. */
 ZEL_EXPORT void zel_get_object(ZEL* handle, const ZELGetObjectOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectByURLResp {
@@ -463,10 +489,16 @@ typedef struct ZELGetObjectByURLOpt {
   ZELStatsFn stats_callback;
 } ZELGetObjectByURLOpt;
 
+/* As zel_get_object for any complete URL; the bearer token is sent only
+ * with `authenticate`. */
 ZEL_EXPORT void zel_get_object_by_url(ZEL* handle, const ZELGetObjectByURLOpt* opt, void* user_data);
 
 /* ------------------------------------------------------------------------ */
-/* Single-request object operations. Each runs on its own detached thread.   */
+/* Single-request object operations: the same rules as the bucket           */
+/* operations (copies, one detached thread per call, one report), except     */
+/* that a missing handle or token function is only logged and a thread that */
+/* cannot be started is reported with code 0. Records handed to success      */
+/* callbacks are freed when they return.                                     */
 /* ------------------------------------------------------------------------ */
 
 typedef struct ZELDeleteObjectResp {
@@ -544,6 +576,9 @@ typedef struct ZELGetObjectSessionOpt {
   void (*session_callback)(const ZELObjectSession* session, void* user_data);
 } ZELGetObjectSessionOpt;
 
+/* The byte ranges the service holds for an upload session (session_id is
+ * sent as it stands); resume by uploading the missing ranges with the same
+ * session_id. */
 ZEL_EXPORT void zel_get_object_session(ZEL* handle, const ZELGetObjectSessionOpt* opt, void* user_data);
 
 typedef struct ZELCopyObjectResp {
@@ -560,6 +595,7 @@ typedef struct ZELCopyObjectOpt {
   ZELHeaders* headers;
 } ZELCopyObjectOpt;
 
+/* Copies source_key to destination_key inside the bucket, on the service. */
 ZEL_EXPORT void zel_copy_object(ZEL* handle, const ZELCopyObjectOpt* opt, void* user_data);
 
 #ifdef __cplusplus
