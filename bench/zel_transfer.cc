@@ -4,6 +4,7 @@
 // Prints "seconds bytes peak_rss_kib" and exits 0 when the transfer
 // reported success, 1 otherwise (with the library's code and message).
 #include <sys/resource.h>
+#include <zel/zel.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -12,8 +13,6 @@
 #include <cstring>
 #include <mutex>
 #include <string>
-
-#include <zel/zel.h>
 
 namespace {
 

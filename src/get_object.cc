@@ -52,7 +52,8 @@ size_t download_write(char* bytes, size_t size, size_t count, void* raw) {
 
 int download_progress(void* raw, curl_off_t total, curl_off_t now, curl_off_t, curl_off_t) {
   auto* data = static_cast<ZELTransferProgress*>(raw);
-  if (data != nullptr && data->total_from_transfer) progress_set_total(data->progress, static_cast<uint64_t>(total));
+  if (data != nullptr && data->total_from_transfer)
+    progress_set_total(data->progress, static_cast<uint64_t>(total));
   return transfer_progress_step(data, static_cast<uint64_t>(now), true);
 }
 
@@ -95,14 +96,15 @@ const char* attach_sink(const ZELDownloadDecorator* d, const ZELByteRange* range
   return nullptr;
 }
 
-const char* prepare_fetch(const ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt, Fetch& f,
-                          int32_t* status) {
+const char* prepare_fetch(const ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt,
+                          Fetch& f, int32_t* status) {
   HttpSettings settings = http_settings_from(d->handle);
   http_request_configure(f.request, &settings);
   transfer_tune_download(f.request);
   if (d->authenticate) http_request_set_auth(f.request, d->handle->get_token, d->handle->free_token);
   if (range_header_sent(d)) http_request_add_range(f.request, range->start, range->end);
-  for (const ZELHeaders* h = d->opt->headers; h != nullptr; h = h->next) http_request_add_header(f.request, h->line);
+  for (const ZELHeaders* h = d->opt->headers; h != nullptr; h = h->next)
+    http_request_add_header(f.request, h->line);
   if (const char* error = attach_sink(d, range, f, status)) return error;
   ZELTransferProgress* data = nullptr;
   if (d->progress != nullptr) {
@@ -117,13 +119,13 @@ const char* prepare_fetch(const ZELDownloadDecorator* d, const ZELByteRange* ran
 
 void report_stats(const ZELDownloadDecorator* d, const HttpResponse* r) {
   if (d->opt->stats_callback == nullptr) return;
-  d->opt->stats_callback(r->total_time, r->namelookup_time, r->connect_time, r->speed_download, r->size_download,
-                         d->user_data);
+  d->opt->stats_callback(r->total_time, r->namelookup_time, r->connect_time, r->speed_download,
+                         r->size_download, d->user_data);
 }
 }  // namespace
 
-int download_request(ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt, int32_t* error_status,
-                     const char** error_message) {
+int download_request(ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt,
+                     int32_t* error_status, const char** error_message) {
   *error_status = 0;
   *error_message = nullptr;
   Fetch f;
@@ -131,7 +133,8 @@ int download_request(ZELDownloadDecorator* d, const ZELByteRange* range, uint32_
   f.response = f.request != nullptr ? http_response_init() : nullptr;
   if (f.response == nullptr) {
     *error_status = -1;
-    *error_message = f.request == nullptr ? "Cannot initialize http request" : "Cannot initialize http response";
+    *error_message =
+        f.request == nullptr ? "Cannot initialize http request" : "Cannot initialize http response";
     return 0;
   }
   const char* error = prepare_fetch(d, range, attempt, f, error_status);
@@ -190,10 +193,10 @@ namespace {
 // The size query's exchange on a pooled request; false (reported) when no
 // HTTP status came back.
 template <class Resp>
-bool size_exchange(const char* url, Fetch& f, void (*callback)(const Resp*, void*),
-                   void* user_data) {
+bool size_exchange(const char* url, Fetch& f, void (*callback)(const Resp*, void*), void* user_data) {
   if (f.request == nullptr) return report(callback, 0, "Cannot initialize http request", user_data), false;
-  if (const char* error = http_request_get(f.request, url)) return report(callback, 0, error, user_data), false;
+  if (const char* error = http_request_get(f.request, url))
+    return report(callback, 0, error, user_data), false;
   f.response = http_response_init();
   if (f.response == nullptr) return report(callback, 0, "Cannot initialize http response", user_data), false;
   f.response->body = http_body_init();
@@ -207,7 +210,9 @@ bool size_exchange(const char* url, Fetch& f, void (*callback)(const Resp*, void
   return true;
 }
 
-const char* body_of(const HttpResponse* r) { return r->body != nullptr && r->body->size > 0 ? r->body->data : nullptr; }
+const char* body_of(const HttpResponse* r) {
+  return r->body != nullptr && r->body->size > 0 ? r->body->data : nullptr;
+}
 
 // 401, 403 and 504 have texts of their own; true when `status` was one.
 template <class Resp>
@@ -222,7 +227,8 @@ uint64_t query_object_size(const ZELGetObjectDecorator* d, int* found) {
   *found = 0;
   const ZELGetObjectOpt* opt = d->opt;
   ZELObjectDetails* details = zel_object_details_init();
-  if (details == nullptr) return report(opt->callback, 0, "Cannot initialize ZELObjectDetails", d->user_data), 0;
+  if (details == nullptr)
+    return report(opt->callback, 0, "Cannot initialize ZELObjectDetails", d->user_data), 0;
   uint64_t size = 0;
   EscapedName bucket(opt->bucket_key), key(opt->key);
   char url[kUrlBuffer] = {0};
@@ -233,7 +239,8 @@ uint64_t query_object_size(const ZELGetObjectDecorator* d, int* found) {
     HttpSettings settings = http_settings_from(d->handle);
     http_request_configure(f.request, &settings);
     http_request_set_auth(f.request, d->handle->get_token, d->handle->free_token);
-    for (const ZELHeaders* h = opt->headers; h != nullptr; h = h->next) http_request_add_header(f.request, h->line);
+    for (const ZELHeaders* h = opt->headers; h != nullptr; h = h->next)
+      http_request_add_header(f.request, h->line);
   }
   if (!bucket.ok() || !key.ok()) {
     report(opt->callback, 0, kCannotEscapeKeys, d->user_data);

@@ -2,9 +2,9 @@
 // The download engine: learns the object's size, then fetches it in one
 // ranged GET or in chunks that run in parallel on the worker pool, each
 // written straight into its own place in the output file.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "object.h"
 #include "progress.h"
@@ -20,8 +20,8 @@ struct ZELDownloadDecorator {
   void (*url_callback)(const ZELGetObjectByURLResp* resp, void* user_data);
   ZELProgress* progress;  // only with a progress_callback; total = size
   char* url;
-  const char* message;   // fixed or system text of the last chunk that failed
-  uint64_t size;         // bytes to fetch; 0 when unknown
+  const char* message;  // fixed or system text of the last chunk that failed
+  uint64_t size;        // bytes to fetch; 0 when unknown
   uint32_t chunk_count;
   int32_t range_flag;
   int32_t size_unknown;

@@ -21,7 +21,7 @@ constexpr const char* kDelta = "x-pmw-delta-object";
 
 // What both tasks have learnt before the common steps.
 struct Plan {
-  ZEL** handle;          // taken by the download record
+  ZEL** handle;           // taken by the download record
   ZELGetObjectOpt** opt;  // taken by the download record
   void (*url_callback)(const ZELGetObjectByURLResp*, void*);
   const char* url;
@@ -84,8 +84,8 @@ bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
   auto on_retry = [&](int status, uint32_t n) {
     ZLOG("Chunk (%llu-%llu/%llu) download failed (status: %d, error: %s) - retry #%d",
          static_cast<unsigned long long>(range->start), static_cast<unsigned long long>(range->end),
-         static_cast<unsigned long long>(d->size), status, error_message != nullptr ? error_message : "(null)",
-         static_cast<int>(n));
+         static_cast<unsigned long long>(d->size), status,
+         error_message != nullptr ? error_message : "(null)", static_cast<int>(n));
   };
   bool ok = false;
   transfer_run_chunk(d->handle->max_retries, attempt, download_succeeded, on_retry, &ok);
@@ -277,9 +277,10 @@ namespace {
 void get_object_by_url_run(ZELGetObjectByURLDecorator* u) {
   const ZELGetObjectByURLOpt* opt = u->opt;
   ZELGetObjectOpt* made = get_object_opt_from_url(opt);
-  Plan p{&u->handle, &made, opt->callback, nullptr, 0, opt->size_unknown != 0 ? 1 : 0, opt->authenticate,
-         u->user_data};
-  if (made == nullptr) return report(opt->callback, 0, "Cannot allocate memory for ZELDownloadDecorator", u->user_data);
+  Plan p{&u->handle,        &made,       opt->callback, nullptr, 0, opt->size_unknown != 0 ? 1 : 0,
+         opt->authenticate, u->user_data};
+  if (made == nullptr)
+    return report(opt->callback, 0, "Cannot allocate memory for ZELDownloadDecorator", u->user_data);
   if (opt->range != nullptr) {
     if (!range_size(p, opt->range, &p.size)) return get_object_opt_cleanup(made);
   } else if (!p.size_unknown) {
@@ -316,7 +317,9 @@ void get_object_by_url_task(void* raw) {
   get_object_by_url_decorator_cleanup(u);
 }
 
-void get_object_task_drop(void* raw) { get_object_decorator_cleanup(static_cast<ZELGetObjectDecorator*>(raw)); }
+void get_object_task_drop(void* raw) {
+  get_object_decorator_cleanup(static_cast<ZELGetObjectDecorator*>(raw));
+}
 
 void get_object_by_url_task_drop(void* raw) {
   get_object_by_url_decorator_cleanup(static_cast<ZELGetObjectByURLDecorator*>(raw));

@@ -1,12 +1,11 @@
 // The upload engine.
 #include "put_object.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-
-#include <atomic>
 
 #include "alloc.h"
 #include "frame.h"
@@ -40,7 +39,8 @@ size_t upload_read(char* buffer, size_t size, size_t count, void* raw) {
 }
 
 int upload_progress(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded) {
-  return transfer_progress_step(static_cast<ZELTransferProgress*>(data), static_cast<uint64_t>(uploaded), false);
+  return transfer_progress_step(static_cast<ZELTransferProgress*>(data), static_cast<uint64_t>(uploaded),
+                                false);
 }
 
 // One attempt's state, released by the destructor on every path.
@@ -80,8 +80,10 @@ void add_headers(Attempt& a) {
   http_request_add_session_id(a.request, u->opt->session_id);
   // An empty file has no first and last byte to name; its whole-object PUT
   // goes without a Content-Range rather than with a wrapped-around one.
-  if (u->file_size != 0) http_request_add_content_range(a.request, a.range->start, a.range->end, u->file_size);
-  for (const ZELHeaders* h = u->opt->headers; h != nullptr; h = h->next) http_request_add_header(a.request, h->line);
+  if (u->file_size != 0)
+    http_request_add_content_range(a.request, a.range->start, a.range->end, u->file_size);
+  for (const ZELHeaders* h = u->opt->headers; h != nullptr; h = h->next)
+    http_request_add_header(a.request, h->line);
   // No "Expect: 100-continue" wait before each chunk's body: the round trip
   // it costs buys nothing when the body is a few MiB read from a file.
   http_request_add_header(a.request, "Expect:");

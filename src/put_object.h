@@ -1,9 +1,9 @@
 #pragma once
 // The upload engine: one PUT for a small file, or a resumable session whose
 // chunks go up in parallel on the worker pool, each retried on its own.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "object.h"
 #include "progress.h"
@@ -16,9 +16,9 @@ struct ZELUploadDecorator {
   ZELPutObjectOpt* opt;
   ZELProgress* progress;  // only with a progress_callback
   char* url;
-  char* message;          // text of the most recent attempt that recorded one
-  char* details;          // body of the service's 200/201 answer, once it came
-  uint64_t file_size;     // the total of every Content-Range
+  char* message;       // text of the most recent attempt that recorded one
+  char* details;       // body of the service's 200/201 answer, once it came
+  uint64_t file_size;  // the total of every Content-Range
   uint32_t chunk_count;
   int32_t range_flag;     // the options carry a range
   uint32_t done_count;    // chunks finished, failed or never queued

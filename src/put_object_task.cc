@@ -84,8 +84,8 @@ void upload_complete(ZELUploadDecorator* upload, const char* fatal) {
 // Counts `count` chunks as finished (failed with `status` when `failed`);
 // the caller that finishes the last one reports, unless `silent`, and frees
 // the record. `fatal` replaces the report of the session with its own text.
-void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, int32_t status, const char* fatal,
-                     bool silent) {
+void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, int32_t status,
+                     const char* fatal, bool silent) {
   zel::mtx_lock(&upload->mutex);
   upload->done_count += count;
   if (failed) {
@@ -136,7 +136,8 @@ void upload_chunk_task(void* raw) {
   if (ok && status == 202 && upload->opt->chunk_done_callback != nullptr) {
     upload->opt->chunk_done_callback(&chunk_opt, upload->user_data);
   } else if (!ok) {
-    const char* fixed = status == 401 || status == 403 || status == 404 ? transfer_status_text(status) : nullptr;
+    const char* fixed =
+        status == 401 || status == 403 || status == 404 ? transfer_status_text(status) : nullptr;
     char* text = fixed == nullptr ? message_copy(upload) : nullptr;
     report_chunk_failed(upload, &chunk_opt, status, fixed != nullptr ? fixed : text);
     mem_free(text);
@@ -153,7 +154,8 @@ int upload_single(ZELUploadDecorator* upload) {
   if (status == 200 || status == 201) {
     deliver_details(upload, upload->details);
   } else if (status == 202) {
-    if (upload->range_flag && opt->chunk_done_callback != nullptr) opt->chunk_done_callback(opt, upload->user_data);
+    if (upload->range_flag && opt->chunk_done_callback != nullptr)
+      opt->chunk_done_callback(opt, upload->user_data);
     if (opt->details_callback != nullptr) opt->details_callback(nullptr, upload->user_data);
   } else {
     if (upload->range_flag) report_chunk_failed(upload, opt, status, upload->message);
@@ -294,4 +296,6 @@ void put_object_task(void* raw) {
   put_object_decorator_cleanup(decorator);
 }
 
-void put_object_task_drop(void* raw) { put_object_decorator_cleanup(static_cast<ZELPutObjectDecorator*>(raw)); }
+void put_object_task_drop(void* raw) {
+  put_object_decorator_cleanup(static_cast<ZELPutObjectDecorator*>(raw));
+}

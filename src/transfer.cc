@@ -133,7 +133,8 @@ int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_s
   return data->progress_callback(figures.transferred, figures.total, data->user_data);
 }
 
-const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook, ZELTransferProgress* data) {
+const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook,
+                                 ZELTransferProgress* data) {
   HttpProgress* progress = http_progress_init();
   if (progress == nullptr) {
     mem_free(data);

@@ -3,9 +3,9 @@
 // shutdown without leaking, the judgement of one chunk attempt and its
 // retries, the fixed texts of failed statuses, the progress step of both
 // hooks and the tuning of pooled requests for bulk data.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "http.h"
 #include "progress.h"
@@ -70,7 +70,8 @@ int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_s
 
 // Attaches `hook` with `data` (owned by the request from now on, even when
 // this fails). nullptr, or the message of the failed step.
-const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook, ZELTransferProgress* data);
+const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook,
+                                 ZELTransferProgress* data);
 
 // Settings of a pooled request that moves bulk data: large transport
 // buffers, so the file sees few large reads and writes.

@@ -89,13 +89,15 @@ extern "C" ZEL_EXPORT void zel_get_object(ZEL* handle, const ZELGetObjectOpt* op
   }
 }
 
-extern "C" ZEL_EXPORT void zel_get_object_by_url(ZEL* handle, const ZELGetObjectByURLOpt* opt, void* user_data) {
+extern "C" ZEL_EXPORT void zel_get_object_by_url(ZEL* handle, const ZELGetObjectByURLOpt* opt,
+                                                 void* user_data) {
   if (opt == nullptr) {
     ZLOG("ZELGetObjectByURLOpt is not initialized");
     return;
   }
   if (opt->authenticate && !handle_ready(handle)) return;
-  if (opt->stream == nullptr) return report(opt->callback, 0, "ZELGetObjectByURLOpt stream is (null)", user_data);
+  if (opt->stream == nullptr)
+    return report(opt->callback, 0, "ZELGetObjectByURLOpt stream is (null)", user_data);
   // Without a handle there is nothing to copy the settings from.
   ZELGetObjectByURLDecorator* decorator =
       handle != nullptr ? get_object_by_url_decorator_init(handle, opt, user_data) : nullptr;

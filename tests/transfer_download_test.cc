@@ -83,7 +83,8 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
     std::set<std::string> ranges;
     for (const auto& r : sent) ranges.insert(r.header("Range"));
     EXPECT_EQ(ranges.count("bytes=0-" + std::to_string(std::min<uint64_t>(c.chunk, c.size) - 1)), 1u);
-    EXPECT_EQ(ranges.count("bytes=" + std::to_string((c.requests - 1) * c.chunk) + "-" + std::to_string(c.size - 1)),
+    EXPECT_EQ(ranges.count("bytes=" + std::to_string((c.requests - 1) * c.chunk) + "-" +
+                           std::to_string(c.size - 1)),
               1u);
     EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/details").size(), 1u) << "one size query";
   }
@@ -116,7 +117,8 @@ TEST_F(DownloadTest, CallerRangesAreWrittenFromOffsetZero) {
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
     EXPECT_EQ(xfer::read_file(dir_.file("ranged")), data.substr(c.start, c.end - c.start + 1));
-    EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty()) << "a range needs no size query";
+    EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty())
+        << "a range needs no size query";
   }
 }
 
@@ -165,8 +167,10 @@ TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
     std::vector<std::string> lines = record_log::messages("src\\get_object");
     ASSERT_EQ(lines.size(), 5u);
     for (int n = 1; n <= 5; n++) {
-      EXPECT_EQ(lines[n - 1], "Chunk (65536-65545/65546) download failed (status: 500, error: Chunk Download "
-                              "Failed) - retry #" + std::to_string(n));
+      EXPECT_EQ(lines[n - 1],
+                "Chunk (65536-65545/65546) download failed (status: 500, error: Chunk Download "
+                "Failed) - retry #" +
+                    std::to_string(n));
     }
     EXPECT_EQ(gets().size(), 7u) << "one good chunk and six tries of the failing one";
     server_.clear_faults();
@@ -175,7 +179,8 @@ TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
     SCOPED_TRACE(std::to_string(refused) + " is not retried");
     server_.clear_requests();
     ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/retry$","header":"Range: bytes=0-",)"
-                                  R"("status":)" + std::to_string(refused) + "}"));
+                                  R"("status":)" +
+                                  std::to_string(refused) + "}"));
     GetOptions g("bkt", "retry", dir_.file("retry"));
     Outcome o;
     download(g, o);
@@ -260,7 +265,8 @@ TEST_F(DownloadTest, ByUrlWithAndWithoutToken) {
 
 TEST_F(DownloadTest, SizeByUrlReadsContentRangeTotalsBeyondFourGiB) {
   zeltest::RawHttpServer raw;
-  raw.script(zeltest::RawHttpServer::reply(206, "Partial Content", "ab", {"Content-Range: bytes 0-1/5000000000"}));
+  raw.script(
+      zeltest::RawHttpServer::reply(206, "Partial Content", "ab", {"Content-Range: bytes 0-1/5000000000"}));
   raw.script(zeltest::RawHttpServer::reply(404, "Not Found", "{\"reason\":\"gone\"}"));
   std::u16string url = xfer::wide(raw.url("/some/object"));
   ZELGetObjectByURLOpt opt{};

@@ -54,7 +54,8 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
   ASSERT_TRUE(put_outcomes[0]->wait_once());
   for (int i = 0; i < kSmall + kLarge; i++) {
     EXPECT_EQ(put_outcomes[i]->finals, 1) << i;
-    EXPECT_EQ(put_outcomes[i]->details, 1) << i << ": " << put_outcomes[i]->code << " " << put_outcomes[i]->message;
+    EXPECT_EQ(put_outcomes[i]->details, 1)
+        << i << ": " << put_outcomes[i]->code << " " << put_outcomes[i]->message;
     EXPECT_EQ(put_outcomes[i]->sha1, sha1_hex(data[i])) << i;
   }
   std::vector<std::unique_ptr<GetOptions>> gets;
@@ -69,8 +70,10 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
   ASSERT_TRUE(get_outcomes[0]->wait_once());
   for (int i = 0; i < kSmall + kLarge; i++) {
     EXPECT_EQ(get_outcomes[i]->finals, 1) << i;
-    EXPECT_EQ(get_outcomes[i]->done, 1) << i << ": " << get_outcomes[i]->code << " " << get_outcomes[i]->message;
-    EXPECT_EQ(sha1_hex(xfer::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i])) << i;
+    EXPECT_EQ(get_outcomes[i]->done, 1)
+        << i << ": " << get_outcomes[i]->code << " " << get_outcomes[i]->message;
+    EXPECT_EQ(sha1_hex(xfer::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]))
+        << i;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
+#include <zel/zel.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -12,8 +13,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <zel/zel.h>
 
 #include "lib_fixture.h"
 
@@ -161,7 +160,8 @@ struct PutOptions {
   ZELStream* stream = nullptr;
   ZELByteRange range{};
   ZELPutObjectOpt opt{};
-  PutOptions(const std::string& b, const std::string& k, const std::string& path) : bucket(wide(b)), key(wide(k)) {
+  PutOptions(const std::string& b, const std::string& k, const std::string& path)
+      : bucket(wide(b)), key(wide(k)) {
     stream = zel_stream_init(wide(path).c_str());
     opt.bucket_key = bucket.c_str();
     opt.key = key.c_str();
@@ -184,7 +184,8 @@ struct GetOptions {
   ZELStream* stream = nullptr;
   ZELByteRange range{};
   ZELGetObjectOpt opt{};
-  GetOptions(const std::string& b, const std::string& k, const std::string& path) : bucket(wide(b)), key(wide(k)) {
+  GetOptions(const std::string& b, const std::string& k, const std::string& path)
+      : bucket(wide(b)), key(wide(k)) {
     stream = zel_stream_init(wide(path).c_str());
     opt.bucket_key = bucket.c_str();
     opt.key = key.c_str();

@@ -34,7 +34,9 @@ class UploadTest : public zeltest::LibTest {
     return r.body;
   }
 
-  std::vector<zeltest::RecordedRequest> puts() { return xfer::matching(server_.requests(), "PUT", "/objects/"); }
+  std::vector<zeltest::RecordedRequest> puts() {
+    return xfer::matching(server_.requests(), "PUT", "/objects/");
+  }
 
   // Uploads `data` as `key` and waits for the single report.
   void upload(PutOptions& p, Outcome& o) {
@@ -80,10 +82,11 @@ TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
     EXPECT_EQ(body_bytes, c.size) << "every byte goes up exactly once";
     ASSERT_EQ(ids.size(), 1u) << "one generated session id for the whole upload";
     EXPECT_EQ(ids.begin()->size(), 32u);
-    EXPECT_EQ(ranges.count("bytes 0-" + std::to_string(std::min(c.chunk, c.size) - 1) + "/" + std::to_string(c.size)),
+    EXPECT_EQ(ranges.count("bytes 0-" + std::to_string(std::min(c.chunk, c.size) - 1) + "/" +
+                           std::to_string(c.size)),
               1u);
-    EXPECT_EQ(ranges.count("bytes " + std::to_string((c.requests - 1) * c.chunk) + "-" + std::to_string(c.size - 1) +
-                           "/" + std::to_string(c.size)),
+    EXPECT_EQ(ranges.count("bytes " + std::to_string((c.requests - 1) * c.chunk) + "-" +
+                           std::to_string(c.size - 1) + "/" + std::to_string(c.size)),
               1u);
   }
 }
@@ -105,8 +108,9 @@ TEST_F(UploadTest, ResumedUploadSendsOnlyTheMissingRanges) {
   std::string data = pattern_bytes(4 * kChunk + 500, 3);
   std::string path = dir_.write("resume", data);
   // The second chunk is refused once: the session keeps the other three.
-  ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 65536-",)"
-                                R"("status":403,"times":1})"));
+  ASSERT_TRUE(
+      server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 65536-",)"
+                        R"("status":403,"times":1})"));
   PutOptions first("bkt", "resume", path);
   first.opt.session_id = "resume-session-0001";
   Outcome o1;
@@ -181,8 +185,9 @@ TEST_F(UploadTest, FailedStatusesAreRetriedOnlyWhenWorthIt) {
     EXPECT_EQ(puts().size(), 12u) << "two chunks, six attempts each";
     std::vector<std::string> lines = record_log::messages("src\\put_object");
     for (int n = 1; n <= 5; n++) {
-      std::string line = "Chunk (65536-65545/65546) upload failed (status: 500, error: Injected fault) - retry #" +
-                         std::to_string(n);
+      std::string line =
+          "Chunk (65536-65545/65546) upload failed (status: 500, error: Injected fault) - retry #" +
+          std::to_string(n);
       EXPECT_EQ(std::count(lines.begin(), lines.end(), line), 1) << line;
     }
     EXPECT_EQ(lines.size(), 10u);
@@ -192,7 +197,8 @@ TEST_F(UploadTest, FailedStatusesAreRetriedOnlyWhenWorthIt) {
     SCOPED_TRACE("refused with " + std::to_string(refused) + ": not retried");
     server_.clear_requests();
     ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 0-",)"
-                                  R"("status":)" + std::to_string(refused) + "}"));
+                                  R"("status":)" +
+                                  std::to_string(refused) + "}"));
     PutOptions p("bkt", "retry", path);
     Outcome o;
     upload(p, o);
