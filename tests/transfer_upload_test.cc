@@ -4,7 +4,9 @@
 #include <cstring>
 #include <set>
 
+#include "alloc.h"
 #include "httppool.h"
+#include "put_object.h"
 #include "record_log.h"
 #include "transfer_support.h"
 
@@ -302,6 +304,25 @@ TEST_F(UploadTest, OptionsMayBeFreedAtOnceAndBucketsAreCreatedOnDemand) {
   ASSERT_FALSE(journal.empty());
   EXPECT_EQ(journal.front().method, "POST") << "the bucket is made before the first chunk";
   EXPECT_EQ(xfer::matching(journal, "POST", "/buckets").size(), 1u);
+}
+
+TEST(SessionId, PrintableCodesInHexAndNeverRepeated) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 2000; i++) {
+    char* id = generate_session_id();
+    ASSERT_NE(id, nullptr);
+    std::string text(id);
+    mem_free(id);
+    ASSERT_EQ(text.size(), 32u) << text;
+    ASSERT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos) << text;
+    for (size_t j = 0; j < 32; j += 2) {
+      int code = std::stoi(text.substr(j, 2), nullptr, 16);
+      EXPECT_GE(code, 0x21) << text;
+      EXPECT_LE(code, 0x7e) << text;
+    }
+    // Uploads started in the same instant must not share a session.
+    EXPECT_TRUE(seen.insert(text).second) << "repeated id " << text;
+  }
 }
 
 }  // namespace
