@@ -268,7 +268,7 @@ class Library {
   Library() {
     if (zel_global_init() != 0) throw std::runtime_error("zel: process-wide start-up failed");
   }
-  ~Library() { zel_global_cleanup(); }
+  ~Library();
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
 };
@@ -294,5 +294,14 @@ struct StreamFree {
 }  // namespace zel
 
 #include <zel/zel_client.hpp>
+
+namespace zel {
+// Transfers have all ended once the pools are down, so calls kept for a
+// second report can go.
+inline Library::~Library() {
+  zel_global_cleanup();
+  detail::release_kept();
+}
+}  // namespace zel
 
 #endif  // ZEL_ZEL_HPP

@@ -7,23 +7,76 @@
 namespace zel {
 namespace detail {
 
+// A download that has to learn its object's size first may report twice
+// when that query fails: the query's own failure, then "Cannot get object
+// size". Such a call cannot be freed at its first failure report; it is kept
+// here until its second report or until the Library shuts down.
+struct CallBase {
+  virtual ~CallBase() = default;
+  bool reported = false;
+  bool may_repeat = false;
+};
+
+struct Kept {
+  std::mutex mutex;
+  std::vector<CallBase*> calls;
+};
+inline Kept& kept() {
+  static Kept k;
+  return k;
+}
+inline void keep(CallBase* call) noexcept {
+  try {
+    std::lock_guard<std::mutex> lock(kept().mutex);
+    kept().calls.push_back(call);
+  } catch (...) {
+    // Not kept: a leak is better than freeing what a report may touch.
+  }
+}
+inline void release(CallBase* call) noexcept {
+  {
+    std::lock_guard<std::mutex> lock(kept().mutex);
+    auto& calls = kept().calls;
+    calls.erase(std::remove(calls.begin(), calls.end(), call), calls.end());
+  }
+  delete call;
+}
+inline void release_kept() noexcept {
+  std::vector<CallBase*> calls;
+  {
+    std::lock_guard<std::mutex> lock(kept().mutex);
+    calls.swap(kept().calls);
+  }
+  for (CallBase* call : calls) delete call;
+}
+
 // The state of one operation, handed to the C callbacks as user_data. It is
 // released by the final report, so every trampoline either forwards an
 // intermediate report or finishes the call exactly once.
 template <class T>
-struct Call {
+struct Call : CallBase {
+  explicit Call(Callback<T> d, ProgressFn p = {}, std::function<void(ByteRange)> cd = {},
+                std::function<void(ByteRange, const Error&)> cf = {})
+      : done(std::move(d)), progress(std::move(p)), chunk_done(std::move(cd)), chunk_failed(std::move(cf)) {}
   Callback<T> done;
   ProgressFn progress;
   std::function<void(ByteRange)> chunk_done;
   std::function<void(ByteRange, const Error&)> chunk_failed;
 
   void finish(Result<T>&& result) noexcept {
+    bool again = may_repeat && !result.ok() &&
+                 !(result.error().code == 0 && result.error().message == "Cannot get object size");
+    reported = true;
     try {
       if (done) done(std::move(result));
     } catch (...) {
       // The caller's callback runs inside a C callback; nowhere to go.
     }
-    delete this;
+    if (again) {
+      keep(this);
+    } else {
+      delete this;
+    }
   }
 };
 
@@ -42,6 +95,8 @@ void deliver(void* user_data, Make make) noexcept {
 
 template <class T, class Resp>
 void on_status(const Resp* resp, void* user_data) noexcept {
+  auto* call = static_cast<Call<T>*>(user_data);
+  if (call->reported) return release(call);  // the second report of a kept call
   deliver<T>(user_data, [&] { return Result<T>(Error{resp->code, resp->message ? resp->message : ""}); });
 }
 
@@ -198,13 +253,13 @@ class Client {
     auto list = detail::make_permissions(permissions);
     ZELCreateBucketOpt opt{wkey.c_str(),     policy, list.get(), nullptr, detail::on_status<BucketDetails>,
                            detail::on_bucket};
-    zel_create_bucket(handle_.get(), &opt, new detail::Call<BucketDetails>{std::move(done), {}, {}, {}});
+    zel_create_bucket(handle_.get(), &opt, new detail::Call<BucketDetails>(std::move(done)));
   }
 
   void bucket_details(const std::string& key, Callback<BucketDetails> done) {
     std::u16string wkey = to_utf16(key);
     ZELGetBucketDetailsOpt opt{wkey.c_str(), nullptr, detail::on_status<BucketDetails>, detail::on_bucket};
-    zel_get_bucket_details(handle_.get(), &opt, new detail::Call<BucketDetails>{std::move(done), {}, {}, {}});
+    zel_get_bucket_details(handle_.get(), &opt, new detail::Call<BucketDetails>(std::move(done)));
   }
 
   // One page; pass the previous page's next_page as start_at for the next.
@@ -217,7 +272,7 @@ class Client {
                           nullptr,
                           detail::on_status<BucketPage>,
                           detail::on_page};
-    zel_list_buckets(handle_.get(), &opt, new detail::Call<BucketPage>{std::move(done), {}, {}, {}});
+    zel_list_buckets(handle_.get(), &opt, new detail::Call<BucketPage>(std::move(done)));
   }
 
   // Delivers the bucket's whole permission list after the grant.
@@ -228,7 +283,7 @@ class Client {
     using List = std::vector<Permission>;
     ZELGrantBucketAccessOpt opt{wkey.c_str(), list.get(), nullptr, detail::on_status<List>,
                                 detail::on_permissions};
-    zel_grant_bucket_access(handle_.get(), &opt, new detail::Call<List>{std::move(done), {}, {}, {}});
+    zel_grant_bucket_access(handle_.get(), &opt, new detail::Call<List>(std::move(done)));
   }
 
   void revoke(const std::string& key, const std::vector<std::string>& auth_ids, Callback<Done> done) {
@@ -237,7 +292,7 @@ class Client {
     for (const std::string& id : auth_ids) ids.push_back({id, ZEL_BUCKET_ACCESS_READ});
     auto list = detail::make_permissions(ids);
     ZELRevokeBucketAccessOpt opt{wkey.c_str(), list.get(), nullptr, detail::on_status<Done>, detail::on_done};
-    zel_revoke_bucket_access(handle_.get(), &opt, new detail::Call<Done>{std::move(done), {}, {}, {}});
+    zel_revoke_bucket_access(handle_.get(), &opt, new detail::Call<Done>(std::move(done)));
   }
 
   void put_object(const std::string& file, const std::string& bucket, const std::string& key,
@@ -245,8 +300,8 @@ class Client {
     std::u16string wbucket = to_utf16(bucket), wkey = to_utf16(key);
     auto stream = detail::make_stream(file);
     ZELByteRange range{options.range ? options.range->start : 0, options.range ? options.range->end : 0};
-    auto* call = new detail::Call<UploadResult>{std::move(done), options.progress, options.chunk_done,
-                                                options.chunk_failed};
+    auto* call = new detail::Call<UploadResult>(std::move(done), options.progress, options.chunk_done,
+                                                options.chunk_failed);
     ZELPutObjectOpt opt{};
     opt.bucket_key = wbucket.c_str();
     opt.key = wkey.c_str();
@@ -276,7 +331,7 @@ class Client {
     opt.callback = detail::on_status<Done>;
     opt.done_callback = detail::on_done;
     opt.progress_callback = options.progress ? detail::on_progress<Done> : nullptr;
-    zel_get_object(handle_.get(), &opt, new detail::Call<Done>{std::move(done), options.progress, {}, {}});
+    zel_get_object(handle_.get(), &opt, download_call(options, std::move(done)));
   }
 
   // `authenticate` sends the bearer token along.
@@ -294,8 +349,7 @@ class Client {
     opt.callback = detail::on_status<Done>;
     opt.done_callback = detail::on_done;
     opt.progress_callback = options.progress ? detail::on_progress<Done> : nullptr;
-    zel_get_object_by_url(handle_.get(), &opt,
-                          new detail::Call<Done>{std::move(done), options.progress, {}, {}});
+    zel_get_object_by_url(handle_.get(), &opt, download_call(options, std::move(done)));
   }
 
   void object_details(const std::string& bucket, const std::string& key, Callback<ObjectDetails> done) {
@@ -320,7 +374,7 @@ class Client {
     ZELGetObjectSessionOpt opt{
         wbucket.c_str(),   wkey.c_str(), session_id.c_str(), nullptr, detail::on_status<UploadSession>,
         detail::on_session};
-    zel_get_object_session(handle_.get(), &opt, new detail::Call<UploadSession>{std::move(done), {}, {}, {}});
+    zel_get_object_session(handle_.get(), &opt, new detail::Call<UploadSession>(std::move(done)));
   }
 
   // Copies within one bucket; delivers the copy's details.
@@ -329,7 +383,7 @@ class Client {
     std::u16string wbucket = to_utf16(bucket), wsource = to_utf16(source), wdest = to_utf16(destination);
     ZELCopyObjectOpt opt{wbucket.c_str(),   wsource.c_str(), wdest.c_str(), detail::on_status<ObjectDetails>,
                          detail::on_object, nullptr};
-    zel_copy_object(handle_.get(), &opt, new detail::Call<ObjectDetails>{std::move(done), {}, {}, {}});
+    zel_copy_object(handle_.get(), &opt, new detail::Call<ObjectDetails>(std::move(done)));
   }
 
   // The same operations returning futures.
@@ -385,6 +439,12 @@ class Client {
   }
 
  private:
+  static detail::Call<Done>* download_call(const GetOptions& options, Callback<Done> done) {
+    auto* call = new detail::Call<Done>(std::move(done), options.progress);
+    call->may_repeat = !options.range && !options.size_unknown;  // the size query comes first
+    return call;
+  }
+
   // The single-request object operations share the options shape
   // {bucket_key, key, headers, callback, success callback}.
   template <class Opt, class T, class Entry, class Success>
@@ -392,7 +452,7 @@ class Client {
                    Callback<T> done) {
     std::u16string wbucket = to_utf16(bucket), wkey = to_utf16(key);
     Opt opt{wbucket.c_str(), wkey.c_str(), nullptr, detail::on_status<T>, success};
-    entry(handle_.get(), &opt, new detail::Call<T>{std::move(done), {}, {}, {}});
+    entry(handle_.get(), &opt, new detail::Call<T>(std::move(done)));
   }
 
   std::unique_ptr<ZEL, detail::HandleFree> handle_;

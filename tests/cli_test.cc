@@ -1,0 +1,358 @@
+// End-to-end tests of the zel command-line tool: the real binary against an
+// emulator, checking what it prints, its exit status and what it sent.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "transfer_support.h"
+#include "zel_server.h"
+
+extern char** environ;
+
+namespace {
+
+using zeltest::http;
+using zeltest::kAuthHeader;
+using zeltest::pattern_bytes;
+using zeltest::sha1_hex;
+
+struct Ran {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class CliTest : public zeltest::EmulatorTest {
+ protected:
+  void SetUp() override {
+    EmulatorTest::SetUp();
+    HttpResult r = http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
+                        R"({"bucketKey":"bkt","policyKey":"transient","allow":[]})");
+    ASSERT_EQ(r.status, 200) << r.body;
+  }
+  using HttpResult = zeltest::HttpResult;
+
+  // Runs zel with the emulator's endpoint, small chunks and `args`;
+  // `env` entries ("NAME=value") are added to the environment.
+  Ran zel(std::vector<std::string> args, std::vector<std::string> env = {}, bool with_endpoint = true) {
+    std::vector<std::string> argv{std::string(ZEL_BIN_DIR) + "/zel"};
+    if (with_endpoint) argv.insert(argv.end(), {"--endpoint", server_.base_url(), "--chunk-size", "65536"});
+    argv.insert(argv.end(), args.begin(), args.end());
+    return spawn(argv, env);
+  }
+
+  Ran spawn(const std::vector<std::string>& argv, std::vector<std::string> env) {
+    for (char** e = environ; *e != nullptr; ++e) {
+      std::string entry = *e;
+      if (entry.rfind("ZEL_ENDPOINT=", 0) != 0 && entry.rfind("ZEL_TOKEN=", 0) != 0) env.push_back(entry);
+    }
+    std::string out_path = dir_.file("stdout"), err_path = dir_.file("stderr");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::vector<char*> args, envs;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    for (const auto& e : env) envs.push_back(const_cast<char*>(e.c_str()));
+    args.push_back(nullptr);
+    envs.push_back(nullptr);
+    pid_t pid = -1;
+    Ran run;
+    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envs.data()) == 0) {
+      int wait_status = 0;
+      waitpid(pid, &wait_status, 0);
+      run.status = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    run.out = xfer::read_file(out_path);
+    run.err = xfer::read_file(err_path);
+    return run;
+  }
+
+  static std::string describe(const Ran& r) {
+    return "status " + std::to_string(r.status) + "\nstdout: " + r.out + "\nstderr: " + r.err;
+  }
+
+  // The single JSON document zel printed.
+  static zeltest::JsonPtr doc(const Ran& r) {
+    zeltest::JsonPtr parsed = zeltest::parse_json(r.out);
+    EXPECT_TRUE(parsed != nullptr) << "not one JSON document: " << r.out;
+    return parsed;
+  }
+  static std::string str(const zeltest::JsonPtr& d, const char* key) {
+    const char* value = d ? json_string_value(json_object_get(d.get(), key)) : nullptr;
+    return value != nullptr ? value : "<missing>";
+  }
+  static long long num(const zeltest::JsonPtr& d, const char* key) {
+    return d ? json_integer_value(json_object_get(d.get(), key)) : -1;
+  }
+
+  std::string stored(const std::string& escaped_key) {
+    return http("GET", server_.api(2) + "/buckets/bkt/objects/" + escaped_key, {kAuthHeader}).body;
+  }
+
+  xfer::ScratchDir dir_;
+};
+
+TEST_F(CliTest, BucketCommandsPrintTextAndJson) {
+  Ran mb = zel({"mb", "photos", "--policy", "persistent", "--grant", "svc-a:read", "--grant", "svc-b:full"});
+  ASSERT_EQ(mb.status, 0) << describe(mb);
+  EXPECT_NE(mb.out.find("created bucket photos"), std::string::npos) << mb.out;
+  EXPECT_NE(mb.out.find("policy:   persistent"), std::string::npos) << mb.out;
+  EXPECT_NE(mb.out.find("access:   svc-a:read, svc-b:full"), std::string::npos)
+      << "grants in the order given";
+  EXPECT_EQ(mb.err, "");
+
+  Ran info = zel({"--json", "info", "photos"});
+  ASSERT_EQ(info.status, 0) << describe(info);
+  auto d = doc(info);
+  EXPECT_EQ(str(d, "bucket"), "photos");
+  EXPECT_EQ(str(d, "policy"), "persistent");
+  EXPECT_EQ(str(d, "owner"), "local");
+  json_t* perms = json_object_get(d.get(), "permissions");
+  ASSERT_EQ(json_array_size(perms), 2u);
+  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(perms, 1), "access")), "full");
+
+  Ran grant = zel({"grant", "photos", "svc-c:read"});
+  ASSERT_EQ(grant.status, 0) << describe(grant);
+  EXPECT_NE(grant.out.find("svc-c\tread"), std::string::npos)
+      << "the whole list after the grant: " << grant.out;
+  EXPECT_NE(grant.out.find("svc-a\tread"), std::string::npos) << grant.out;
+  Ran revoke = zel({"--json", "revoke", "photos", "svc-a", "svc-c"});
+  ASSERT_EQ(revoke.status, 0) << describe(revoke);
+  EXPECT_EQ(json_array_size(json_object_get(doc(revoke).get(), "revoked")), 2u);
+  Ran after = zel({"info", "photos"});
+  EXPECT_NE(after.out.find("access:   svc-b:full\n"), std::string::npos) << after.out;
+}
+
+TEST_F(CliTest, BucketListingFollowsEveryPageUnlessLimited) {
+  for (int i = 0; i < 105; ++i) {
+    char key[16];
+    std::snprintf(key, sizeof key, "b%03d", i);
+    ASSERT_EQ(http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
+                   std::string(R"({"bucketKey":")") + key + R"(","policyKey":"temporary","allow":[]})")
+                  .status,
+              200);
+  }
+  server_.clear_requests();
+  Ran all = zel({"--json", "buckets"});
+  ASSERT_EQ(all.status, 0) << describe(all);
+  auto listing = doc(all);
+  json_t* list = json_object_get(listing.get(), "buckets");
+  ASSERT_EQ(json_array_size(list), 106u) << "105 made here and the fixture's";
+  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(list, 0), "bucket")), "b000")
+      << "service order";
+  EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/buckets?").size(), 2u) << "two pages";
+
+  server_.clear_requests();
+  Ran some = zel({"buckets", "--limit", "3"});
+  ASSERT_EQ(some.status, 0) << describe(some);
+  EXPECT_EQ(some.out.rfind("b000\ttemporary\t20", 0), 0u) << some.out;
+  EXPECT_EQ(std::count(some.out.begin(), some.out.end(), '\n'), 3);
+  auto sent = xfer::matching(server_.requests(), "GET", "/buckets?");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_NE(sent[0].target.find("limit=3"), std::string::npos) << sent[0].target;
+}
+
+TEST_F(CliTest, ObjectCommandsWithSlashesAndNonAsciiKeys) {
+  const std::string key = "dir/sub/ünï ☃.bin";
+  const std::string escaped = "dir%2Fsub%2F%C3%BCn%C3%AF%20%E2%98%83.bin";
+  std::string data = pattern_bytes(1000, 7);
+  std::string file = dir_.write("small", data);
+  Ran put = zel({"put", file, "bkt/" + key, "--content-type", "text/plain"});
+  ASSERT_EQ(put.status, 0) << describe(put);
+  EXPECT_NE(put.out.find("uploaded " + file + " to bkt/" + key + ": 1000 B in "), std::string::npos)
+      << put.out;
+  EXPECT_NE(put.out.find("sha1 " + sha1_hex(data)), std::string::npos) << put.out;
+  EXPECT_EQ(put.err, "") << "no progress bar when standard error is not a terminal";
+  auto puts = xfer::matching(server_.requests(), "PUT", "/objects/");
+  ASSERT_EQ(puts.size(), 1u);
+  EXPECT_NE(puts[0].target.find("/buckets/bkt/objects/" + escaped), std::string::npos) << puts[0].target;
+  EXPECT_EQ(stored(escaped), data);
+
+  Ran stat = zel({"--json", "stat", "bkt/" + key});
+  ASSERT_EQ(stat.status, 0) << describe(stat);
+  auto d = doc(stat);
+  EXPECT_EQ(str(d, "key"), key);
+  EXPECT_EQ(str(d, "sha1"), sha1_hex(data));
+  EXPECT_EQ(str(d, "content_type"), "text/plain");
+  EXPECT_EQ(num(d, "size"), 1000);
+  Ran text = zel({"stat", "bkt/" + key});
+  EXPECT_NE(text.out.find("object:   bkt/" + key + "\nsize:     1000 (1000 B)\n"), std::string::npos)
+      << text.out;
+
+  Ran cp = zel({"cp", "bkt/" + key, "copy/ß.bin"});
+  ASSERT_EQ(cp.status, 0) << describe(cp);
+  EXPECT_EQ(cp.out, "copied bkt/" + key + " to bkt/copy/ß.bin (sha1 " + sha1_hex(data) + ")\n");
+  EXPECT_EQ(stored("copy%2F%C3%9F.bin"), data);
+
+  Ran rm = zel({"rm", "bkt/copy/ß.bin"});
+  EXPECT_EQ(rm.out, "deleted bkt/copy/ß.bin\n") << describe(rm);
+  EXPECT_EQ(zel({"stat", "bkt/copy/ß.bin"}).status, 1) << "gone after rm";
+  Ran restore = zel({"--json", "restore", "bkt/copy/ß.bin"});
+  ASSERT_EQ(restore.status, 0) << describe(restore);
+  EXPECT_EQ(str(doc(restore), "result"), "restored");
+  EXPECT_EQ(zel({"stat", "bkt/copy/ß.bin"}).status, 0) << "back after restore";
+  Ran touch = zel({"touch", "bkt/copy/ß.bin"});
+  ASSERT_EQ(touch.status, 0) << describe(touch);
+  EXPECT_EQ(touch.out.rfind("expiration reset for bkt/copy/ß.bin\n", 0), 0u) << touch.out;
+  EXPECT_EQ(xfer::matching(server_.requests(), "POST", "resetexpiration").size(), 1u);
+}
+
+TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
+  std::string data = pattern_bytes(300000, 9);
+  std::string file = dir_.write("big", data);
+  Ran put = zel({"--json", "put", file, "bkt/big"});
+  ASSERT_EQ(put.status, 0) << describe(put);
+  auto d = doc(put);
+  EXPECT_EQ(str(d, "result"), "uploaded");
+  EXPECT_EQ(num(d, "size"), 300000);
+  EXPECT_EQ(str(d, "sha1"), sha1_hex(data));
+  EXPECT_EQ(str(zeltest::JsonPtr(json_incref(json_object_get(d.get(), "details"))), "key"), "big");
+  EXPECT_EQ(xfer::matching(server_.requests(), "PUT", "/resumable").size(), 5u) << "65536-byte chunks";
+
+  Ran get = zel({"get", "bkt/big", dir_.file("back")});
+  ASSERT_EQ(get.status, 0) << describe(get);
+  EXPECT_EQ(xfer::read_file(dir_.file("back")), data);
+  EXPECT_NE(get.out.find("downloaded bkt/big to " + dir_.file("back") + ": 293.0 KiB in "), std::string::npos)
+      << get.out;
+  EXPECT_NE(get.out.find("sha1 " + sha1_hex(data)), std::string::npos) << "the local file's SHA-1";
+
+  Ran part = zel({"--json", "get", "bkt/big", dir_.file("part"), "--range", "100-199"});
+  ASSERT_EQ(part.status, 0) << describe(part);
+  EXPECT_EQ(xfer::read_file(dir_.file("part")), data.substr(100, 100));
+  EXPECT_EQ(num(doc(part), "size"), 100);
+
+  std::string url = server_.api(2) + "/buckets/bkt/objects/big";
+  Ran anonymous = zel({"get-url", url, dir_.file("anon")});
+  EXPECT_EQ(anonymous.status, 1) << "the emulator wants a token: " << describe(anonymous);
+  Ran by_url = zel({"get-url", url, dir_.file("url"), "--auth"});
+  ASSERT_EQ(by_url.status, 0) << describe(by_url);
+  EXPECT_EQ(xfer::read_file(dir_.file("url")), data);
+}
+
+TEST_F(CliTest, ResumeSendsOnlyWhatTheServiceMisses) {
+  std::string data = pattern_bytes(4 * 65536 + 500, 3);
+  std::string file = dir_.write("resume", data);
+  ASSERT_TRUE(
+      server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 65536-",)"
+                        R"("status":403,"times":1})"));
+  Ran first = zel({"put", file, "bkt/r/ü", "--session", "s-0001"});
+  ASSERT_EQ(first.status, 1) << describe(first);
+  EXPECT_NE(first.err.find("zel put: bkt/r/ü: status 403: Resumable upload failed or was cancelled\n"),
+            std::string::npos)
+      << first.err;
+  EXPECT_NE(first.err.find("zel resume " + file + " bkt/r/ü --session s-0001"), std::string::npos)
+      << first.err;
+
+  Ran session = zel({"session", "bkt/r/ü", "s-0001"});
+  EXPECT_EQ(session.out, "session s-0001 of bkt/r/ü holds bytes: 0-65535, 131072-262643\n")
+      << describe(session);
+
+  server_.clear_requests();
+  Ran resume = zel({"resume", file, "bkt/r/ü", "--session", "s-0001"});
+  ASSERT_EQ(resume.status, 0) << describe(resume);
+  EXPECT_NE(resume.err.find("the service holds 197108 of 262644 bytes; sending 1 missing range(s)"),
+            std::string::npos)
+      << resume.err;
+  EXPECT_NE(resume.out.find("uploaded " + file + " to bkt/r/ü: 64.0 KiB in"), std::string::npos)
+      << resume.out;
+  EXPECT_NE(resume.out.find("sha1 " + sha1_hex(data)), std::string::npos) << resume.out;
+  auto sent = xfer::matching(server_.requests(), "PUT", "/objects/");
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].header("Content-Range"), "bytes 65536-131071/262644");
+  EXPECT_EQ(sent[0].header("Session-Id"), "s-0001");
+  EXPECT_EQ(stored("r%2F%C3%BC"), data);
+
+  // A finished session needs nothing more; an unknown one sends everything.
+  server_.clear_requests();
+  Ran again = zel({"--json", "resume", file, "bkt/r/ü", "--session", "s-0001"});
+  ASSERT_EQ(again.status, 0) << describe(again);
+  EXPECT_EQ(str(doc(again), "sha1"), sha1_hex(data));
+  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty());
+  Ran fresh = zel({"resume", file, "bkt/fresh", "--session", "s-0002"});
+  ASSERT_EQ(fresh.status, 0) << describe(fresh);
+  EXPECT_EQ(stored("fresh"), data);
+}
+
+TEST_F(CliTest, FailuresExitOneNamingCommandTargetStatusAndMessage) {
+  Ran missing = zel({"stat", "bkt/nothing/here"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "zel stat: bkt/nothing/here: status 404: Object not found\n");
+  EXPECT_EQ(missing.out, "");
+
+  Ran json = zel({"--json", "rm", "bkt/nothing"});
+  EXPECT_EQ(json.status, 1);
+  auto error = zeltest::JsonPtr(json_incref(json_object_get(doc(json).get(), "error")));
+  EXPECT_EQ(str(error, "command"), "rm");
+  EXPECT_EQ(num(error, "code"), 404);
+
+  Ran token = zel({"--token", "wrong", "info", "bkt"});
+  EXPECT_EQ(token.status, 1);
+  EXPECT_EQ(token.err, "zel info: bkt: status 401: Unauthorized\n");
+  Ran exists = zel({"mb", "bkt"});
+  EXPECT_EQ(exists.status, 1);
+  EXPECT_EQ(exists.err.rfind("zel mb: bkt: status 409: ", 0), 0u) << exists.err;
+
+  Ran no_file = zel({"put", dir_.file("absent"), "bkt/k"});
+  EXPECT_EQ(no_file.status, 1);
+  EXPECT_EQ(no_file.err, "zel put: bkt/k: status 2: No such file or directory\n");
+
+  Ran no_server = zel({"--endpoint", "http://127.0.0.1:1", "buckets"}, {}, false);
+  EXPECT_EQ(no_server.status, 1);
+  EXPECT_EQ(no_server.err.rfind("zel buckets: (all regions): status 7: ", 0), 0u) << no_server.err;
+}
+
+TEST_F(CliTest, UsageErrorsExitTwoAndHelpShowsAnExample) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string message;
+  };
+  const Case cases[] = {
+      {{}, "A subcommand is required"},
+      {{"frobnicate"}, "A subcommand is required"},
+      {{"rm", "bkt"}, "zel rm: 'bkt' is not BUCKET/KEY\nRun 'zel rm --help' for usage.\n"},
+      {{"stat", "bkt/"}, "zel stat: 'bkt/' is not BUCKET/KEY"},
+      {{"get", "bkt/k", "f", "--range", "9-3"}, "zel get: '9-3' is not a byte range"},
+      {{"grant", "bkt", "svc:write"}, "zel grant: 'svc:write' is not AUTH_ID:read or AUTH_ID:full"},
+      {{"mb", "b2", "--policy", "forever"}, "zel mb: 'forever' is not a policy"},
+      {{"stat", "bkt/\xff\xfe"}, "zel stat: the object key is not valid UTF-8"},
+      {{"--api", "3", "buckets"}, "--api"},
+      {{"put", "only-a-file"}, "BUCKET/KEY is required"},
+      {{"--endpoint", "not a url", "buckets"}, "zel buckets: 'not a url' is not an endpoint URL"},
+  };
+  for (const Case& c : cases) {
+    bool own_endpoint = !c.args.empty() && c.args[0] == "--endpoint";
+    Ran r = zel(c.args, {}, !own_endpoint);
+    EXPECT_EQ(r.status, 2) << describe(r);
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << "want '" << c.message << "' in: " << r.err;
+  }
+  EXPECT_EQ(xfer::matching(server_.requests(), "", "/buckets/b2").size(), 0u)
+      << "nothing sent on usage errors";
+  for (const char* command : {"mb", "buckets", "info", "grant", "revoke", "put", "resume", "get", "get-url",
+                              "stat", "session", "cp", "rm", "restore", "touch"}) {
+    Ran help = zel({command, "--help"});
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_NE(help.out.find(std::string("Example:\n  zel ") + command), std::string::npos) << help.out;
+  }
+}
+
+TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
+  Ran ok = zel({"info", "bkt"}, {"ZEL_ENDPOINT=" + server_.base_url(), "ZEL_TOKEN=local-dev-token"}, false);
+  EXPECT_EQ(ok.status, 0) << describe(ok);
+  Ran bad = zel({"info", "bkt"}, {"ZEL_ENDPOINT=" + server_.base_url(), "ZEL_TOKEN=nope"}, false);
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "zel info: bkt: status 401: Unauthorized\n");
+  Ran flag_wins = zel({"--token", "local-dev-token", "info", "bkt"}, {"ZEL_TOKEN=nope"});
+  EXPECT_EQ(flag_wins.status, 0) << describe(flag_wins);
+  auto seen = server_.requests();
+  ASSERT_FALSE(seen.empty());
+  EXPECT_EQ(seen.back().header("Authorization"), "Bearer local-dev-token");
+}
+
+}  // namespace
