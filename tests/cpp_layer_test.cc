@@ -1,0 +1,274 @@
+// The C++ layer over the C interface: text conversions, results that
+// outlive the library's records, and completions that arrive exactly once.
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <zel/zel.hpp>
+
+#include "frame.h"
+#include "transfer_support.h"
+#include "zel_server.h"
+
+namespace {
+
+using zeltest::http;
+using zeltest::kAuthHeader;
+using zeltest::pattern_bytes;
+using zeltest::sha1_hex;
+
+TEST(CppText, ConversionsRoundTripAndRefuseMalformedInput) {
+  const std::string key = "dir/ünï ☃/\xF0\x9D\x84\x9E.bin";  // U+1D11E needs a surrogate pair
+  std::u16string wide = zel::to_utf16(key);
+  EXPECT_EQ(wide, u"dir/ünï ☃/\U0001D11E.bin");
+  EXPECT_EQ(wide[10], 0xD834);
+  EXPECT_EQ(wide[11], 0xDD1E);
+  EXPECT_EQ(zel::to_utf8(wide), key);
+  EXPECT_EQ(zel::to_utf8(nullptr), "");
+  EXPECT_EQ(zel::to_utf16(""), u"");
+
+  const char* malformed[] = {"\x80",
+                             "a\xC3",
+                             "\xC0\xAF",
+                             "\xE0\x80\xAF",
+                             "\xED\xA0\x80",
+                             "\xF4\x90\x80\x80",
+                             "\xF8\x88\x80\x80\x80",
+                             "\xE2\x98"};
+  for (const char* text : malformed) {
+    std::u16string out;
+    EXPECT_FALSE(zel::utf8_to_utf16(text, out)) << "accepted " << ::testing::PrintToString(std::string(text));
+    EXPECT_THROW(zel::to_utf16(text), std::invalid_argument);
+  }
+  const char16_t lone[] = {u'a', 0xD800, u'b', 0xDC00, 0};
+  EXPECT_EQ(zel::to_utf8(lone),
+            "a\xEF\xBF\xBD"
+            "b\xEF\xBF\xBD")
+      << "unpaired surrogates become U+FFFD";
+}
+
+class CppLayerTest : public zeltest::EmulatorTest {
+ protected:
+  void SetUp() override {
+    EmulatorTest::SetUp();
+    library_.emplace();
+    ASSERT_TRUE(zel::set_environment_url(ZEL_ENV_LOCAL, server_.base_url()));
+    zel::set_token("local-dev-token");
+    zel::set_token_provider(nullptr);
+    client_.emplace();
+    client_->settings().chunk_size = 65536;
+    ASSERT_TRUE(client_->create_bucket("bkt", ZEL_BUCKET_POLICY_TRANSIENT, {}).get().ok());
+  }
+  void TearDown() override {
+    client_.reset();
+    // Detached single-request threads may still be unwinding after their
+    // report; the library must outlive them.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (frame_running_workers() > 0 && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    library_.reset();
+    zel::set_environment_url(ZEL_ENV_LOCAL, "");
+    EmulatorTest::TearDown();
+  }
+
+  std::optional<zel::Library> library_;
+  std::optional<zel::Client> client_;
+  xfer::ScratchDir dir_;
+};
+
+TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
+  const std::string key = "dir/ünï ☃/\xF0\x9D\x84\x9E.bin";
+  std::string data = pattern_bytes(150000, 4);
+  auto put = client_->put_object(dir_.write("up", data), "bkt", key).get();
+  ASSERT_TRUE(put.ok()) << put.error().code << " " << put.error().message;
+  ASSERT_TRUE(put.value().details.has_value());
+  EXPECT_EQ(put.value().details->object_key, key);
+  EXPECT_EQ(put.value().details->sha1, sha1_hex(data));
+  auto puts = xfer::matching(server_.requests(), "PUT", "/resumable");
+  ASSERT_EQ(puts.size(), 3u);
+  EXPECT_NE(puts[0].target.find("/objects/dir%2F%C3%BCn%C3%AF%20%E2%98%83%2F%F0%9D%84%9E.bin/"),
+            std::string::npos)
+      << puts[0].target;
+
+  auto details = client_->object_details("bkt", key).get();
+  ASSERT_TRUE(details.ok());
+  EXPECT_EQ(details.value().object_key, key);
+  EXPECT_EQ(details.value().size, data.size());
+  ASSERT_TRUE(client_->get_object("bkt", key, dir_.file("down")).get().ok());
+  EXPECT_EQ(xfer::read_file(dir_.file("down")), data);
+
+  auto copy = client_->copy_object("bkt", key, "kopie/ß").get();
+  ASSERT_TRUE(copy.ok()) << copy.error().message;
+  EXPECT_EQ(copy.value().object_key, "kopie/ß");
+  EXPECT_EQ(copy.value().bucket_key, "bkt");
+}
+
+TEST_F(CppLayerTest, RecordsAreCopiedInTheServicesOrder) {
+  std::vector<zel::Permission> wanted{{"svc-z", ZEL_BUCKET_ACCESS_READ}, {"svc-a", ZEL_BUCKET_ACCESS_FULL}};
+  auto made = client_->create_bucket("ordered", ZEL_BUCKET_POLICY_PERSISTENT, wanted).get();
+  ASSERT_TRUE(made.ok()) << made.error().message;
+  ASSERT_EQ(made.value().permissions.size(), 2u);
+  EXPECT_EQ(made.value().permissions[0].auth_id, "svc-z") << "the order given, not the C list's";
+  EXPECT_EQ(made.value().permissions[1].access, ZEL_BUCKET_ACCESS_FULL);
+  EXPECT_EQ(made.value().policy, ZEL_BUCKET_POLICY_PERSISTENT);
+
+  auto granted = client_->grant("ordered", {{"svc-m", ZEL_BUCKET_ACCESS_READ}}).get();
+  ASSERT_TRUE(granted.ok());
+  ASSERT_EQ(granted.value().size(), 3u);
+  EXPECT_EQ(granted.value()[2].auth_id, "svc-m");
+  ASSERT_TRUE(client_->revoke("ordered", {"svc-z", "svc-m"}).get().ok());
+  auto after = client_->bucket_details("ordered").get();
+  ASSERT_TRUE(after.ok());
+  ASSERT_EQ(after.value().permissions.size(), 1u);
+  EXPECT_EQ(after.value().permissions[0].auth_id, "svc-a");
+
+  auto page = client_->list_buckets("", 1, "").get();
+  ASSERT_TRUE(page.ok());
+  ASSERT_EQ(page.value().buckets.size(), 1u);
+  EXPECT_EQ(page.value().buckets[0].bucket_key, "bkt");
+  EXPECT_EQ(page.value().next_page, "ordered");
+  auto last = client_->list_buckets("", 10, page.value().next_page).get();
+  ASSERT_TRUE(last.ok());
+  ASSERT_EQ(last.value().buckets.size(), 1u);
+  EXPECT_EQ(last.value().buckets[0].policy, "persistent");
+  EXPECT_EQ(last.value().next_page, "");
+}
+
+TEST_F(CppLayerTest, EveryCallCompletesExactlyOnceAndResultsOutliveTheCallbacks) {
+  std::string data = pattern_bytes(1000, 8);
+  ASSERT_TRUE(client_->put_object(dir_.write("one", data), "bkt", "present").get().ok());
+  constexpr int kCalls = 24;
+  std::vector<std::atomic<int>> counts(4 * kCalls);
+  std::mutex mutex;
+  std::vector<zel::Result<zel::ObjectDetails>> kept;
+  std::vector<zel::Result<zel::Done>> downloads;
+  for (int i = 0; i < kCalls; ++i) {
+    auto keep = [&, i](int slot) {
+      return [&, i, slot](zel::Result<zel::ObjectDetails> r) {
+        counts[slot * kCalls + i]++;
+        std::lock_guard<std::mutex> lock(mutex);
+        kept.push_back(std::move(r));
+      };
+    };
+    client_->object_details("bkt", "present", keep(0));
+    client_->object_details("bkt", "absent" + std::to_string(i), keep(1));
+    auto get = [&, i](int slot) {
+      return [&, i, slot](zel::Result<zel::Done> r) {
+        counts[slot * kCalls + i]++;
+        std::lock_guard<std::mutex> lock(mutex);
+        downloads.push_back(std::move(r));
+      };
+    };
+    client_->get_object("bkt", "present", dir_.file("d" + std::to_string(i)), {}, get(2));
+    // A failed size query reports twice in the C layer; the C++ caller
+    // still hears once.
+    client_->get_object("bkt", "absent", dir_.file("a" + std::to_string(i)), {}, get(3));
+  }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  auto finished = [&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return kept.size() + downloads.size() == 4u * kCalls;
+  };
+  while (!finished() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // room for stray second reports
+  for (size_t i = 0; i < counts.size(); ++i) EXPECT_EQ(counts[i].load(), 1) << "call " << i;
+
+  std::lock_guard<std::mutex> lock(mutex);
+  int found = 0, missing = 0;
+  for (const auto& r : kept) {
+    if (r.ok()) {
+      ++found;
+      EXPECT_EQ(r.value().sha1, sha1_hex(data)) << "copied before the library freed its record";
+      EXPECT_EQ(r.value().object_key, "present");
+    } else {
+      ++missing;
+      EXPECT_EQ(r.error().code, 404);
+      EXPECT_EQ(r.error().message, "Object not found");
+    }
+  }
+  EXPECT_EQ(found, kCalls);
+  EXPECT_EQ(missing, kCalls);
+  int failed = 0;
+  for (const auto& r : downloads) {
+    if (r.ok()) continue;
+    ++failed;
+    EXPECT_EQ(r.error().code, 404) << "the first report, with the service's reason: " << r.error().message;
+  }
+  EXPECT_EQ(failed, kCalls);
+}
+
+TEST_F(CppLayerTest, TransferCallbacksCancelAndCallerExceptionsStayInside) {
+  std::string data = pattern_bytes(5 * 65536, 6);
+  std::string file = dir_.write("five", data);
+  ASSERT_TRUE(
+      server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 131072-",)"
+                        R"("status":403,"times":1})"));
+  zel::PutOptions options;
+  options.session_id = "cpp-session-1";
+  std::mutex mutex;
+  std::vector<zel::ByteRange> done;
+  std::vector<std::pair<zel::ByteRange, zel::Error>> failed;
+  options.chunk_done = [&](zel::ByteRange r) {
+    std::lock_guard<std::mutex> lock(mutex);
+    done.push_back(r);
+  };
+  options.chunk_failed = [&](zel::ByteRange r, const zel::Error& e) {
+    std::lock_guard<std::mutex> lock(mutex);
+    failed.push_back({r, e});
+  };
+  auto first = client_->put_object(file, "bkt", "five", options).get();
+  ASSERT_FALSE(first.ok());
+  EXPECT_EQ(first.error().code, 403);
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed[0].first.start, 131072u);
+  EXPECT_EQ(failed[0].second.message, "Forbidden");
+  EXPECT_EQ(done.size(), 4u);
+
+  auto session = client_->upload_session("bkt", "five", "cpp-session-1").get();
+  ASSERT_TRUE(session.ok()) << session.error().message;
+  ASSERT_EQ(session.value().ranges.size(), 2u);
+  EXPECT_EQ(session.value().ranges[0].end, 131071u) << "ascending order";
+  EXPECT_EQ(session.value().ranges[1].start, 196608u);
+
+  // A progress callback that says stop cancels; one that throws cancels too
+  // instead of letting the exception into the library's thread.
+  zel::GetOptions stop;
+  stop.progress = [](uint64_t, uint64_t) { return false; };
+  zel::GetOptions throwing;
+  throwing.progress = [](uint64_t, uint64_t) -> bool { throw std::runtime_error("observer broke"); };
+  ASSERT_TRUE(client_->put_object(file, "bkt", "whole").get().ok());
+  for (const zel::GetOptions* o : {&stop, &throwing}) {
+    auto r = client_->get_object("bkt", "whole", dir_.file("cancel"), *o).get();
+    ASSERT_FALSE(r.ok());
+    EXPECT_EQ(r.error().code, 42) << r.error().message;
+  }
+  std::promise<void> reached;
+  client_->delete_object("bkt", "whole", [&](zel::Result<zel::Done> r) {
+    EXPECT_TRUE(r.ok());
+    reached.set_value();
+    throw std::runtime_error("the caller's callback fails");
+  });
+  EXPECT_EQ(reached.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_FALSE(client_->object_details("bkt", "whole").get().ok()) << "still working after the throw";
+}
+
+TEST_F(CppLayerTest, TheTokenIsProcessWide) {
+  zel::set_token("wrong");
+  auto refused = client_->bucket_details("bkt").get();
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().code, 401);
+  EXPECT_EQ(refused.error().message, "Unauthorized");
+  zel::Client other;  // a second handle sees the same holder
+  zel::set_token_provider([] { return std::string("local-dev-token"); });
+  EXPECT_TRUE(other.bucket_details("bkt").get().ok());
+  zel::set_token_provider([]() -> std::string { throw std::runtime_error("no token today"); });
+  auto none = client_->bucket_details("bkt").get();
+  ASSERT_FALSE(none.ok());
+  EXPECT_EQ(none.error().code, 401);
+  EXPECT_EQ(server_.requests().back().header("Authorization"), "") << "a failing provider sends no token";
+  zel::set_token_provider(nullptr);
+  zel::set_token("local-dev-token");
+  EXPECT_TRUE(client_->bucket_details("bkt").get().ok());
+}
+
+}  // namespace
