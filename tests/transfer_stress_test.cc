@@ -1,8 +1,12 @@
 // Many transfers at once, and a shutdown that lands in the middle of them.
 #include <dirent.h>
 
+#include <deque>
 #include <memory>
 
+#include "alloc.h"
+#include "httppool.h"
+#include "record_log.h"
 #include "transfer.h"
 #include "transfer_support.h"
 
@@ -75,6 +79,61 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
     EXPECT_EQ(sha1_hex(xfer::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]))
         << i;
   }
+}
+
+// Fails each allocation of a transfer in turn: whichever step runs out of
+// memory, the transfer still ends with exactly one report and gives back
+// every pooled request (and, under the sanitizers, every byte).
+TEST_F(StressTest, EveryAllocationFailureEndsInExactlyOneReport) {
+  LogCapture log;  // the failures log a line each; keep them off the console
+  std::string data = pattern_bytes(3 * 65536 + 5, 4);
+  std::string path = dir_.write("torture", data);
+  put_object("bkt", "torture", data);
+  // A worker that cannot start leaves its task queued for the next one;
+  // another transfer starts that worker.
+  auto kick = [&](Outcome& stuck) {
+    if (stuck.wait(std::chrono::seconds(2))) return;
+    GetOptions again("bkt", "torture", dir_.file("kick"));
+    Outcome other;
+    zel_get_object(h_, &again.opt, &other);
+    ASSERT_TRUE(other.wait());
+    ASSERT_TRUE(stuck.wait());
+  };
+  // Outcomes stay alive to the end, where stray second reports would show.
+  std::deque<Outcome> ups, downs;
+  int clean_runs = 0;
+  for (long n = 1; n <= 600 && clean_runs < 2; n++) {
+    SCOPED_TRACE("allocation " + std::to_string(n));
+    PutOptions put("bkt", "torture-up", path);
+    GetOptions get("bkt", "torture", dir_.file("torture.down"));
+    Outcome& up = ups.emplace_back();
+    Outcome& down = downs.emplace_back();
+    long before = mem_allocation_count();
+    mem_fail_at(n);
+    zel_put_object(h_, &put.opt, &up);
+    kick(up);
+    mem_fail_at(n);
+    zel_get_object(h_, &get.opt, &down);
+    kick(down);
+    mem_fail_at(0);
+    // Runs that made fewer than n allocations failed nothing.
+    if (mem_allocation_count() - before < 2 * n) clean_runs++;
+  }
+  ASSERT_TRUE(ups.back().wait_once());
+  for (size_t i = 0; i < ups.size(); i++) {
+    std::lock_guard<std::mutex> lock(ups[i].mutex);
+    EXPECT_EQ(ups[i].finals, 1) << "upload with allocation " << i + 1 << " failed";
+  }
+  for (size_t i = 0; i < downs.size(); i++) {
+    // A failed size query has a report of its own before the download's.
+    std::lock_guard<std::mutex> lock(downs[i].mutex);
+    EXPECT_TRUE(downs[i].finals == 1 ||
+                (downs[i].finals == 2 && downs[i].message == "Cannot get object size"))
+        << "download with allocation " << i + 1 << " failed: " << downs[i].finals << " reports, the last "
+        << downs[i].code << " " << downs[i].message;
+  }
+  EXPECT_EQ(clean_runs, 2) << "every allocation of both transfers was failed once";
+  EXPECT_EQ(http_pool_in_use(), 0);
 }
 
 // Signals the test once any transfer has moved a byte.
