@@ -183,9 +183,12 @@ bool create_output(const Plan& p, uint64_t reserve) {
 }
 
 void queue_chunks(ZELDownloadDecorator* d, ZELByteRangeIterator* iterator) {
+  // Once the last chunk is queued the record may be gone at any moment, so
+  // the loop never reads it after a push.
+  const uint32_t count = d->chunk_count;
   uint32_t queued = 0;
   const char* fatal = nullptr;
-  while (queued < d->chunk_count) {
+  while (queued < count) {
     auto* chunk = static_cast<ZELChunkDownloadDecorator*>(mem_calloc(1, sizeof(ZELChunkDownloadDecorator)));
     ZELByteRange* range = chunk != nullptr ? iterator_next(iterator) : nullptr;
     if (range == nullptr) {
@@ -201,11 +204,11 @@ void queue_chunks(ZELDownloadDecorator* d, ZELByteRangeIterator* iterator) {
     }
     queued++;
   }
-  if (queued == d->chunk_count) return;  // the record may already be gone
+  if (queued == count) return;
   zel::mtx_lock(&d->mutex);
   d->fatal = fatal;
   zel::mtx_unlock(&d->mutex);
-  chunks_finished(d, d->chunk_count - queued, true, false);
+  chunks_finished(d, count - queued, true, false);
 }
 
 // The steps both tasks share once the size is known.

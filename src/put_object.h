@@ -25,6 +25,7 @@ struct ZELUploadDecorator {
   uint32_t failed_count;  // chunks that failed for good or were never queued
   int32_t last_status;    // of the most recent attempt that recorded one; 0 before
   int32_t failed_status;  // of the most recent chunk that failed for good
+  const char* fatal;      // why queuing stopped, when it did
   void* user_data;
 };
 

@@ -66,10 +66,10 @@ void report_chunk_failed(ZELUploadDecorator* upload, const ZELPutObjectOpt* chun
 // session reports success only when every chunk went up: an attempt that
 // failed and was then retried successfully does not spoil it, and a chunk
 // that failed for good (or never went out) always does.
-void upload_complete(ZELUploadDecorator* upload, const char* fatal) {
+void upload_complete(ZELUploadDecorator* upload) {
   const ZELPutObjectOpt* opt = upload->opt;
-  if (fatal != nullptr) {
-    report(opt->callback, 0, fatal, upload->user_data);
+  if (upload->fatal != nullptr) {
+    report(opt->callback, 0, upload->fatal, upload->user_data);
   } else if (upload->failed_count > 0) {
     report(opt->callback, upload->failed_status, kSessionFailed, upload->user_data);
   } else if (upload->details != nullptr) {
@@ -83,7 +83,8 @@ void upload_complete(ZELUploadDecorator* upload, const char* fatal) {
 
 // Counts `count` chunks as finished (failed with `status` when `failed`);
 // the caller that finishes the last one reports, unless `silent`, and frees
-// the record. `fatal` replaces the report of the session with its own text.
+// the record. A `fatal` text (why queuing stopped) replaces the report of
+// the session, whoever finishes last.
 void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, int32_t status,
                      const char* fatal, bool silent) {
   zel::mtx_lock(&upload->mutex);
@@ -92,10 +93,11 @@ void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, in
     upload->failed_count += count;
     upload->failed_status = status;
   }
+  if (fatal != nullptr) upload->fatal = fatal;
   bool last = upload->done_count >= upload->chunk_count;
   zel::mtx_unlock(&upload->mutex);
   if (!last) return;
-  if (!silent) upload_complete(upload, fatal);
+  if (!silent) upload_complete(upload);
   upload_free(upload);
 }
 
@@ -212,9 +214,12 @@ ZELUploadDecorator* upload_make(ZELPutObjectDecorator* d, const char* url, uint6
 // Queues one task per chunk. Whatever cannot be queued counts as failed, so
 // the session still completes, reports once and is freed.
 void queue_chunks(ZELUploadDecorator* upload, ZELByteRangeIterator* iterator) {
+  // Once the last chunk is queued the record may be gone at any moment, so
+  // the loop never reads it after a push.
+  const uint32_t count = upload->chunk_count;
   uint32_t queued = 0;
   const char* fatal = nullptr;
-  while (queued < upload->chunk_count) {
+  while (queued < count) {
     auto* chunk = static_cast<ZELChunkUploadDecorator*>(mem_calloc(1, sizeof(ZELChunkUploadDecorator)));
     ZELByteRange* range = chunk != nullptr ? iterator_next(iterator) : nullptr;
     if (range == nullptr) {
@@ -230,10 +235,7 @@ void queue_chunks(ZELUploadDecorator* upload, ZELByteRangeIterator* iterator) {
     }
     queued++;
   }
-  // Once the last chunk is queued the record may already be gone.
-  if (queued < upload->chunk_count) {
-    chunks_finished(upload, upload->chunk_count - queued, true, 0, fatal, false);
-  }
+  if (queued < count) chunks_finished(upload, count - queued, true, 0, fatal, false);
 }
 
 bool task_checks(ZELPutObjectDecorator* d) {
