@@ -124,7 +124,7 @@ no_aria_file() { rm -f "$work/aria.bin" "$work/aria.bin.aria2"; }
 # The downloads read the object the library uploaded, after checking it.
 echo "uploads:"
 measure "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
-"$client" put "$base" bench zel-up "$work/source.bin" > /dev/null
+"$client" put "$base" bench zel-up "$work/source.bin" > /dev/null 2>&1
 if [ "$peers" = 1 ]; then
   measure "curl -T" no_curl_single "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
     -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
@@ -135,7 +135,7 @@ fi
 
 echo "downloads:"
 measure "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
-"$client" get "$base" bench zel-up "$work/zel.bin" > /dev/null
+"$client" get "$base" bench zel-up "$work/zel.bin" > /dev/null 2>&1
 got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
 [ "$got_sha" = "$source_sha" ] || { echo "zel get: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
 no_zel_file
