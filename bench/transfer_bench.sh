@@ -48,7 +48,7 @@ auth="Authorization: Bearer local-dev-token"
 echo "preparing a ${size_mib} MiB random file and its 5 MiB pieces..."
 head -c "$size" /dev/urandom > "$work/source.bin"
 mkdir "$work/pieces" "$work/out"
-split -b "$piece" -d -a 5 "$work/source.bin" "$work/pieces/p."
+[ "$peers" = 1 ] && split -b "$piece" -d -a 5 "$work/source.bin" "$work/pieces/p."
 source_sha=$(sha1sum "$work/source.bin" | cut -d' ' -f1)
 
 "$server" --port 0 --data "$work/zel-data" > "$work/zel.out" 2> "$work/zel.err" &
@@ -81,29 +81,29 @@ write_configs() {
 }
 
 
-# Runs a command $runs times under /usr/bin/time, each time after `prepare`
-# (which deletes the command's target); keeps the run with the median rate
-# as "name bytes seconds cpu rss_kib" in $results.
-results=$work/results
-: > "$results"
-measure() {
-  local name=$1 prepare=$2 bytes=$3 elapsed user sys rss all=()
+# Runs a command once under /usr/bin/time after `prepare` (which deletes the
+# command's target) and records "seconds cpu rss_kib" for the tool. The tools
+# of a phase take turns, round after round, so that a change in the
+# machine's background load touches every tool alike; the median run counts.
+mkdir "$work/runs"
+order=()
+run_once() {
+  local name=$1 prepare=$2 bytes=$3 elapsed user sys rss file
   shift 3
-  for ((r = 0; r < runs; r++)); do
-    $prepare
-    sync
-    sleep "$settle"
-    /usr/bin/time -f '%e %U %S %M' -o "$work/time" "$@" > "$work/stdout" 2> "$work/stderr" || {
-      echo "$name failed:" >&2
-      cat "$work/stderr" >&2
-      exit 1
-    }
-    read -r elapsed user sys rss < "$work/time"
-    all+=("$elapsed $(echo "$user + $sys" | bc) $rss")
-    printf '  %-12s run %d: %8.1f MB/s\n' "$name" $((r + 1)) "$(echo "$bytes / $elapsed / 1000000" | bc -l)"
-  done
+  file=$work/runs/$(echo "$name" | tr ' ' '_')
+  [ -e "$file" ] || order+=("$name")
   $prepare
-  echo "$name $bytes $(printf '%s\n' "${all[@]}" | sort -n | sed -n "$(( (runs + 1) / 2 ))p")" >> "$results"
+  sync
+  sleep "$settle"
+  /usr/bin/time -f '%e %U %S %M' -o "$work/time" "$@" > "$work/stdout" 2> "$work/stderr" || {
+    echo "$name failed:" >&2
+    cat "$work/stderr" >&2
+    exit 1
+  }
+  read -r elapsed user sys rss < "$work/time"
+  echo "$bytes $elapsed $(echo "$user + $sys" | bc) $rss" >> "$file"
+  printf '  %-12s %8.1f MB/s\n' "$name" "$(echo "$bytes / $elapsed / 1000000" | bc -l)"
+  $prepare
 }
 
 delete_object() { curl -s -o /dev/null -X DELETE -H "$auth" "$objects/$1" || true; }
@@ -123,29 +123,38 @@ no_aria_file() { rm -f "$work/aria.bin" "$work/aria.bin.aria2"; }
 
 # The downloads read the object the library uploaded, after checking it.
 echo "uploads:"
-measure "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
-"$client" put "$base" bench zel-up "$work/source.bin" > /dev/null 2>&1
-if [ "$peers" = 1 ]; then
-  measure "curl -T" no_curl_single "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
-    -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
-  measure "curl -Z put" no_curl_chunks "$size" curl -s -Z --parallel-max 8 -K "$work/up.cfg"
-  no_curl_single
-  no_curl_chunks
-fi
+for ((r = 0; r < runs; r++)); do
+  run_once "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
+  if [ "$peers" = 1 ]; then
+    run_once "curl -T" no_curl_single "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
+      -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
+    run_once "curl -Z put" no_curl_chunks "$size" curl -s -Z --parallel-max 8 -K "$work/up.cfg"
+  fi
+done
 
-echo "downloads:"
-measure "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+"$client" put "$base" bench zel-up "$work/source.bin" > /dev/null 2>&1
 "$client" get "$base" bench zel-up "$work/zel.bin" > /dev/null 2>&1
 got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
-[ "$got_sha" = "$source_sha" ] || { echo "zel get: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
+[ "$got_sha" = "$source_sha" ] || { echo "zel: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
 no_zel_file
-if [ "$peers" = 1 ]; then
-  measure "curl -o" no_curl_file "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
-  measure "curl -Z get" no_parts "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
-  measure "aria2c" no_aria_file "$size" aria2c -q -x8 -s8 -k5M --file-allocation=falloc --header="$auth" \
-    --allow-overwrite=true --auto-file-renaming=false -d "$work" -o aria.bin "$objects/zel-up"
-fi
 
+echo "downloads:"
+for ((r = 0; r < runs; r++)); do
+  run_once "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+  if [ "$peers" = 1 ]; then
+    run_once "curl -o" no_curl_file "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
+    run_once "curl -Z get" no_parts "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
+    run_once "aria2c" no_aria_file "$size" aria2c -q -x8 -s8 -k5M --file-allocation=falloc --header="$auth" \
+      --allow-overwrite=true --auto-file-renaming=false -d "$work" -o aria.bin "$objects/zel-up"
+  fi
+done
+
+# One line per tool, "name bytes seconds cpu rss_kib", from its median run.
+results=$work/results
+for name in "${order[@]}"; do
+  echo "$name $(sort -k2,2n "$work/runs/$(echo "$name" | tr ' ' '_')" | sed -n "$(( (runs + 1) / 2 ))p" |
+    awk '{ print $1, $2, $3, $4 }')" >> "$results"
+done
 echo
 echo "size ${size_mib} MiB; $(nproc) cores"
 printf '%-16s %10s %10s %10s\n' tool MB/s CPU-s RSS-MiB
