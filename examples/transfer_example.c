@@ -70,10 +70,16 @@ static int transfer(ZEL* handle, const char* file, struct wait* w) {
   widen(copy_name, copy, 1040);
   ZELStream* up = zel_stream_init(name);
   ZELStream* down = zel_stream_init(copy);
-  ZELPutObjectOpt put = {.bucket_key = u"examples", .key = u"example.bin", .stream = up,
-                         .callback = on_put_failed, .details_callback = on_uploaded};
-  ZELGetObjectOpt get = {.bucket_key = u"examples", .key = u"example.bin", .stream = down,
-                         .callback = on_get_failed, .done_callback = on_downloaded};
+  ZELPutObjectOpt put = {.bucket_key = u"examples",
+                         .key = u"example.bin",
+                         .stream = up,
+                         .callback = on_put_failed,
+                         .details_callback = on_uploaded};
+  ZELGetObjectOpt get = {.bucket_key = u"examples",
+                         .key = u"example.bin",
+                         .stream = down,
+                         .callback = on_get_failed,
+                         .done_callback = on_downloaded};
   int ok = up != NULL && down != NULL;
   if (ok) {
     zel_put_object(handle, &put, w);

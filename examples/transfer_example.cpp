@@ -2,9 +2,8 @@
 // Run: ./transfer_example_cpp ENDPOINT FILE
 // ENDPOINT is the service's base URL, for example http://127.0.0.1:9000
 // (zel-server). The object lands in bucket "examples" (created on demand).
-#include <zel/zel.hpp>
-
 #include <cstdio>
+#include <zel/zel.hpp>
 
 int main(int argc, char** argv) {
   if (argc != 3) {
@@ -28,7 +27,8 @@ int main(int argc, char** argv) {
                  put ? "incomplete" : put.error().message.c_str());
     return 1;
   }
-  std::printf("uploaded %s as examples/%s, sha1 %s\n", file.c_str(), key.c_str(), put.value().details->sha1.c_str());
+  std::printf("uploaded %s as examples/%s, sha1 %s\n", file.c_str(), key.c_str(),
+              put.value().details->sha1.c_str());
 
   zel::Result<zel::Done> got = client.get_object("examples", key, file + ".copy").get();
   if (!got) {

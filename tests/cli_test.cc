@@ -29,6 +29,7 @@ struct Ran {
 class CliTest : public zeltest::EmulatorTest {
  protected:
   void SetUp() override {
+    if (access(ZEL_BIN_DIR "/zel", X_OK) != 0) GTEST_SKIP() << "zel is not built (ZEL_BUILD_CLI=OFF)";
     EmulatorTest::SetUp();
     HttpResult r = http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
                         R"({"bucketKey":"bkt","policyKey":"transient","allow":[]})");

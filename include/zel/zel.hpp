@@ -21,8 +21,10 @@
 //  - The C token function takes no arguments, so the token is process-wide:
 //    zel::set_token() or zel::set_token_provider() applies to every Client.
 //    An empty token sends no Authorization header.
-//  - The layer relies on the C interface's promise of one final report per
-//    operation; the per-call state is released with that report.
+//  - Each call's state is released with its final report. A download whose
+//    size query fails reports twice in the C interface (the query's failure,
+//    then "Cannot get object size"); the first reaches you, and the state is
+//    kept until the second arrives or the Library goes away.
 #ifndef ZEL_ZEL_HPP
 #define ZEL_ZEL_HPP
 
