@@ -229,6 +229,13 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
   EXPECT_EQ(xfer::read_file(dir_.file("part")), data.substr(100, 100));
   EXPECT_EQ(num(doc(part), "size"), 100);
 
+  Ran no_bucket = zel({"put", file, "newbkt/big"});
+  EXPECT_EQ(no_bucket.status, 1) << describe(no_bucket);
+  Ran create = zel({"-q", "put", file, "newbkt/big", "--create-bucket"});
+  ASSERT_EQ(create.status, 0) << describe(create);
+  EXPECT_EQ(create.err, "");
+  EXPECT_EQ(http("GET", server_.api(2) + "/buckets/newbkt/details", {kAuthHeader}).status, 200);
+
   std::string url = server_.api(2) + "/buckets/bkt/objects/big";
   Ran anonymous = zel({"get-url", url, dir_.file("anon")});
   EXPECT_EQ(anonymous.status, 1) << "the emulator wants a token: " << describe(anonymous);
@@ -341,6 +348,15 @@ TEST_F(CliTest, UsageErrorsExitTwoAndHelpShowsAnExample) {
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_NE(help.out.find(std::string("Example:\n  zel ") + command), std::string::npos) << help.out;
   }
+}
+
+TEST_F(CliTest, LibraryLogLinesOnlyWithVerbose) {
+  Ran quiet = zel({"stat", "bkt/none"});
+  EXPECT_EQ(quiet.err, "zel stat: bkt/none: status 404: Object not found\n");
+  Ran verbose = zel({"-v", "stat", "bkt/none"});
+  EXPECT_EQ(verbose.status, 1);
+  EXPECT_NE(verbose.err.find(" src\\"), std::string::npos) << "the library's lines: " << verbose.err;
+  EXPECT_NE(verbose.err.find("zel stat: bkt/none: status 404: Object not found\n"), std::string::npos);
 }
 
 TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
