@@ -350,6 +350,26 @@ TEST_F(CliTest, UsageErrorsExitTwoAndHelpShowsAnExample) {
   }
 }
 
+// script(1) gives zel a terminal, the one place where the bar is drawn.
+TEST_F(CliTest, ProgressBarOnlyOnATerminal) {
+  if (access("/usr/bin/script", X_OK) != 0) GTEST_SKIP() << "script(1) is not installed";
+  std::string file = dir_.write("bar", pattern_bytes(2000000, 5));
+  std::string command = std::string(ZEL_BIN_DIR) + "/zel --endpoint " + server_.base_url() +
+                        " --chunk-size 65536 --parallel 2 put " + file + " bkt/bar";
+  Ran tty = spawn({"/usr/bin/script", "-qec", command, "/dev/null"}, {});
+  ASSERT_EQ(tty.status, 0) << describe(tty);
+  EXPECT_NE(tty.out.find("\r\033[Kput "), std::string::npos) << "no bar drawn: " << tty.out;
+  EXPECT_NE(tty.out.find("% ["), std::string::npos) << tty.out;
+  EXPECT_NE(tty.out.find(" / 1.9 MiB"), std::string::npos) << "bytes of the total: " << tty.out;
+  EXPECT_NE(tty.out.find(" left"), std::string::npos) << tty.out;
+  EXPECT_NE(tty.out.find("uploaded " + file + " to bkt/bar: 1.9 MiB in "), std::string::npos) << tty.out;
+  std::string quiet_command = command;
+  quiet_command.insert(quiet_command.find(" put "), " --quiet");
+  Ran quiet = spawn({"/usr/bin/script", "-qec", quiet_command, "/dev/null"}, {});
+  ASSERT_EQ(quiet.status, 0) << describe(quiet);
+  EXPECT_EQ(quiet.out.find("% ["), std::string::npos) << "--quiet draws nothing: " << quiet.out;
+}
+
 TEST_F(CliTest, LibraryLogLinesOnlyWithVerbose) {
   Ran quiet = zel({"stat", "bkt/none"});
   EXPECT_EQ(quiet.err, "zel stat: bkt/none: status 404: Object not found\n");
