@@ -4,6 +4,8 @@
 #include "global.h"
 
 #include <gtest/gtest.h>
+
+#include "threads.h"
 #include <locale.h>
 
 #include <atomic>
@@ -51,14 +53,7 @@ bool locale_is_global() { return uselocale(static_cast<locale_t>(0)) == LC_GLOBA
   return ::testing::AssertionSuccess();
 }
 
-int thread_count() {
-  int n = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    (void)entry;
-    n++;
-  }
-  return n;
-}
+using zeltest::thread_count;
 
 template <typename Predicate>
 bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "threads.h"
+
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -43,14 +45,7 @@ bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
   return true;
 }
 
-int thread_count() {
-  int n = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    (void)entry;
-    n++;
-  }
-  return n;
-}
+using zeltest::thread_count;
 
 // A task that runs until the test opens its latch.
 struct Latch {

@@ -18,14 +18,7 @@ using xfer::PutOptions;
 using zeltest::pattern_bytes;
 using zeltest::sha1_hex;
 
-int thread_count() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
-  closedir(dir);
-  return count;
-}
+using zeltest::thread_count;
 
 class StressTest : public zeltest::LibTest {
  protected:
