@@ -8,6 +8,7 @@
 #include "httppool.h"
 #include "record_log.h"
 #include "transfer.h"
+#include "threads.h"
 #include "transfer_support.h"
 
 namespace {
