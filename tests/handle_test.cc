@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "alloc.h"
@@ -41,22 +42,13 @@ std::string url_for(uint32_t environment, uint32_t version, const char* path) {
 TEST_F(Handle, InitSetsDefaultsAndKeepsArguments) {
   ZEL* handle = zel_init(3, 2, token, nullptr);
   ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(handle->environment, 3u);
-  EXPECT_EQ(handle->api_version, 2u);
-  EXPECT_EQ(handle->http_pool_size, 8u);
-  EXPECT_EQ(handle->thread_pool_size, 8u);
-  EXPECT_EQ(handle->chunk_size, 5242880u);
-  EXPECT_EQ(handle->max_retries, 5u);
-  EXPECT_EQ(handle->auto_create_bucket, 0u);
-  EXPECT_EQ(handle->timeout_ms, 1800000u);
-  EXPECT_EQ(handle->low_speed_limit, 0u);
-  EXPECT_EQ(handle->low_speed_time, 0u);
-  EXPECT_EQ(handle->ssl_verify_peer, 1u);
-  EXPECT_EQ(handle->max_send_speed, 0);
-  EXPECT_EQ(handle->max_recv_speed, 0);
-  EXPECT_EQ(handle->proxy, nullptr);
-  EXPECT_EQ(handle->get_token, &token);
-  EXPECT_EQ(handle->free_token, nullptr);
+  const ZEL& h = *handle;
+  EXPECT_EQ(std::make_tuple(h.environment, h.api_version, h.http_pool_size, h.thread_pool_size, h.chunk_size,
+                            h.max_retries, h.auto_create_bucket, h.timeout_ms, h.low_speed_limit, h.low_speed_time,
+                            h.ssl_verify_peer, h.max_send_speed, h.max_recv_speed),
+            std::make_tuple(3u, 2u, 8u, 8u, uint64_t{5242880}, 5u, 0u, 1800000u, 0u, 0u, 1u, int64_t{0}, int64_t{0}));
+  EXPECT_TRUE(h.proxy == nullptr && h.proxy_username == nullptr && h.proxy_password == nullptr);
+  EXPECT_TRUE(h.get_token == &token && h.free_token == nullptr);
   zel_cleanup(handle);
   zel_cleanup(nullptr);
 }
