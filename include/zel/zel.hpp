@@ -12,9 +12,13 @@
 //     code and message of the failure.
 //
 // Rules:
-//  - Calls may throw std::bad_alloc on the calling thread. Nothing thrown by
-//    your std::function callbacks leaves them: the layer catches and drops it,
-//    because the callbacks run on library threads inside C callbacks.
+//  - Calls may throw on the calling thread: std::bad_alloc, and
+//    std::invalid_argument for a key, file name or URL that is not UTF-8.
+//    One Client may serve several threads at once, as long as nobody
+//    changes its settings() meanwhile.
+//  - Nothing thrown by your std::function callbacks leaves them: the layer
+//    catches and drops it, because they run inside C callbacks on library
+//    threads. A progress callback that throws cancels its transfer.
 //  - Completion callbacks run on library threads. Progress callbacks of one
 //    transfer may run on several threads at once; they all return before the
 //    transfer's completion callback runs.
@@ -263,8 +267,9 @@ inline void set_token_provider(std::function<std::string()> provider) {
 
 // ---------------------------------------------------------------- owners
 
-// Process-wide start-up for the lifetime of the object. Create one, before
-// any Client operation, and let it go only after every operation reported.
+// Process-wide start-up for the lifetime of the object. Create one (one at
+// a time, on one thread) before any Client operation, and let it go only
+// after every operation reported.
 class Library {
  public:
   Library() {
