@@ -229,6 +229,12 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
   EXPECT_EQ(xfer::read_file(dir_.file("part")), data.substr(100, 100));
   EXPECT_EQ(num(doc(part), "size"), 100);
 
+  Ran ranged = zel({"put", file, "bkt/ranged", "--range", "0-99", "--session", "s-r"});
+  ASSERT_EQ(ranged.status, 0) << describe(ranged);
+  EXPECT_EQ(ranged.out,
+            "sent 100 bytes to bkt/ranged in session s-r; the service still misses other ranges\n");
+  EXPECT_EQ(zel({"session", "bkt/ranged", "s-r"}).out, "session s-r of bkt/ranged holds bytes: 0-99\n");
+
   Ran no_bucket = zel({"put", file, "newbkt/big"});
   EXPECT_EQ(no_bucket.status, 1) << describe(no_bucket);
   Ran create = zel({"-q", "put", file, "newbkt/big", "--create-bucket"});
