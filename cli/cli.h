@@ -111,7 +111,7 @@ class ProgressBar {
   void finish();
 
  private:
-  void draw(uint64_t done, uint64_t total, bool last);
+  void draw(uint64_t done, uint64_t total);
 
   bool enabled_;
   std::string label_;

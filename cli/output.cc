@@ -58,7 +58,7 @@ bool ProgressBar::update(uint64_t offset, uint64_t done, uint64_t total) {
   auto now = std::chrono::steady_clock::now();
   if (drawn_ && now - last_draw_ < std::chrono::milliseconds(100)) return true;
   last_draw_ = now;
-  draw(done_, total_, false);
+  draw(done_, total_);
   return true;
 }
 
@@ -70,7 +70,7 @@ void ProgressBar::finish() {
   enabled_ = false;
 }
 
-void ProgressBar::draw(uint64_t done, uint64_t total, bool last) {
+void ProgressBar::draw(uint64_t done, uint64_t total) {
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
   double fraction = total > 0 ? static_cast<double>(done) / static_cast<double>(total) : 0;
@@ -85,10 +85,9 @@ void ProgressBar::draw(uint64_t done, uint64_t total, bool last) {
     std::snprintf(text, sizeof text, "%ld:%02ld", eta / 60, eta % 60);
     left = text;
   }
-  std::fprintf(stderr, "\r\033[K%s %3.0f%% [%s] %s / %s  %s/s  %s left%s", label_.c_str(), fraction * 100,
+  std::fprintf(stderr, "\r\033[K%s %3.0f%% [%s] %s / %s  %s/s  %s left", label_.c_str(), fraction * 100,
                bar.c_str(), human_bytes(static_cast<double>(done)).c_str(),
-               human_bytes(static_cast<double>(total)).c_str(), human_bytes(rate).c_str(), left.c_str(),
-               last ? "\n" : "");
+               human_bytes(static_cast<double>(total)).c_str(), human_bytes(rate).c_str(), left.c_str());
   std::fflush(stderr);
   drawn_ = true;
 }

@@ -52,7 +52,13 @@ static void on_get_failed(const ZELGetObjectResp* resp, void* user_data) {
 
 static void on_downloaded(void* user_data) { finish(user_data, 1); }
 
-static char* token(void) { return strdup("local-dev-token"); }
+/* The library frees the token through token_free, so hand out a copy. */
+static char* token(void) {
+  static const char value[] = "local-dev-token";
+  char* copy = malloc(sizeof value);
+  if (copy != NULL) memcpy(copy, value, sizeof value);
+  return copy;
+}
 static void token_free(char* t) { free(t); }
 
 /* ASCII file names only, to keep the example short. */
