@@ -10,6 +10,7 @@
 #include "cache.h"
 #include "http.h"
 #include "httppool.h"
+#include "frame.h"
 #include "log.h"
 #include "threadpool.h"
 #include "transfer.h"
@@ -98,6 +99,10 @@ extern "C" ZEL_EXPORT int zel_global_init(void) {
 }
 
 extern "C" ZEL_EXPORT void zel_global_cleanup(void) {
+  // Single-request operations run on detached threads that still use
+  // libcurl and the bucket cache until they have reported: let them finish
+  // before either goes away.
+  while (frame_running_workers() > 0) zel::thrd_yield();
   // The worker pool goes first: it waits for running workers, which may
   // still hold pooled requests and touch the cache.
   for (int i = kStepCount - 1; i >= 0; i--) kSteps[i].down();

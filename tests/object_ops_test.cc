@@ -355,6 +355,19 @@ TEST_F(ObjectFrame, CallerMayFreeEverythingRightAfterTheCall) {
   EXPECT_EQ(e.message.substr(0, 4), "k|3|");
 }
 
+TEST_F(ObjectFrame, GlobalCleanupWaitsForOperationThreads) {
+  make_bucket("slow");
+  put_object("slow", "k", "x");
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"/details$","delay_ms":300})"));
+  Recorder rec;
+  ZELGetObjectDetailsOpt opt{u"slow", u"k", nullptr, on_status<ZELGetObjectDetailsResp>, on_details};
+  zel_get_object_details(handle(), &opt, &rec);
+  zel_global_cleanup();
+  EXPECT_EQ(frame_running_workers(), 0);
+  EXPECT_EQ(rec.events().size(), 1u) << "the operation reported before libcurl went away";
+  ASSERT_EQ(zel_global_init(), 0);  // for the fixture's own cleanup
+}
+
 TEST_F(ObjectFrame, TwoHundredOperationsInFlightReportExactlyOnce) {
   make_bucket("many");
   put_object("many", "k", "x");

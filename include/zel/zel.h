@@ -171,7 +171,8 @@ ZEL_EXPORT const char* zel_headers_find(const ZELHeaders* list, const char* name
 
 /* 0 on success, -1 on failure (nothing is left initialised then). */
 ZEL_EXPORT int zel_global_init(void);
-/* Waits for running transfers' workers, then removes the pools and caches. */
+/* Waits for running operations and transfer workers, then removes the
+ * pools and caches. */
 ZEL_EXPORT void zel_global_cleanup(void);
 
 /* ------------------------------------------------------------------------ */
@@ -468,7 +469,9 @@ typedef struct ZELGetObjectOpt {
 
 /* Learns the size, then fetches the object in parallel ranged chunks written
  * at their offsets. Ends with done_callback (the file is complete) or
- * callback. */
+ * callback. When the size cannot be learnt, callback comes twice: first
+ * with the size query's own failure (when it had one), then with
+ * (0, "Cannot get object size"). */
 ZEL_EXPORT void zel_get_object(ZEL* handle, const ZELGetObjectOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectByURLResp {
