@@ -8,7 +8,8 @@ namespace {
 
 std::string grants_text(const std::vector<zel::Permission>& list) {
   std::string text;
-  for (const zel::Permission& p : list) text += p.auth_id + "\t" + zel_bucket_access_tostr(p.access) + "\n";
+  for (const zel::Permission& p : list)
+    text += escape_text(p.auth_id) + "\t" + zel_bucket_access_tostr(p.access) + "\n";
   return text.empty() ? "(no access granted)" : text;
 }
 
@@ -34,7 +35,7 @@ void add_mb(CLI::App& app, Context& ctx) {
     ctx.action = [args](Context& c) {
       uint32_t policy = parse_policy(args->policy);
       auto result = c.client->create_bucket(args->bucket, policy, parse_grants(args->grants)).get();
-      if (!result) return c.out.fail("mb", args->bucket, result.error());
+      if (!result) return c.fail(args->bucket, result.error());
       c.out.result(json_bucket(result.value()),
                    "created bucket " + args->bucket + "\n" + text_bucket(result.value()));
       return 0;
@@ -49,7 +50,7 @@ int run_buckets(Context& c, const std::string& region, uint32_t limit) {
   do {
     uint32_t page_size = limit > 0 ? std::min<uint32_t>(limit - static_cast<uint32_t>(all.size()), 100) : 100;
     auto page = c.client->list_buckets(region, page_size, next).get();
-    if (!page) return c.out.fail("buckets", region.empty() ? "(all regions)" : region, page.error());
+    if (!page) return c.fail(region.empty() ? "(all regions)" : region, page.error());
     for (auto& b : page.value().buckets) all.push_back(b);
     next = page.value().next_page;
   } while (!next.empty() && (limit == 0 || all.size() < limit));
@@ -58,9 +59,10 @@ int run_buckets(Context& c, const std::string& region, uint32_t limit) {
   std::string text;
   for (const auto& b : all) {
     json_array_append_new(
-        list, json_pack("{s:s, s:s, s:I}", "bucket", b.bucket_key.c_str(), "policy", b.policy.c_str(),
-                        "created_date", static_cast<json_int_t>(b.created_date)));
-    text += b.bucket_key + "\t" + b.policy + "\t" + format_time(b.created_date) + "\n";
+        list, json_pack("{s:s, s:s}", "bucket", b.bucket_key.c_str(), "policy", b.policy.c_str()));
+    json_set_date(json_array_get(list, json_array_size(list) - 1), "created", b.created_date);
+    text +=
+        escape_text(b.bucket_key) + "\t" + escape_text(b.policy) + "\t" + format_time(b.created_date) + "\n";
   }
   c.out.result(json_pack("{s:o}", "buckets", list), text.empty() ? "(no buckets)" : text);
   return 0;
@@ -89,7 +91,7 @@ void add_info(CLI::App& app, Context& ctx) {
   cmd->callback([&ctx, bucket] {
     ctx.action = [bucket](Context& c) {
       auto result = c.client->bucket_details(*bucket).get();
-      if (!result) return c.out.fail("info", *bucket, result.error());
+      if (!result) return c.fail(*bucket, result.error());
       c.out.result(json_bucket(result.value()), text_bucket(result.value()));
       return 0;
     };
@@ -109,7 +111,7 @@ void add_grant(CLI::App& app, Context& ctx) {
   cmd->callback([&ctx, args] {
     ctx.action = [args](Context& c) {
       auto result = c.client->grant(args->bucket, parse_grants(args->grants)).get();
-      if (!result) return c.out.fail("grant", args->bucket, result.error());
+      if (!result) return c.fail(args->bucket, result.error());
       c.out.result(json_pack("{s:s, s:o}", "bucket", args->bucket.c_str(), "permissions",
                              json_permissions(result.value())),
                    grants_text(result.value()));
@@ -131,7 +133,7 @@ void add_revoke(CLI::App& app, Context& ctx) {
   cmd->callback([&ctx, args] {
     ctx.action = [args](Context& c) {
       auto result = c.client->revoke(args->bucket, args->ids).get();
-      if (!result) return c.out.fail("revoke", args->bucket, result.error());
+      if (!result) return c.fail(args->bucket, result.error());
       json_t* ids = json_array();
       std::string names;
       for (const auto& id : args->ids) {

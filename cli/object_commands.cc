@@ -21,32 +21,32 @@ CLI::App* object_command(CLI::App& app, Context& ctx, const char* name, const ch
 
 int run_stat(Context& c, const Target& t) {
   auto result = c.client->object_details(t.bucket, t.key).get();
-  if (!result) return c.out.fail("stat", t.text(), result.error());
+  if (!result) return c.fail(t.text(), result.error());
   c.out.result(json_object(result.value()), text_object(result.value()));
   return 0;
 }
 
 int run_rm(Context& c, const Target& t) {
   auto result = c.client->delete_object(t.bucket, t.key).get();
-  if (!result) return c.out.fail("rm", t.text(), result.error());
+  if (!result) return c.fail(t.text(), result.error());
   c.out.result(
-      json_pack("{s:s, s:s, s:s}", "result", "deleted", "bucket", t.bucket.c_str(), "key", t.key.c_str()),
+      json_pack("{s:s, s:s, s:s}", "action", "deleted", "bucket", t.bucket.c_str(), "key", t.key.c_str()),
       "deleted " + t.text());
   return 0;
 }
 
 int run_restore(Context& c, const Target& t) {
   auto result = c.client->undelete_object(t.bucket, t.key).get();
-  if (!result) return c.out.fail("restore", t.text(), result.error());
+  if (!result) return c.fail(t.text(), result.error());
   c.out.result(
-      json_pack("{s:s, s:s, s:s}", "result", "restored", "bucket", t.bucket.c_str(), "key", t.key.c_str()),
+      json_pack("{s:s, s:s, s:s}", "action", "restored", "bucket", t.bucket.c_str(), "key", t.key.c_str()),
       "restored " + t.text());
   return 0;
 }
 
 int run_touch(Context& c, const Target& t) {
   auto result = c.client->reset_expiration(t.bucket, t.key).get();
-  if (!result) return c.out.fail("touch", t.text(), result.error());
+  if (!result) return c.fail(t.text(), result.error());
   c.out.result(json_object(result.value()),
                "expiration reset for " + t.text() + "\n" + text_object(result.value()));
   return 0;
@@ -65,7 +65,7 @@ void add_session(CLI::App& app, Context& ctx) {
     ctx.action = [args](Context& c) {
       Target t = parse_target(args->target);
       auto result = c.client->upload_session(t.bucket, t.key, args->id).get();
-      if (!result) return c.out.fail("session", t.text() + " " + args->id, result.error());
+      if (!result) return c.fail(t.text() + " " + args->id, result.error());
       json_t* ranges = json_array();
       std::string text;
       for (const zel::ByteRange& r : result.value().ranges) {
@@ -82,6 +82,23 @@ void add_session(CLI::App& app, Context& ctx) {
   });
 }
 
+// The service copies within one bucket: DST is BUCKET/KEY in the source's
+// bucket, or a KEY there; a trailing "/" keeps the source's name.
+std::string copy_key(const Target& source, const std::string& destination) {
+  if (destination.empty()) throw UsageError("the destination is empty");
+  std::string key = destination;
+  size_t slash = destination.find('/');
+  if (slash != std::string::npos) {
+    Target d = parse_target_prefix(destination);
+    if (d.bucket != source.bucket)
+      throw UsageError("cannot copy to bucket '" + d.bucket + "': the service copies within one bucket ('" +
+                       source.bucket + "')");
+    key = d.key;
+  }
+  if (key.empty() || key.back() == '/') key += last_segment(source.key);
+  return parse_target(source.bucket + "/" + key).key;  // the same UTF-8 check
+}
+
 void add_cp(CLI::App& app, Context& ctx) {
   struct Args {
     std::string source, destination;
@@ -89,18 +106,17 @@ void add_cp(CLI::App& app, Context& ctx) {
   auto args = std::make_shared<Args>();
   CLI::App* cmd = app.add_subcommand("cp", "Copy an object within its bucket (on the service)");
   cmd->add_option("BUCKET/SRC", args->source, "The object to copy")->required();
-  cmd->add_option("DST", args->destination, "Key of the copy in the same bucket")->required();
-  cmd->footer("Example:\n  zel cp photos/2024/cat.jpg 2024/cat-backup.jpg");
+  cmd->add_option("DST", args->destination, "BUCKET/KEY in the same bucket, or a KEY there")->required();
+  cmd->footer("Example:\n  zel cp photos/2024/cat.jpg photos/backup/cat.jpg");
   cmd->callback([&ctx, args] {
     ctx.action = [args](Context& c) {
       Target t = parse_target(args->source);
-      if (args->destination.empty()) throw UsageError("the destination key is empty");
-      parse_target(t.bucket + "/" + args->destination);  // the same UTF-8 check
-      auto result = c.client->copy_object(t.bucket, t.key, args->destination).get();
-      if (!result) return c.out.fail("cp", t.text(), result.error());
-      c.out.result(json_object(result.value()), "copied " + t.text() + " to " + t.bucket + "/" +
-                                                    args->destination + " (sha1 " + result.value().sha1 +
-                                                    ")");
+      std::string key = copy_key(t, args->destination);
+      auto result = c.client->copy_object(t.bucket, t.key, key).get();
+      if (!result) return c.fail(t.text(), result.error());
+      c.out.result(json_object(result.value()), "copied " + escape_text(t.text()) + " to " +
+                                                    escape_text(t.bucket + "/" + key) + " (sha1 " +
+                                                    escape_text(result.value().sha1) + ")");
       return 0;
     };
   });

@@ -1,0 +1,159 @@
+// Download commands: get and get-url. Bytes land in a temporary file beside
+// the target, which replaces the target only once its length (and, for a
+// whole object, its SHA-1) match the object's details.
+#include <strings.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+
+#include "local_files.h"
+
+namespace zelcli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct GetArgs {
+  std::string source, file, range;
+  bool auth = false;
+  bool by_url = false;
+};
+
+// "-" is standard output; a directory (or a name ending in "/") receives
+// the object under its own name.
+std::string destination(const std::string& file, const std::string& source_name) {
+  if (file == "-" || (!is_directory(file) && file.back() != '/')) return file;
+  if (source_name.empty()) throw UsageError("'" + file + "' is a directory and the source names no file");
+  return file + (file.back() == '/' ? "" : "/") + source_name;
+}
+
+std::string url_file_name(const std::string& url) {
+  std::string path = url.substr(0, url.find_first_of("?#"));
+  size_t scheme = path.find("://");
+  if (scheme != std::string::npos && path.find('/', scheme + 3) == std::string::npos) return "";
+  return last_segment(path);
+}
+
+// What the downloaded bytes must be.
+struct Expected {
+  std::optional<uint64_t> length;
+  std::string sha1;  // empty: no SHA-1 to compare with
+};
+
+std::optional<Failure> verify(const std::string& path, const Expected& want, const std::string& target,
+                              std::string& sha1) {
+  uint64_t size = 0;
+  if (!file_size(path, size)) return local_failure(path, errno);
+  sha1 = hex_sha1_of_file(path);
+  if (sha1.empty()) return local_failure(path, errno != 0 ? errno : EIO);
+  std::string why;
+  if (want.length && size != *want.length)
+    why = "received " + std::to_string(size) + " bytes instead of " + std::to_string(*want.length);
+  else if (!want.sha1.empty() && strcasecmp(sha1.c_str(), want.sha1.c_str()) != 0)
+    why = "the bytes received have SHA-1 " + sha1 + " but the object's is " + escape_text(want.sha1);
+  if (why.empty()) return std::nullopt;
+  return Failure{FailureKind::kVerification, target, why, 0, ""};
+}
+
+// The length a ranged download of an object of `size` bytes must have.
+std::optional<uint64_t> range_length(const zel::ByteRange& r, uint64_t size) {
+  if (r.start >= size) return std::nullopt;  // the service refuses it
+  return std::min(r.end, size - 1) - r.start + 1;
+}
+
+std::optional<zel::Result<zel::Done>> download(Context& c, const GetArgs& a, const std::string& path,
+                                               const zel::GetOptions& options) {
+  if (a.by_url) {
+    auto future = c.client->get_object_by_url(a.source, path, a.auth, options);
+    return wait_for(future);
+  }
+  Target t = parse_target(a.source);
+  auto future = c.client->get_object(t.bucket, t.key, path, options);
+  return wait_for(future);
+}
+
+int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, const Expected& want,
+           Clock::time_point start, json_t* details) {
+  Json owned(details);
+  std::string sha1;
+  std::string untouched = to == "-" ? "nothing written" : escape_text(to) + " left untouched";
+  if (auto failure = verify(temp.path(), want, a.source, sha1)) {
+    failure->message += "; " + untouched;
+    return c.out.fail(*failure);
+  }
+  uint64_t size = 0;
+  file_size(temp.path(), size);
+  auto failure = to == "-" ? temp.copy_to_stdout() : temp.replace(to);
+  if (failure) return c.out.fail(*failure);
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  print_summary(c.out, {"downloaded", a.source, to == "-" ? "standard output" : to, size, seconds, sha1},
+                owned.release());
+  return 0;
+}
+
+int run_get(Context& c, const GetArgs& a) {
+  zel::GetOptions options;
+  if (!a.range.empty()) options.range = parse_range(a.range);
+  std::optional<Target> t;
+  if (!a.by_url) t = parse_target(a.source);
+  std::string to = destination(a.file, a.by_url ? url_file_name(a.source) : last_segment(t->key));
+  if (to == "-") c.out.data_on_stdout();
+  Expected want;
+  json_t* details = nullptr;
+  if (t) {
+    auto d = c.client->object_details(t->bucket, t->key).get();
+    if (!d) return c.fail(t->text(), d.error());
+    details = json_object(d.value());
+    want.length = options.range ? range_length(*options.range, d.value().size) : d.value().size;
+    if (!options.range) want.sha1 = d.value().sha1;
+  } else if (options.range) {
+    want.length = options.range->end - options.range->start + 1;
+  }
+  Json owned(details);
+  TempFile temp;
+  if (auto failure = temp.create(
+          to == "-" ? (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/stdout") : to))
+    return c.out.fail(*failure);
+  ProgressBar bar(!c.out.quiet(), a.by_url ? "get-url" : "get");
+  options.progress = [&bar](uint64_t done, uint64_t total) { return bar.update(0, done, total); };
+  Clock::time_point start = Clock::now();
+  auto result = download(c, a, temp.path(), options);
+  bar.finish();
+  if (!result || interrupted() != 0) {
+    temp.remove();
+    exit_interrupted(c.out, "interrupted; " + (to == "-" ? std::string("nothing written")
+                                                         : escape_text(to) + " left untouched"));
+  }
+  if (!*result) return c.fail(a.source, result->error());
+  return finish(c, a, temp, to, want, start, owned.release());
+}
+
+void add_get(CLI::App& app, Context& ctx, bool by_url) {
+  auto args = std::make_shared<GetArgs>();
+  args->by_url = by_url;
+  CLI::App* cmd =
+      by_url ? app.add_subcommand("get-url", "Download from a complete URL")
+             : app.add_subcommand("get", "Download an object (in parallel chunks when large), verified");
+  if (by_url) {
+    cmd->add_option("URL", args->source, "Download URL")->required();
+  } else {
+    cmd->add_option("BUCKET/KEY", args->source, "The object")->required();
+  }
+  cmd->add_option("FILE", args->file,
+                  "Local file (replaced only by verified bytes), a directory, or - for standard output")
+      ->required();
+  cmd->add_option("--range", args->range, "Fetch only bytes S-E (inclusive), written from offset 0");
+  if (by_url) cmd->add_flag("--auth", args->auth, "Send the bearer token");
+  cmd->footer(by_url ? "Example:\n  zel get-url https://cdn.example.com/f/holiday.mp4 holiday.mp4"
+                     : "Example:\n  zel get videos/2024/holiday.mp4 ~/Videos/");
+  cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return run_get(c, *args); }; });
+}
+
+}  // namespace
+
+void add_get_commands(CLI::App& app, Context& ctx) {
+  add_get(app, ctx, false);
+  add_get(app, ctx, true);
+}
+
+}  // namespace zelcli
