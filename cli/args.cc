@@ -78,9 +78,9 @@ uint32_t parse_policy(const std::string& text) {
 // Binary units: K, M and G (with or without "i" and "B") are powers of 1024.
 uint64_t parse_chunk_size(const std::string& text) {
   constexpr uint64_t kMin = 64 * 1024, kMax = 4ULL << 30;
-  size_t digits = text.find_first_not_of("0123456789");
+  size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
   uint64_t value = 0;
-  std::string unit = digits == std::string::npos ? "" : text.substr(digits);
+  std::string unit = text.substr(digits);
   for (char& c : unit) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   static const struct {
     const char* name;

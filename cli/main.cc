@@ -93,9 +93,13 @@ void add_help(CLI::App& app, Context& ctx, std::string& topic) {
 }
 
 int show_help(CLI::App& app, const Context& ctx, const std::string& topic) {
-  if (topic.empty()) return std::fputs(app.help().c_str(), stdout), 0;
+  // App::help() would describe the chosen subcommand, "help" itself.
+  if (topic.empty())
+    return std::fputs(app.get_formatter()->make_help(&app, "zel", CLI::AppFormatMode::Normal).c_str(),
+                      stdout),
+           0;
   for (CLI::App* sub : app.get_subcommands({}))
-    if (sub->get_name() == topic) return std::fputs(sub->help().c_str(), stdout), 0;
+    if (sub->get_name() == topic && topic != "help") return std::fputs(sub->help("zel").c_str(), stdout), 0;
   return usage(ctx, "'" + topic + "' is not a zel command");
 }
 

@@ -1,0 +1,239 @@
+// End-to-end tests of the zel tool's transfers: nothing unverified reaches a
+// user's file, interruptions leave a way forward, streams and destinations.
+#include <fstream>
+
+#include "cli_support.h"
+
+namespace {
+
+using namespace clitest;
+
+class CliTransferTest : public CliTest {
+ protected:
+  // A file that must survive every failed download.
+  std::string precious() { return dir_.write("keep.txt", "precious bytes\n"); }
+  void expect_untouched(const std::string& path, const Ran& r) {
+    EXPECT_EQ(xfer::read_file(path), "precious bytes\n") << describe(r);
+    EXPECT_TRUE(leftovers(".zel-").empty()) << "a temporary file was left: " << leftovers(".zel-")[0];
+  }
+};
+
+TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
+  std::string data = pattern_bytes(200000, 1);
+  store("obj", data);
+  std::string keep = precious();
+
+  // The stored bytes changed behind the service's back: same size, other SHA-1.
+  std::string good = xfer::read_file(blob_of("obj"));
+  std::ofstream(blob_of("obj"), std::ios::binary | std::ios::trunc) << pattern_bytes(200000, 2);
+  Ran corrupt = zel({"get", "bkt/obj", keep});
+  EXPECT_EQ(corrupt.status, 1) << describe(corrupt);
+  EXPECT_NE(corrupt.err.find("but the object's is " + sha1_hex(data)), std::string::npos) << corrupt.err;
+  EXPECT_NE(corrupt.err.find("left untouched"), std::string::npos) << corrupt.err;
+  expect_untouched(keep, corrupt);
+  std::ofstream(blob_of("obj"), std::ios::binary | std::ios::trunc) << good;
+
+  // One chunk refused, a range the service cannot satisfy, a short ranged
+  // answer, and a server that is gone.
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/obj$","header":"Range: bytes=65536-",)"
+                                R"("status":403,"times":1})"));
+  Ran refused = zel({"get", "bkt/obj", keep});
+  EXPECT_EQ(refused.status, 1) << describe(refused);
+  EXPECT_NE(refused.err.find("403"), std::string::npos) << refused.err;
+  expect_untouched(keep, refused);
+  Ran beyond = zel({"get", "bkt/obj", keep, "--range", "300000-300010"});
+  EXPECT_EQ(beyond.status, 1) << describe(beyond);
+  expect_untouched(keep, beyond);
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/obj$","header":"Range: bytes=100-",)"
+                                R"("status":206,"body":"short","times":1})"));
+  Ran short_range = zel({"get", "bkt/obj", keep, "--range", "100-199"});
+  EXPECT_EQ(short_range.status, 1) << describe(short_range);
+  expect_untouched(keep, short_range);
+
+  Ran ok = zel({"get", "bkt/obj", keep, "--range", "100-199"});
+  ASSERT_EQ(ok.status, 0) << describe(ok);
+  EXPECT_EQ(xfer::read_file(keep), data.substr(100, 100));
+  Ran whole = zel({"get", "bkt/obj", keep});
+  ASSERT_EQ(whole.status, 0) << describe(whole);
+  EXPECT_EQ(xfer::read_file(keep), data);
+  EXPECT_TRUE(leftovers(".zel-").empty());
+
+  precious();
+  server_.kill9();
+  Ran gone = zel({"get", "bkt/obj", keep});
+  EXPECT_EQ(gone.status, 4) << describe(gone);
+  expect_untouched(keep, gone);
+}
+
+TEST_F(CliTransferTest, PutFailsWhenTheServiceStoredOtherBytes) {
+  std::string file = dir_.write("up.bin", pattern_bytes(5000, 3));
+  // An answer that claims another SHA-1 than the file's.
+  ASSERT_TRUE(server_.add_fault(
+      R"({"method":"PUT","path":"objects/lie$","status":200,"body":{"bucketKey":"bkt","objectId":"x",)"
+      R"("objectKey":"lie","sha1":"0000000000000000000000000000000000000000","size":5000,)"
+      R"("contentType":"application/octet-stream","location":"l"}})"));
+  Ran lie = zel({"put", file, "bkt/lie"});
+  EXPECT_EQ(lie.status, 1) << describe(lie);
+  EXPECT_NE(lie.err.find("SHA-1 0000000000000000000000000000000000000000 but " + file), std::string::npos)
+      << lie.err;
+  Ran truth = zel({"--json", "put", file, "bkt/truth"});
+  ASSERT_EQ(truth.status, 0) << describe(truth);
+  EXPECT_EQ(str(result(truth), "sha1"), sha1_hex(pattern_bytes(5000, 3)));
+}
+
+TEST_F(CliTransferTest, ResumeRefusesAFileThatIsNotTheSessions) {
+  std::string data = pattern_bytes(300000, 4);
+  std::string file = dir_.write("a.bin", data);
+  std::string other = dir_.write("b.bin", pattern_bytes(300000, 5));
+  std::string tiny = dir_.write("tiny.bin", "sixby!");
+  ASSERT_EQ(zel({"-q", "put", file, "bkt/half", "--range", "0-149999", "--session", "s-half"}).status, 0);
+
+  server_.clear_requests();
+  Ran shorter = zel({"resume", tiny, "bkt/half", "--session", "s-half"});
+  EXPECT_EQ(shorter.status, 3) << describe(shorter);
+  EXPECT_NE(shorter.err.find("is not the file of this session"), std::string::npos) << shorter.err;
+  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
+
+  // Same size, other bytes: only the final SHA-1 can tell.
+  Ran mixed = zel({"resume", other, "bkt/half", "--session", "s-half"});
+  EXPECT_EQ(mixed.status, 1) << describe(mixed);
+  EXPECT_NE(mixed.err.find("but " + other + " has 300000 bytes with SHA-1"), std::string::npos) << mixed.err;
+
+  // A finished session and a file that is not its object.
+  ASSERT_EQ(zel({"-q", "put", file, "bkt/done", "--session", "s-done"}).status, 0);
+  Ran finished = zel({"resume", tiny, "bkt/done", "--session", "s-done"});
+  EXPECT_EQ(finished.status, 3) << describe(finished);
+  Ran same = zel({"resume", file, "bkt/done", "--session", "s-done"});
+  EXPECT_EQ(same.status, 0) << describe(same);
+}
+
+// Ctrl-C is typed on a terminal once the upload is under way and a chunk
+// stalls; the command printed then finishes the upload.
+TEST_F(CliTransferTest, CtrlCDuringPutPrintsTheResumeCommand) {
+  std::string data = pattern_bytes(6 * 65536, 6);
+  std::string file = dir_.write("big.bin", data);
+  ASSERT_TRUE(
+      server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 131072-",)"
+                        R"("delay_ms":4000})"));
+  auto started = std::chrono::steady_clock::now();
+  PtyRun run =
+      run_on_pty(command({"--parallel", "1", "put", file, "bkt/big", "--session", "s-int"}), 80,
+                 [&](const std::string&) {
+                   return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(1000) &&
+                          !xfer::matching(server_.requests(), "PUT", "resumable").empty();
+                 });
+  EXPECT_EQ(run.status, 130) << run.screen;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(3500))
+      << "the stall was awaited";
+  std::string hint = "to send only what is missing: zel resume " + file + " bkt/big --session s-int";
+  size_t at = run.screen.find(hint);
+  ASSERT_NE(at, std::string::npos) << run.screen;
+  EXPECT_NE(run.screen.find("zel put: interrupted"), std::string::npos) << run.screen;
+  size_t bar = run.screen.rfind("% [", at);
+  if (bar != std::string::npos) {
+    EXPECT_NE(run.screen.find("\r\033[K", bar), std::string::npos)
+        << "the bar was not cleared: " << run.screen;
+  }
+
+  ASSERT_TRUE(server_.clear_faults());
+  Ran resume = zel({"resume", file, "bkt/big", "--session", "s-int"});
+  ASSERT_EQ(resume.status, 0) << describe(resume);
+  EXPECT_EQ(stored("big"), data);
+}
+
+TEST_F(CliTransferTest, CtrlCDuringGetLeavesTheTargetAlone) {
+  store("slow", pattern_bytes(4 * 65536, 7));
+  std::string keep = precious();
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/slow$","header":"Range: bytes=65536-",)"
+                                R"("delay_ms":4000})"));
+  auto started = std::chrono::steady_clock::now();
+  PtyRun run = run_on_pty(command({"get", "bkt/slow", keep}), 80, [&](const std::string&) {
+    return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(1000);
+  });
+  EXPECT_EQ(run.status, 130) << run.screen;
+  EXPECT_NE(run.screen.find("zel get: interrupted; " + keep + " left untouched"), std::string::npos)
+      << run.screen;
+  EXPECT_EQ(xfer::read_file(keep), "precious bytes\n");
+  EXPECT_TRUE(leftovers(".zel-").empty());
+}
+
+TEST_F(CliTransferTest, ProgressBarFitsTheTerminalAndIsCleared) {
+  std::string file = dir_.write("bar.bin", pattern_bytes(8 * 65536, 8));
+  ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","delay_ms":150,"times":-1})"));
+  for (int columns : {80, 40}) {
+    PtyRun run =
+        run_on_pty(command({"--parallel", "1", "put", file, "bkt/bar" + std::to_string(columns)}), columns);
+    ASSERT_EQ(run.status, 0) << run.screen;
+    int redraws = 0;
+    for (size_t at = 0; (at = run.screen.find("\r\033[K", at)) != std::string::npos; ++redraws) {
+      at += 4;
+      size_t end = run.screen.find_first_of("\r\n", at);
+      std::string drawn = run.screen.substr(at, end == std::string::npos ? std::string::npos : end - at);
+      if (drawn.rfind("uploaded ", 0) == 0) continue;  // the summary, after the bar was cleared
+      EXPECT_LT(drawn.size(), static_cast<size_t>(columns)) << "wraps at " << columns << ": " << drawn;
+    }
+    EXPECT_GE(redraws, 3) << run.screen;
+    if (columns == 80) {
+      EXPECT_NE(run.screen.find("/s 0:"), std::string::npos) << "rate and time left: " << run.screen;
+    }
+    size_t summary = run.screen.find("uploaded ");
+    ASSERT_NE(summary, std::string::npos) << run.screen;
+    EXPECT_EQ(run.screen.rfind("\r\033[K", summary), summary - 4) << "cleared before the summary";
+  }
+}
+
+TEST_F(CliTransferTest, StandardInputAndOutputCarryData) {
+  std::string data = pattern_bytes(200000, 9);
+  Ran put = zel({"put", "-", "bkt/piped"}, {}, true, data);
+  ASSERT_EQ(put.status, 0) << describe(put);
+  EXPECT_EQ(stored("piped"), data);
+  EXPECT_NE(put.out.find("uploaded - to bkt/piped"), std::string::npos) << put.out;
+
+  Ran get = zel({"get", "bkt/piped", "-"});
+  ASSERT_EQ(get.status, 0) << describe(get);
+  EXPECT_TRUE(get.out == data) << "standard output holds exactly the object's bytes";
+  EXPECT_NE(get.err.find("downloaded bkt/piped to standard output"), std::string::npos) << get.err;
+  Ran json = zel({"--json", "get", "bkt/piped", "-"});
+  EXPECT_TRUE(json.out == data);
+  EXPECT_EQ(str(result(json.err), "action"), "downloaded") << "the summary on standard error";
+  Ran quiet = zel({"-q", "get", "bkt/piped", "-"});
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_EQ(zel({"-q", "put", "-", "bkt/"}, {}, true, data).status, 2) << "standard input has no name";
+}
+
+TEST_F(CliTransferTest, DestinationsAsPeopleExpect) {
+  std::string data = pattern_bytes(1000, 10);
+  std::string file = dir_.write("photo.jpg", data);
+  ASSERT_EQ(zel({"-q", "put", file, "bkt/"}).status, 0);
+  EXPECT_EQ(stored("photo.jpg"), data);
+  ASSERT_EQ(zel({"-q", "put", file, "bkt/2024/"}).status, 0);
+  EXPECT_EQ(stored("2024%2Fphoto.jpg"), data);
+
+  ASSERT_EQ(mkdir(dir_.file("down").c_str(), 0755), 0);
+  ASSERT_EQ(zel({"-q", "get", "bkt/2024/photo.jpg", dir_.file("down")}).status, 0);
+  EXPECT_EQ(xfer::read_file(dir_.file("down/photo.jpg")), data);
+
+  ASSERT_EQ(zel({"-q", "cp", "bkt/photo.jpg", "bkt/h5.jpg"}).status, 0);
+  EXPECT_EQ(stored("h5.jpg"), data) << "BUCKET/DST stays in the bucket, not bkt/bkt/...";
+  ASSERT_EQ(zel({"-q", "cp", "bkt/photo.jpg", "h6.jpg"}).status, 0);
+  EXPECT_EQ(stored("h6.jpg"), data);
+  Ran other = zel({"cp", "bkt/photo.jpg", "other/h4.jpg"});
+  EXPECT_EQ(other.status, 2) << describe(other);
+  EXPECT_NE(other.err.find("copies within one bucket"), std::string::npos) << other.err;
+  EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/other%2Fh4.jpg/details", {kAuthHeader}).status,
+            404);
+}
+
+TEST_F(CliTransferTest, StalledAttemptsAreAbortedAndTimeoutsApply) {
+  store("stall", pattern_bytes(1000, 11));
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/stall$","delay_ms":3000,"times":-1})"));
+  for (const char* option : {"--stall-timeout", "--timeout"}) {
+    auto started = std::chrono::steady_clock::now();
+    Ran r = zel({option, "1", "--retries", "0", "get", "bkt/stall", dir_.file("stall")});
+    EXPECT_EQ(r.status, 4) << option << ": " << describe(r);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2800)) << option;
+    EXPECT_FALSE(xfer::file_exists(dir_.file("stall")));
+  }
+}
+
+}  // namespace
