@@ -39,6 +39,7 @@ void add_global_options(CLI::App& app, Global& g) {
   app.add_flag("-q,--quiet", g.quiet, "No progress bar, notes or summaries");
   app.add_flag("-v,--verbose", g.verbose, "The library's log lines on standard error");
   app.set_version_flag("--version", std::string("zel ") + ZEL_VERSION);
+  app.set_help_all_flag("--help-all", "Print the help of zel and of every command, and exit");
 }
 
 // Applies the global options to the process and to a new handle.

@@ -406,3 +406,31 @@ TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
 }
 
 }  // namespace
+
+namespace {
+
+// Bash completion reads the installed zel's help; the man page is made from
+// the same texts at build time.
+TEST_F(CliTest, CompletionAndManPageFollowTheHelp) {
+  if (access("/bin/bash", X_OK) != 0) GTEST_SKIP() << "bash is not installed";
+  auto complete = [&](const std::string& words) {
+    std::string script = "PATH=" ZEL_BIN_DIR ":$PATH; source " ZEL_SOURCE_DIR
+                         "/cli/zel.bash-completion; COMP_WORDS=(" +
+                         words + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zel; echo \"${COMPREPLY[*]}\"";
+    return spawn({"/bin/bash", "-c", script}, {}).out;
+  };
+  EXPECT_EQ(complete("zel re"), "revoke restore resume\n");
+  EXPECT_EQ(complete("zel --json p"), "put\n");
+  EXPECT_EQ(complete("zel put --c"), "--content-type --create-bucket\n");
+  EXPECT_EQ(complete("zel --chunk-size 8M get --r"), "--range\n");
+  EXPECT_EQ(complete("zel help g"), "grant get get-url\n");
+  EXPECT_EQ(complete("zel --api \"\""), "1 2\n");
+
+  std::string man = xfer::read_file(ZEL_BIN_DIR "/../cli/zel.1");
+  if (man.empty()) GTEST_SKIP() << "no man page (help2man missing)";
+  EXPECT_NE(man.find(".TH ZEL \"1\""), std::string::npos);
+  for (const char* text : {"stall\\-timeout", "get\\-url", "resume", "Exit status"})
+    EXPECT_NE(man.find(text), std::string::npos) << text;
+}
+
+}  // namespace
