@@ -59,9 +59,10 @@ struct PtyRun {
 };
 
 // Runs `argv` on a new pseudo-terminal `columns` wide. `press_ctrl_c` sees
-// the output so far; once it returns true, Ctrl-C is typed (once).
+// the output so far; once it returns true, Ctrl-C is typed (once), or
+// `signal` is sent instead when given.
 inline PtyRun run_on_pty(const std::vector<std::string>& argv, int columns,
-                         std::function<bool(const std::string&)> press_ctrl_c = {}) {
+                         std::function<bool(const std::string&)> press_ctrl_c = {}, int signal = 0) {
   struct winsize size {};
   size.ws_col = static_cast<unsigned short>(columns);
   size.ws_row = 24;
@@ -90,7 +91,7 @@ inline PtyRun run_on_pty(const std::vector<std::string>& argv, int columns,
       run.screen.append(buffer, static_cast<size_t>(got));
     }
     if (!pressed && press_ctrl_c && press_ctrl_c(run.screen)) {
-      pressed = write(master, "\x03", 1) == 1;
+      pressed = signal != 0 ? kill(pid, signal) == 0 : write(master, "\x03", 1) == 1;
     }
   }
   int wait_status = 0;

@@ -16,6 +16,7 @@ class CliTransferTest : public CliTest {
     EXPECT_EQ(xfer::read_file(path), "precious bytes\n") << describe(r);
     EXPECT_TRUE(leftovers(".zel-").empty()) << "a temporary file was left: " << leftovers(".zel-")[0];
   }
+  void interrupt_put(int signal);
 };
 
 TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
@@ -107,22 +108,23 @@ TEST_F(CliTransferTest, ResumeRefusesAFileThatIsNotTheSessions) {
   EXPECT_EQ(same.status, 0) << describe(same);
 }
 
-// Ctrl-C is typed on a terminal once the upload is under way and a chunk
-// stalls; the command printed then finishes the upload.
-TEST_F(CliTransferTest, CtrlCDuringPutPrintsTheResumeCommand) {
+// Ctrl-C is typed on a terminal (or SIGTERM sent) once the upload is under
+// way and a chunk stalls; the command printed then finishes the upload.
+void CliTransferTest::interrupt_put(int signal) {
   std::string data = pattern_bytes(6 * 65536, 6);
   std::string file = dir_.write("big.bin", data);
   ASSERT_TRUE(
       server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 131072-",)"
                         R"("delay_ms":4000})"));
   auto started = std::chrono::steady_clock::now();
-  PtyRun run =
-      run_on_pty(command({"--parallel", "1", "put", file, "bkt/big", "--session", "s-int"}), 80,
-                 [&](const std::string&) {
-                   return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(1000) &&
-                          !xfer::matching(server_.requests(), "PUT", "resumable").empty();
-                 });
-  EXPECT_EQ(run.status, 130) << run.screen;
+  PtyRun run = run_on_pty(
+      command({"--parallel", "1", "put", file, "bkt/big", "--session", "s-int"}), 80,
+      [&](const std::string&) {
+        return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(1000) &&
+               !xfer::matching(server_.requests(), "PUT", "resumable").empty();
+      },
+      signal == SIGINT ? 0 : signal);
+  EXPECT_EQ(run.status, 128 + signal) << run.screen;
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(3500))
       << "the stall was awaited";
   std::string hint = "to send only what is missing: zel resume " + file + " bkt/big --session s-int";
@@ -134,12 +136,14 @@ TEST_F(CliTransferTest, CtrlCDuringPutPrintsTheResumeCommand) {
     EXPECT_NE(run.screen.find("\r\033[K", bar), std::string::npos)
         << "the bar was not cleared: " << run.screen;
   }
-
   ASSERT_TRUE(server_.clear_faults());
   Ran resume = zel({"resume", file, "bkt/big", "--session", "s-int"});
   ASSERT_EQ(resume.status, 0) << describe(resume);
   EXPECT_EQ(stored("big"), data);
 }
+
+TEST_F(CliTransferTest, CtrlCDuringPutPrintsTheResumeCommand) { interrupt_put(SIGINT); }
+TEST_F(CliTransferTest, SigtermDuringPutPrintsTheResumeCommand) { interrupt_put(SIGTERM); }
 
 TEST_F(CliTransferTest, CtrlCDuringGetLeavesTheTargetAlone) {
   store("slow", pattern_bytes(4 * 65536, 7));
