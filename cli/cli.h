@@ -188,9 +188,16 @@ struct Summary {
 };
 void print_summary(const Output& out, const Summary& s, json_t* extra);
 
-// Interruption: SIGINT and SIGTERM set a flag that transfers poll; a second
-// signal ends the process at once after removing the registered file.
+// Interruption: outside a transfer SIGINT and SIGTERM end the tool as usual.
+// During one they set a flag that the transfer polls; a second signal ends
+// the process at once after removing the registered file.
 void install_signal_handlers();
+struct TransferScope {
+  TransferScope();
+  ~TransferScope();
+  TransferScope(const TransferScope&) = delete;
+  TransferScope& operator=(const TransferScope&) = delete;
+};
 int interrupted();  // the signal number, or 0
 // A file removed if the process is ended by a second signal (one at a time).
 void set_cleanup_file(const std::string& path);

@@ -169,11 +169,19 @@ int Output::fail(const Failure& f) const {
 // ---------------------------------------------------------------- signals
 
 namespace {
-volatile std::sig_atomic_t g_signal = 0;
+// Lock-free atomics are safe to use in a signal handler.
+std::atomic<int> g_signal{0};
 char g_cleanup[4096];
 std::atomic<bool> g_cleanup_set{false};
+std::atomic<int> g_transfers{0};
 
 void on_signal(int signal) {
+  if (g_transfers.load() == 0) {
+    // Nothing to clean up or report: die of the signal, as shells expect.
+    ::signal(signal, SIG_DFL);
+    raise(signal);
+    return;
+  }
   if (g_signal != 0) {
     // A second signal: the user insists.
     if (g_cleanup_set.load()) unlink(g_cleanup);
@@ -192,6 +200,9 @@ void install_signal_handlers() {
 }
 
 int interrupted() { return g_signal; }
+
+TransferScope::TransferScope() { ++g_transfers; }
+TransferScope::~TransferScope() { --g_transfers; }
 
 void set_cleanup_file(const std::string& path) {
   g_cleanup_set = false;

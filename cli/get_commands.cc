@@ -34,6 +34,10 @@ std::string url_file_name(const std::string& url) {
   return last_segment(path);
 }
 
+std::string untouched(const std::string& to) {
+  return to == "-" ? "nothing written" : escape_text(to) + " left untouched";
+}
+
 // What the downloaded bytes must be.
 struct Expected {
   std::optional<uint64_t> length;
@@ -76,9 +80,8 @@ int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, 
            Clock::time_point start, json_t* details) {
   Json owned(details);
   std::string sha1;
-  std::string untouched = to == "-" ? "nothing written" : escape_text(to) + " left untouched";
   if (auto failure = verify(temp.path(), want, a.source, sha1)) {
-    failure->message += "; " + untouched;
+    failure->message += "; " + untouched(to);
     return c.out.fail(*failure);
   }
   uint64_t size = 0;
@@ -91,29 +94,39 @@ int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, 
   return 0;
 }
 
+// What the download must deliver: the object's size and SHA-1, or the
+// length of the range. Fills `details` with the object's record; a failure
+// to learn them ends the command with its status.
+std::optional<int> expect(Context& c, const GetArgs& a, const std::string& to,
+                          const std::optional<zel::ByteRange>& range, Expected& want, Json& details) {
+  if (a.by_url) {
+    if (range) want.length = range->end - range->start + 1;
+    return std::nullopt;
+  }
+  Target t = parse_target(a.source);
+  auto asked = c.client->object_details(t.bucket, t.key);
+  auto waited = wait_for(asked);
+  if (!waited || interrupted() != 0) exit_interrupted(c.out, "interrupted; " + untouched(to));
+  const zel::Result<zel::ObjectDetails>& d = *waited;
+  if (!d) return c.fail(t.text(), d.error());
+  details.reset(json_object(d.value()));
+  want.length = range ? range_length(*range, d.value().size) : d.value().size;
+  if (!range) want.sha1 = d.value().sha1;
+  return std::nullopt;
+}
+
 int run_get(Context& c, const GetArgs& a) {
+  TransferScope scope;
   zel::GetOptions options;
   if (!a.range.empty()) options.range = parse_range(a.range);
-  std::optional<Target> t;
-  if (!a.by_url) t = parse_target(a.source);
-  std::string to = destination(a.file, a.by_url ? url_file_name(a.source) : last_segment(t->key));
+  std::string name = a.by_url ? url_file_name(a.source) : last_segment(parse_target(a.source).key);
+  std::string to = destination(a.file, name);
   if (to == "-") c.out.data_on_stdout();
   Expected want;
-  json_t* details = nullptr;
-  if (t) {
-    auto d = c.client->object_details(t->bucket, t->key).get();
-    if (!d) return c.fail(t->text(), d.error());
-    details = json_object(d.value());
-    want.length = options.range ? range_length(*options.range, d.value().size) : d.value().size;
-    if (!options.range) want.sha1 = d.value().sha1;
-  } else if (options.range) {
-    want.length = options.range->end - options.range->start + 1;
-  }
-  Json owned(details);
+  Json details;
+  if (auto failed = expect(c, a, to, options.range, want, details)) return *failed;
   TempFile temp;
-  if (auto failure = temp.create(
-          to == "-" ? (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/stdout") : to))
-    return c.out.fail(*failure);
+  if (auto failure = temp.create(to == "-" ? temp_dir() + "/stdout" : to)) return c.out.fail(*failure);
   ProgressBar bar(!c.out.quiet(), a.by_url ? "get-url" : "get");
   options.progress = [&bar](uint64_t done, uint64_t total) { return bar.update(0, done, total); };
   Clock::time_point start = Clock::now();
@@ -121,11 +134,10 @@ int run_get(Context& c, const GetArgs& a) {
   bar.finish();
   if (!result || interrupted() != 0) {
     temp.remove();
-    exit_interrupted(c.out, "interrupted; " + (to == "-" ? std::string("nothing written")
-                                                         : escape_text(to) + " left untouched"));
+    exit_interrupted(c.out, "interrupted; " + untouched(to));
   }
   if (!*result) return c.fail(a.source, result->error());
-  return finish(c, a, temp, to, want, start, owned.release());
+  return finish(c, a, temp, to, want, start, details.release());
 }
 
 void add_get(CLI::App& app, Context& ctx, bool by_url) {

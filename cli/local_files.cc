@@ -10,14 +10,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 namespace zelcli {
-namespace {
-
 std::string temp_dir() {
   const char* dir = std::getenv("TMPDIR");
   return dir != nullptr && *dir != '\0' ? dir : "/tmp";
 }
+
+namespace {
 
 std::string dir_of(const std::string& path) {
   size_t slash = path.rfind('/');

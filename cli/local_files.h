@@ -32,6 +32,9 @@ class TempFile {
   std::string path_;
 };
 
+// $TMPDIR, or /tmp.
+std::string temp_dir();
+
 // A regular file the tool may read, and its size.
 std::optional<Failure> readable_file(const std::string& path, uint64_t& size);
 

@@ -152,6 +152,7 @@ int run_put(Context& c, const PutArgs& a, Upload& up) {
 }
 
 int start_put(Context& c, const PutArgs& a) {
+  TransferScope scope;
   Upload up;
   up.target = upload_target(a.target, a.file);
   up.session = a.session.empty() ? new_session_id() : a.session;
@@ -225,11 +226,15 @@ int refuse_other_file(Context& c, const Upload& up, const std::vector<zel::ByteR
 }
 
 int run_resume(Context& c, const PutArgs& a) {
+  TransferScope scope;
   Upload up;
   up.target = upload_target(a.target, a.file);
   up.session = a.session;
   if (auto failure = open_source(a.file, up)) return c.out.fail(*failure);
-  auto status = c.client->upload_session(up.target.bucket, up.target.key, a.session).get();
+  auto asked = c.client->upload_session(up.target.bucket, up.target.key, a.session);
+  auto waited = wait_for(asked);
+  if (!waited || interrupted() != 0) interrupted_upload(c, up);
+  const auto& status = *waited;
   if (!status && status.error().code == 404) {
     c.out.note("the service knows no session " + a.session + "; sending the whole file");
     return run_put(c, a, up);

@@ -241,3 +241,17 @@ TEST_F(CliTransferTest, StalledAttemptsAreAbortedAndTimeoutsApply) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(CliTransferTest, CtrlCOutsideATransferEndsTheToolAtOnce) {
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"details","delay_ms":4000})"));
+  auto started = std::chrono::steady_clock::now();
+  PtyRun run = run_on_pty(command({"stat", "bkt/k"}), 80, [&](const std::string&) {
+    return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(500);
+  });
+  EXPECT_EQ(run.status, -1) << "ended by the signal: " << run.screen;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(3000));
+}
+
+}  // namespace
