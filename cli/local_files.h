@@ -38,4 +38,14 @@ std::string temp_dir();
 // A regular file the tool may read, and its size.
 std::optional<Failure> readable_file(const std::string& path, uint64_t& size);
 
+// The file an upload session was started with.
+struct SessionNote {
+  uint64_t size = 0;
+  std::string sha1;
+  std::string target;  // BUCKET/KEY
+};
+void note_session(const std::string& session, const SessionNote& note);
+std::optional<SessionNote> read_session_note(const std::string& session);
+void forget_session(const std::string& session);
+
 }  // namespace zelcli

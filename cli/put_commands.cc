@@ -133,6 +133,8 @@ int run_put(Context& c, const PutArgs& a, Upload& up) {
     throw UsageError("--range " + a.range + " reaches past the end of " + up.shown + " (" +
                      std::to_string(up.size) + " bytes)");
   if (a.create_bucket) c.client->settings().auto_create_bucket = 1;
+  if (range || up.size > c.client->settings().chunk_size)
+    note_session(up.session, {up.size, up.sha1, up.target.text()});
   ProgressBar bar(!c.out.quiet(), "put");
   bar.update(0, 0, range ? range->end - range->start + 1 : up.size);
   Clock::time_point start = Clock::now();
@@ -146,6 +148,7 @@ int run_put(Context& c, const PutArgs& a, Upload& up) {
   if (!range) {
     if (int failed = verify_stored(c, up, d)) return failed;
   }
+  forget_session(up.session);
   print_summary(c.out, {"uploaded", up.shown, up.target.text(), sent, seconds_since(start), d.sha1},
                 json_object(d));
   return 0;
@@ -207,14 +210,21 @@ int send_missing(Context& c, const PutArgs& a, Upload& up, const std::vector<zel
   bar.finish();
   if (!details) return report_partial(c, up, total);
   if (int failed = verify_stored(c, up, *details)) return failed;
+  forget_session(up.session);
   print_summary(c.out, {"uploaded", up.shown, up.target.text(), total, seconds_since(start), details->sha1},
                 json_object(*details));
   return 0;
 }
 
-// The file must be the session's: no held byte may lie past its end, and a
-// finished session's object must be exactly this file.
+// The file must be the session's: the one noted when the session started,
+// and with no held byte past its end.
 int refuse_other_file(Context& c, const Upload& up, const std::vector<zel::ByteRange>& held) {
+  std::optional<SessionNote> note = read_session_note(up.session);
+  if (note && note->target == up.target.text() && (note->size != up.size || note->sha1 != up.sha1))
+    return c.out.fail({FailureKind::kLocal, up.shown,
+                       "is not the file session " + up.session + " was started with (" +
+                           std::to_string(note->size) + " bytes, SHA-1 " + note->sha1 + ")",
+                       0, ""});
   for (const zel::ByteRange& r : held)
     if (r.end >= up.size)
       return c.out.fail({FailureKind::kLocal, up.shown,
@@ -252,6 +262,7 @@ int run_resume(Context& c, const PutArgs& a) {
   auto details = c.client->object_details(up.target.bucket, up.target.key).get();
   if (!details) return c.fail(up.target.text(), details.error());
   if (int failed = verify_stored(c, up, details.value())) return failed;
+  forget_session(up.session);
   print_summary(c.out, {"uploaded", up.shown, up.target.text(), 0, 0, details.value().sha1},
                 json_object(details.value()));
   return 0;

@@ -108,6 +108,8 @@ class CliTest : public zeltest::EmulatorTest {
   void SetUp() override {
     if (access(ZEL_BIN_DIR "/zel", X_OK) != 0) GTEST_SKIP() << "zel is not built (ZEL_BUILD_CLI=OFF)";
     EmulatorTest::SetUp();
+    // zel keeps notes of started uploads there; never in the real home.
+    setenv("XDG_STATE_HOME", dir_.file("state").c_str(), 1);
     HttpResult r = http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
                         R"({"bucketKey":"bkt","policyKey":"transient","allow":[]})");
     ASSERT_EQ(r.status, 200) << r.body;

@@ -92,11 +92,27 @@ TEST_F(CliTransferTest, ResumeRefusesAFileThatIsNotTheSessions) {
   server_.clear_requests();
   Ran shorter = zel({"resume", tiny, "bkt/half", "--session", "s-half"});
   EXPECT_EQ(shorter.status, 3) << describe(shorter);
-  EXPECT_NE(shorter.err.find("is not the file of this session"), std::string::npos) << shorter.err;
+  EXPECT_NE(shorter.err.find("is not the file session s-half was started with"), std::string::npos)
+      << shorter.err;
+  Ran unnoted =
+      zel({"resume", tiny, "bkt/half", "--session", "s-half"}, {"XDG_STATE_HOME=" + dir_.file("elsewhere")});
+  EXPECT_EQ(unnoted.status, 3) << describe(unnoted);
+  EXPECT_NE(unnoted.err.find("holds bytes up to 149999: it is not the file of this session"),
+            std::string::npos)
+      << unnoted.err;
   EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
 
-  // Same size, other bytes: only the final SHA-1 can tell.
-  Ran mixed = zel({"resume", other, "bkt/half", "--session", "s-half"});
+  // Same size, other bytes: the note of the session's start tells; without
+  // it (another machine) only the final SHA-1 can.
+  Ran other_file = zel({"resume", other, "bkt/half", "--session", "s-half"});
+  EXPECT_EQ(other_file.status, 3) << describe(other_file);
+  EXPECT_NE(other_file.err.find("is not the file session s-half was started with (300000 bytes, SHA-1 " +
+                                sha1_hex(data) + ")"),
+            std::string::npos)
+      << other_file.err;
+  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
+  Ran mixed =
+      zel({"resume", other, "bkt/half", "--session", "s-half"}, {"XDG_STATE_HOME=" + dir_.file("elsewhere")});
   EXPECT_EQ(mixed.status, 1) << describe(mixed);
   EXPECT_NE(mixed.err.find("but " + other + " has 300000 bytes with SHA-1"), std::string::npos) << mixed.err;
 
