@@ -28,7 +28,10 @@ constexpr int kServiceFailed = 1;  // the service refused, or its bytes failed v
 constexpr int kUsage = 2;
 constexpr int kLocalFailed = 3;        // a local file or resource
 constexpr int kTransportFailed = 4;    // the endpoint could not be reached or the exchange broke
-constexpr int kInterruptedBase = 128;  // plus the signal number: 130 for SIGINT, 143 for SIGTERM
+constexpr int kInterruptedBase = 128;  // plus the signal number, for a second signal
+// A transfer stopped by SIGINT or SIGTERM ends with one status, whichever
+// signal it was, so scripts can tell an interruption from a failure.
+constexpr int kInterrupted = 130;
 
 // A command line the tool cannot act on; ends with exit status 2.
 class UsageError : public std::runtime_error {
@@ -67,7 +70,7 @@ struct Failure {
   int status = 0;       // HTTP status for service failures, else 0
   std::string hint;     // one line of advice, or empty
 };
-int exit_status(FailureKind kind, int signal = SIGINT);
+int exit_status(FailureKind kind);
 
 // Sorts a library error into the three kinds; `endpoint` names a transport
 // failure, `target` a service one.

@@ -62,7 +62,7 @@ Failure service(const zel::Error& error, const std::string& target) {
 
 }  // namespace
 
-int exit_status(FailureKind kind, int signal) {
+int exit_status(FailureKind kind) {
   switch (kind) {
     case FailureKind::kLocal:
       return kLocalFailed;
@@ -71,7 +71,7 @@ int exit_status(FailureKind kind, int signal) {
     case FailureKind::kUsage:
       return kUsage;
     case FailureKind::kInterrupted:
-      return kInterruptedBase + signal;
+      return kInterrupted;
     default:
       return kServiceFailed;
   }
@@ -163,7 +163,7 @@ int Output::fail(const Failure& f) const {
     std::free(dumped);
     std::fflush(result_stream());
   }
-  return exit_status(f.kind, interrupted() != 0 ? interrupted() : SIGINT);
+  return exit_status(f.kind);
 }
 
 // ---------------------------------------------------------------- signals
@@ -212,11 +212,10 @@ void set_cleanup_file(const std::string& path) {
 }
 
 void exit_interrupted(const Output& out, const std::string& message) {
-  int signal = interrupted() != 0 ? interrupted() : SIGINT;
   out.fail({FailureKind::kInterrupted, "", message, 0, ""});
   std::fflush(stdout);
   std::fflush(stderr);
-  std::_Exit(kInterruptedBase + signal);
+  std::_Exit(kInterrupted);
 }
 
 }  // namespace zelcli
