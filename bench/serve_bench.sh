@@ -7,6 +7,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
+"$here/scripts/bootstrap" bench
 server=${1:-${ZEL_SERVER:-$here/build/bin/zel-server}}
 runs=${2:-5}
 size_mib=${ZEL_BENCH_MIB:-1024}

@@ -21,6 +21,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
+"$here/scripts/bootstrap" bench
 build=${1:-$here/build}
 server=$build/bin/zel-server
 client=$build/bin/zel_transfer
