@@ -123,7 +123,8 @@ constexpr size_t kCaPathMax = 260;
 // holds kCaPathMax + 1 bytes. 0, or -1 when the result would not fit.
 int http_ca_bundle_path(const char* exe_path, char* out);
 // The bundle to use, or nullptr for libcurl's default store. Resolved once
-// per process; the outcome is logged once when the bundle is absent.
+// per process; logged once when a bundle is there but cannot be used (or the
+// executable's path cannot be read), never when there is none.
 const char* http_ca_bundle();
 // Test seam: resolve again, as if the executable were `exe_path` (nullptr:
 // the real executable).

@@ -1,9 +1,13 @@
 // The CA bundle that ships beside the host application. Installations that
 // carry their own bundle keep working where the system store is missing or
-// outdated; without one, libcurl's default store is used.
+// outdated; without one, libcurl's default store is used. That is the normal
+// case on systems with a CA store of their own, so only a bundle that is
+// there but cannot be used is logged.
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -22,12 +26,53 @@ bool g_found = false;
 char g_override[PATH_MAX];
 bool g_overridden = false;
 
-// Appends `length` bytes of `piece` at *used; false when it would not fit.
-bool put(char* out, size_t* used, const char* piece, size_t length) {
-  if (*used + length > kCaPathMax) return false;
+// Room for the bundle path of any executable path readlink can give.
+constexpr size_t kFullPathMax = PATH_MAX + 32;
+
+// Appends `length` bytes of `piece` at *used; false when more than `limit`
+// bytes would be used.
+bool put(char* out, size_t limit, size_t* used, const char* piece, size_t length) {
+  if (*used + length > limit) return false;
   std::memcpy(out + *used, piece, length);
   *used += length;
   return true;
+}
+
+// The bundle path for `exe_path` in `out` (limit + 1 bytes, zeroed first);
+// false, and `out` left empty, when it would take more than `limit` bytes.
+bool build_path(const char* exe_path, char* out, size_t limit) {
+  std::memset(out, 0, limit + 1);
+  size_t used = 0;
+  bool fits = true;
+  // Dropping the empty piece before a POSIX root would make the path
+  // relative to the working directory, so the root is kept.
+  if (exe_path[0] == '/') fits = put(out, limit, &used, "/", 1);
+  const char* cursor = exe_path;
+  cursor += std::strspn(cursor, "/\\");
+  while (fits && *cursor != '\0') {
+    size_t length = std::strcspn(cursor, "/\\");
+    const char* next = cursor + length;
+    next += std::strspn(next, "/\\");
+    if (*next == '\0') break;  // the last piece is the executable itself
+    fits = put(out, limit, &used, cursor, length) && put(out, limit, &used, "/", 1);
+    cursor = next;
+  }
+  if (fits) fits = put(out, limit, &used, kBundleName, std::strlen(kBundleName));
+  if (!fits) std::memset(out, 0, limit + 1);
+  return fits;
+}
+
+// Whether anything is at `path`: a missing file (or directory on the way)
+// is the usual case of no bundle.
+bool present(const char* path) {
+  struct stat info;
+  return stat(path, &info) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+// A regular file this process may read.
+bool readable_file(const char* path) {
+  struct stat info;
+  return stat(path, &info) == 0 && S_ISREG(info.st_mode) && access(path, R_OK) == 0;
 }
 
 // Path of the running executable: the file of the process, not of this
@@ -43,43 +88,36 @@ bool executable_path(char* out, size_t size) {
   return true;
 }
 
+// Without a bundle, quietly the default store; a bundle that is there but
+// cannot be used is logged, since its owner meant it to be used.
 void resolve() {
   char exe[PATH_MAX] = {0};
   g_found = false;
+  g_resolved = true;
   if (!executable_path(exe, sizeof exe)) {
     ZLOG("Cannot read the executable's path; using the default CA store");
-  } else if (http_ca_bundle_path(exe, g_bundle) != 0) {
-    ZLOG("The executable's directory is too long for the CA bundle path; using the default CA store");
-  } else if (access(g_bundle, R_OK) != 0) {
-    ZLOG("No CA bundle at %s; using the default CA store", g_bundle);
-  } else {
-    g_found = true;
+    return;
   }
-  g_resolved = true;
+  if (!build_path(exe, g_bundle, kCaPathMax)) {
+    char full[kFullPathMax + 1];
+    if (build_path(exe, full, kFullPathMax) && present(full))
+      ZLOG("The executable's directory is too long for the CA bundle path; using the default CA store");
+    return;
+  }
+  if (readable_file(g_bundle)) {
+    g_found = true;
+  } else if (present(g_bundle)) {
+    ZLOG("The CA bundle at %s cannot be read; using the default CA store", g_bundle);
+  }
 }
 }  // namespace
 
 int http_ca_bundle_path(const char* exe_path, char* out) {
-  std::memset(out, 0, kCaPathMax + 1);
-  if (exe_path == nullptr) return -1;
-  size_t used = 0;
-  bool fits = true;
-  // Dropping the empty piece before a POSIX root would make the path
-  // relative to the working directory, so the root is kept.
-  if (exe_path[0] == '/') fits = put(out, &used, "/", 1);
-  const char* cursor = exe_path;
-  cursor += std::strspn(cursor, "/\\");
-  while (fits && *cursor != '\0') {
-    size_t length = std::strcspn(cursor, "/\\");
-    const char* next = cursor + length;
-    next += std::strspn(next, "/\\");
-    if (*next == '\0') break;  // the last piece is the executable itself
-    fits = put(out, &used, cursor, length) && put(out, &used, "/", 1);
-    cursor = next;
+  if (exe_path == nullptr) {
+    std::memset(out, 0, kCaPathMax + 1);
+    return -1;
   }
-  if (fits) fits = put(out, &used, kBundleName, std::strlen(kBundleName));
-  if (!fits) std::memset(out, 0, kCaPathMax + 1);
-  return fits ? 0 : -1;
+  return build_path(exe_path, out, kCaPathMax) ? 0 : -1;
 }
 
 const char* http_ca_bundle() {

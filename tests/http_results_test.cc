@@ -2,11 +2,12 @@
 // are reported, URL escaping, the CA bundle beside the executable and
 // libcurl's process-wide state.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,10 +17,12 @@
 #include "http.h"
 #include "http_exchange.h"
 #include "raw_http_server.h"
+#include "tls_server.h"
 
 using zeltest::CapturedLog;
 using zeltest::Exchange;
 using zeltest::RawHttpServer;
+using zeltest::TlsServer;
 
 TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
   RawHttpServer server;
@@ -211,63 +214,122 @@ TEST(HttpCaBundle, PathIsTheExecutableDirectoryPlusTheBundleName) {
   EXPECT_EQ(out[kCaPathMax], '\0') << "the buffer is left empty, never overrun";
 }
 
-TEST(HttpCaBundle, AbsentOrTooLongBundleIsLoggedOncePerProcess) {
+namespace {
+
+// A directory that takes everything under it along when it goes.
+struct TempDir {
+  std::string path;
+  TempDir() {
+    char name[] = "/tmp/zel_ca_XXXXXX";
+    if (mkdtemp(name) != nullptr) path = name;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    if (!path.empty()) std::filesystem::remove_all(path, ignored);
+  }
+  // Writes `text` to <dir>/Tumbleframe/cacert.pem; returns that path.
+  std::string put_bundle(const std::string& dir, const std::string& text) const {
+    std::filesystem::create_directories(dir + "/Tumbleframe");
+    std::string bundle = dir + "/Tumbleframe/cacert.pem";
+    std::ofstream(bundle) << text;
+    return bundle;
+  }
+};
+
+// One GET with peer verification on, configured as every request is;
+// the HTTP status, or libcurl's code when the exchange failed.
+long verified_get(const std::string& url) {
+  HttpSettings settings{};
+  settings.ssl_verify_peer = 1;
+  Exchange x;
+  http_request_configure(x.request, &settings);
+  EXPECT_EQ(http_request_get(x.request, url.c_str()), nullptr);
+  x.perform();
+  return x.response->status;
+}
+
+// What libcurl does on its own, with its default CA store.
+long default_store_get(const std::string& url) {
+  CURL* curl = curl_easy_init();
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PROXY, "");
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(
+      curl, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t count, void*) { return size * count; });
+  long code = curl_easy_perform(curl);
+  curl_easy_cleanup(curl);
+  return code;
+}
+
+}  // namespace
+
+// The server's CA exists only in this test, so the machine's own store (or
+// the lack of one) cannot make a request succeed: success proves the bundle
+// beside the executable was used, and without it the outcome must be
+// exactly libcurl's own with its default store.
+TEST(HttpCaBundle, BundleBesideTheExecutableIsUsedAndAMissingOneFallsBack) {
+  TlsServer server;
+  TlsServer stranger;
+  TempDir dir;
+  ASSERT_FALSE(dir.path.empty());
   CapturedLog log;
-  http_ca_bundle_override("/nonexistent-zel/dir/app");
+
+  std::string bundle = dir.put_bundle(dir.path + "/trusting", server.ca_pem());
+  http_ca_bundle_override((dir.path + "/trusting/app").c_str());
+  ASSERT_NE(http_ca_bundle(), nullptr);
+  EXPECT_STREQ(http_ca_bundle(), bundle.c_str());
+  EXPECT_EQ(verified_get(server.url("/")), 200) << "the bundle's CA signed the server's certificate";
+  EXPECT_EQ(server.answered(), 1);
+
+  dir.put_bundle(dir.path + "/other", stranger.ca_pem());
+  http_ca_bundle_override((dir.path + "/other/app").c_str());
+  EXPECT_EQ(verified_get(server.url("/")), CURLE_PEER_FAILED_VERIFICATION)
+      << "trust comes from the bundle's contents, not from its presence";
+
+  http_ca_bundle_override((dir.path + "/none/app").c_str());
+  EXPECT_EQ(http_ca_bundle(), nullptr);
+  long fallback = verified_get(server.url("/"));
+  EXPECT_NE(fallback, 200);
+  EXPECT_EQ(fallback, default_store_get(server.url("/")));
+  EXPECT_EQ(server.answered(), 1);
+  http_ca_bundle_override(nullptr);
+  EXPECT_TRUE(log.all().empty()) << "a bundle that is used, or absent, is not worth a log line";
+}
+
+// No bundle is the normal case and stays quiet; a bundle that is there but
+// cannot be used is logged once per resolution, and the default store used.
+TEST(HttpCaBundle, OnlyABundleThatCannotBeUsedIsLogged) {
+  TempDir dir;
+  ASSERT_FALSE(dir.path.empty());
+  CapturedLog log;
   Exchange x;
   HttpSettings settings{};
-  for (int i = 0; i < 3; i++) http_request_configure(x.request, &settings);
-  EXPECT_EQ(http_ca_bundle(), nullptr);
-  EXPECT_EQ(
-      log.count("No CA bundle at /nonexistent-zel/dir/Tumbleframe/cacert.pem; using the default CA store"),
-      1);
+  auto configure_three_times = [&](const std::string& exe) {
+    http_ca_bundle_override(exe.c_str());
+    for (int i = 0; i < 3; i++) http_request_configure(x.request, &settings);
+    return http_ca_bundle();
+  };
+  EXPECT_EQ(configure_three_times("/nonexistent-zel/dir/app"), nullptr);
+  EXPECT_EQ(configure_three_times(dir.path + "/app"), nullptr);
+  EXPECT_TRUE(log.all().empty()) << log.all().front();
 
+  std::string unusable = dir.path + "/Tumbleframe/cacert.pem";
+  std::filesystem::create_directories(unusable);  // a directory, not a file
+  EXPECT_EQ(configure_three_times(dir.path + "/app"), nullptr);
+  EXPECT_EQ(log.count("The CA bundle at " + unusable + " cannot be read; using the default CA store"), 1);
+
+  // Too long for the bundle path: only logged when a bundle is there.
+  std::string deep = dir.path + "/" + std::string(200, 'd') + "/" + std::string(100, 'e');
+  std::filesystem::create_directories(deep);
   log.clear();
-  http_ca_bundle_override(("/" + std::string(300, 'd') + "/app").c_str());
-  for (int i = 0; i < 3; i++) http_request_configure(x.request, &settings);
-  EXPECT_EQ(http_ca_bundle(), nullptr);
+  EXPECT_EQ(configure_three_times(deep + "/app"), nullptr);
+  EXPECT_TRUE(log.all().empty());
+  dir.put_bundle(deep, "a bundle that cannot be reached\n");
+  EXPECT_EQ(configure_three_times(deep + "/app"), nullptr);
   EXPECT_EQ(
       log.count("The executable's directory is too long for the CA bundle path; using the default CA store"),
       1);
   http_ca_bundle_override(nullptr);
-}
-
-// A bundle that cannot be loaded makes libcurl fail before the TLS
-// handshake with its CA-file error; without the bundle the same exchange
-// gets as far as the handshake. That difference shows CURLOPT_CAINFO is set.
-TEST(HttpCaBundle, BundleBesideTheExecutableIsUsed) {
-  char dir[] = "/tmp/zel_ca_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  std::string tumbleframe = std::string(dir) + "/Tumbleframe";
-  std::string bundle = tumbleframe + "/cacert.pem";
-  ASSERT_EQ(mkdir(tumbleframe.c_str(), 0700), 0);
-  FILE* file = std::fopen(bundle.c_str(), "w");
-  ASSERT_NE(file, nullptr);
-  std::fputs("not a certificate\n", file);
-  std::fclose(file);
-
-  RawHttpServer server;
-  server.set_mode(RawHttpServer::Mode::close_at_once);
-  std::string https = "https://127.0.0.1:" + std::to_string(server.port()) + "/";
-  HttpSettings settings{};
-  settings.ssl_verify_peer = 1;
-  auto attempt = [&]() {
-    Exchange x;
-    http_request_configure(x.request, &settings);
-    EXPECT_EQ(http_request_get(x.request, https.c_str()), nullptr);
-    x.perform();
-    return x.response->status;
-  };
-  http_ca_bundle_override((std::string(dir) + "/app").c_str());
-  ASSERT_NE(http_ca_bundle(), nullptr);
-  EXPECT_STREQ(http_ca_bundle(), bundle.c_str());
-  EXPECT_EQ(attempt(), CURLE_SSL_CACERT_BADFILE);
-  http_ca_bundle_override("/nonexistent-zel/app");
-  EXPECT_NE(attempt(), CURLE_SSL_CACERT_BADFILE);
-  http_ca_bundle_override(nullptr);
-  std::remove(bundle.c_str());
-  rmdir(tumbleframe.c_str());
-  rmdir(dir);
 }
 
 TEST(HttpGlobal, StartAndStop) {
