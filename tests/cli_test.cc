@@ -389,13 +389,19 @@ TEST_F(CliTest, ProgressBarOnlyOnATerminal) {
   EXPECT_EQ(quiet.out.find("% ["), std::string::npos) << "--quiet draws nothing: " << quiet.out;
 }
 
+// An answer the library cannot read is one of the few things it logs.
 TEST_F(CliTest, LibraryLogLinesOnlyWithVerbose) {
-  Ran quiet = zel({"stat", "bkt/none"});
-  EXPECT_EQ(quiet.err, "zel stat: bkt/none: 404 Object not found\n");
-  Ran verbose = zel({"-v", "stat", "bkt/none"});
+  ASSERT_TRUE(
+      server_.add_fault(R"({"method":"POST","path":"/grant$","status":200,"body":"not a list","times":2})"));
+  Ran quiet = zel({"grant", "bkt", "svc:read"});
+  EXPECT_EQ(quiet.status, 1);
+  EXPECT_EQ(quiet.err, "zel grant: bkt: 200 Cannot unmarshall json response\n");
+  Ran verbose = zel({"-v", "grant", "bkt", "svc:read"});
   EXPECT_EQ(verbose.status, 1);
-  EXPECT_NE(verbose.err.find(" src\\"), std::string::npos) << "the library's lines: " << verbose.err;
-  EXPECT_NE(verbose.err.find("zel stat: bkt/none: 404 Object not found\n"), std::string::npos);
+  EXPECT_NE(verbose.err.find(" src\\grant_bucket_access:"), std::string::npos)
+      << "the library's lines: " << verbose.err;
+  EXPECT_NE(verbose.err.find(": not a list\n"), std::string::npos) << verbose.err;
+  EXPECT_NE(verbose.err.find("zel grant: bkt: 200 Cannot unmarshall json response\n"), std::string::npos);
 }
 
 TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
