@@ -239,7 +239,7 @@ bool ServerProcess::restart() {
 
 std::vector<RecordedRequest> ServerProcess::requests() {
   std::vector<RecordedRequest> out;
-  JsonPtr arr = parse_json(http("GET", base_url() + "/_emulator/requests").body);
+  JsonPtr arr = parse_json(http("GET", base_url() + "/_emulator/requests", {kAuthHeader}).body);
   size_t i, k;
   json_t *e, *h;
   json_array_foreach(arr.get(), i, e) {
@@ -248,6 +248,8 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     r.target = json_string_value(json_object_get(e, "target"));
     r.body_size = static_cast<uint64_t>(json_integer_value(json_object_get(e, "body_size")));
     r.status = static_cast<int>(json_integer_value(json_object_get(e, "status")));
+    const char *principal = json_string_value(json_object_get(e, "principal"));
+    r.principal = principal ? principal : "";
     json_array_foreach(json_object_get(e, "headers"), k, h) {
       r.headers.emplace_back(json_string_value(json_array_get(h, 0)),
                              json_string_value(json_array_get(h, 1)));
@@ -258,14 +260,17 @@ std::vector<RecordedRequest> ServerProcess::requests() {
 }
 
 bool ServerProcess::clear_requests() {
-  return http("DELETE", base_url() + "/_emulator/requests").status == 200;
+  return http("DELETE", base_url() + "/_emulator/requests", {kAuthHeader}).status == 200;
 }
 
 bool ServerProcess::add_fault(const std::string &rule_json) {
-  return http("POST", base_url() + "/_emulator/faults", {"Content-Type: application/json"}, rule_json)
+  return http("POST", base_url() + "/_emulator/faults", {kAuthHeader, "Content-Type: application/json"},
+              rule_json)
              .status == 200;
 }
 
-bool ServerProcess::clear_faults() { return http("DELETE", base_url() + "/_emulator/faults").status == 200; }
+bool ServerProcess::clear_faults() {
+  return http("DELETE", base_url() + "/_emulator/faults", {kAuthHeader}).status == 200;
+}
 
 }  // namespace zeltest

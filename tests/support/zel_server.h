@@ -53,6 +53,7 @@ struct RecordedRequest {
   HeaderList headers;
   uint64_t body_size = 0;
   int status = 0;
+  std::string principal;  // the auth id of the request's token; empty when none
   std::string header(const std::string &name) const;
 };
 
