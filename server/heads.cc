@@ -5,7 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <strings.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 namespace zelsrv {
 namespace {
@@ -19,7 +24,34 @@ void close_fd(int fd) {
 
 }  // namespace
 
-bool head_complete(const std::string &bytes) { return bytes.find("\r\n\r\n") != std::string::npos; }
+// The value of header `name` in `head`, case-insensitive; empty when absent.
+std::string head_value(const std::string &head, const char *name) {
+  size_t n = std::strlen(name);
+  for (size_t p = head.find("\r\n"); p != std::string::npos && p + 2 < head.size(); p = head.find("\r\n", p + 2)) {
+    if (head.size() - (p + 2) <= n || strncasecmp(head.c_str() + p + 2, name, n) != 0 || head[p + 2 + n] != ':')
+      continue;
+    size_t b = head.find_first_not_of(" \t", p + 3 + n), e = head.find("\r\n", p + 2);
+    return b < e ? head.substr(b, e - b) : std::string();
+  }
+  return std::string();
+}
+
+bool head_complete(const std::string &bytes) {
+  size_t end = bytes.find("\r\n\r\n");
+  if (end == std::string::npos) return false;
+  std::string head = bytes.substr(0, end + 2);
+  if (strcasecmp(head_value(head, "Expect").c_str(), "100-continue") == 0) return true;
+  uint64_t want = 0;
+  std::string length = head_value(head, "Content-Length");
+  if (!length.empty()) {
+    char *stop = nullptr;
+    want = std::strtoull(length.c_str(), &stop, 10);
+    if (*stop != '\0') want = 0;  // cpp-httplib refuses it; no reason to wait
+  } else if (!head_value(head, "Transfer-Encoding").empty()) {
+    want = 1;
+  }
+  return bytes.size() - (end + 4) >= std::min<uint64_t>(want, HeadWaiter::kEarlyBody);
+}
 
 HeadWaiter::HeadWaiter(Ready ready, int head_timeout_ms, int idle_timeout_ms)
     : ready_(std::move(ready)), head_ms_(head_timeout_ms), idle_ms_(idle_timeout_ms) {}
@@ -126,7 +158,8 @@ void HeadWaiter::on_readable(int fd) {
     waiting_.erase(it);
     return ready_(fd, std::move(bytes));
   }
-  if (w.bytes.size() > kMaxHead) drop(fd);
+  bool head_ended = w.bytes.find("\r\n\r\n") != std::string::npos;
+  if (w.bytes.size() > (head_ended ? kMaxHead + kEarlyBody : kMaxHead)) drop(fd);
 }
 
 void HeadWaiter::expire() {

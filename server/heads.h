@@ -1,6 +1,7 @@
 // Connections waiting for a complete request head. One thread watches them
-// all, so a client that sends its head slowly, or keeps an idle connection
-// open, holds a file descriptor but never a request thread.
+// all, so a client that sends its head slowly, keeps an idle connection open
+// or announces a body it does not send, holds a file descriptor but never a
+// request thread.
 #pragma once
 
 #include <chrono>
@@ -14,7 +15,10 @@
 
 namespace zelsrv {
 
-// True when `bytes` hold a whole request head (up to its empty line).
+// True when `bytes` hold a whole request head (up to its empty line) and
+// the start of its body: up to kEarlyBody bytes of it, fewer when the body
+// is shorter, none when the client waits for "100 Continue" first. A request
+// thread is given only to requests that got this far.
 bool head_complete(const std::string &bytes);
 
 class HeadWaiter {
@@ -23,6 +27,7 @@ class HeadWaiter {
   // from it so far; it then owns the descriptor.
   using Ready = std::function<void(int fd, std::string bytes)>;
   static constexpr size_t kMaxHead = 64 * 1024;
+  static constexpr size_t kEarlyBody = 64 * 1024;
 
   HeadWaiter(Ready ready, int head_timeout_ms, int idle_timeout_ms);
   ~HeadWaiter();

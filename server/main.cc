@@ -87,8 +87,11 @@ void stop_on_signal(App &app, WireServer &server, const std::atomic<bool> &done)
   }
   app.stop.raise();
   server.halt();
+  // Requests in progress get a moment to finish, then their connections are
+  // cut, then the process goes whatever still runs.
   for (int i = 0; i < 80; ++i) {
     if (done) return;
+    if (i == 30) server.cut();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   std::fprintf(stderr, "zel-server: requests still running at the stop signal; exiting without them\n");

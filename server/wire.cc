@@ -103,10 +103,7 @@ class WireStream final : public httplib::Stream {
   void get_local_ip_and_port(std::string &ip, int &port) const override { address(false, ip, port); }
   socket_t socket() const override { return fd_; }
 
-  bool head_buffered() const {
-    static const char kEnd[] = "\r\n\r\n";
-    return std::search(buf_.data() + pos_, buf_.data() + end_, kEnd, kEnd + 4) != buf_.data() + end_;
-  }
+  bool head_buffered() const { return head_complete(std::string(buf_.data() + pos_, end_ - pos_)); }
   std::string take_buffered() {
     std::string out(buf_.data() + pos_, end_ - pos_);
     pos_ = end_ = 0;
@@ -162,8 +159,8 @@ bool WireStream::wait_readable() {
     Clock::time_point t0 = Clock::now();
     bool ready = poll_fd(fd_, POLLIN, kSliceMs);
     waited_ms_ += ms_since(t0);
-    if (ready) return true;
     if (waited_ms_ >= limits_.body_window_ms && window_bytes_ < limits_.body_floor_bytes) return false;
+    if (ready) return true;
   }
 }
 
@@ -337,7 +334,7 @@ void listen_socket_options(socket_t sock) {
 // Serves the requests whose heads are buffered; false when the connection
 // must close.
 template <class Process>
-bool serve_buffered(WireStream &strm, const std::atomic<bool> &halted, Process process) {
+bool serve_buffered(WireStream &strm, const std::atomic<bool> &closing, Process process) {
   do {
     WireRequest request;
     strm.begin_request(&request);
@@ -347,7 +344,7 @@ bool serve_buffered(WireStream &strm, const std::atomic<bool> &halted, Process p
     bool ok = process(strm, closed);
     t_request = nullptr;
     wire_clear_file_window();
-    if (!ok || closed || t_close || halted) return false;
+    if (!ok || closed || t_close || closing) return false;
   } while (strm.head_buffered());
   return true;
 }
@@ -364,7 +361,10 @@ WireServer::WireServer(const WireLimits &limits)
   new_task_queue = [] { return new InlineQueue; };
 }
 
-WireServer::~WireServer() { halt(); }
+WireServer::~WireServer() {
+  halt();
+  cut();
+}
 
 void WireServer::deepen_backlog() {
   if (svr_sock_ != INVALID_SOCKET) ::listen(svr_sock_, SOMAXCONN);
@@ -380,12 +380,15 @@ bool WireServer::run() {
 }
 
 void WireServer::halt() {
-  {
-    std::lock_guard<std::mutex> lock(active_mu_);
-    halted_ = true;
-    for (int fd : active_) ::shutdown(fd, SHUT_RDWR);
-  }
+  closing_ = true;
   stop();
+}
+
+void WireServer::cut() {
+  std::lock_guard<std::mutex> lock(active_mu_);
+  closing_ = true;
+  halted_ = true;
+  for (int fd : active_) ::shutdown(fd, SHUT_RDWR);
 }
 
 bool WireServer::process_and_close_socket(socket_t sock) {
@@ -405,11 +408,11 @@ void WireServer::release(int fd) {
 void WireServer::serve_connection(int fd, std::string bytes) {
   {
     std::lock_guard<std::mutex> lock(active_mu_);
-    if (!halted_) active_.insert(fd);
+    if (!closing_) active_.insert(fd);
   }
-  if (halted_) return release(fd);
+  if (closing_) return release(fd);
   WireStream strm(fd, std::move(bytes), limits_, halted_);
-  bool keep = serve_buffered(strm, halted_, [this](WireStream &s, bool &closed) {
+  bool keep = serve_buffered(strm, closing_, [this](WireStream &s, bool &closed) {
     return process_request(s, false, closed, std::function<void(httplib::Request &)>());
   });
   if (!keep) return release(fd);

@@ -74,9 +74,11 @@ class WireServer : public httplib::Server {
   void deepen_backlog();
   // Serves until halt(); returns once every request thread has finished.
   bool run();
-  // Stops listening and ends every connection's reads and writes at once.
-  // Any thread may call it.
+  // Stops listening; requests in progress finish and their connections
+  // close. Any thread may call it.
   void halt();
+  // Ends every connection's reads and writes at once. Any thread.
+  void cut();
 
  private:
   bool process_and_close_socket(socket_t sock) override;
@@ -84,7 +86,8 @@ class WireServer : public httplib::Server {
   void release(int fd);
 
   WireLimits limits_;
-  std::atomic<bool> halted_{false};
+  std::atomic<bool> closing_{false};  // no further request on any connection
+  std::atomic<bool> halted_{false};   // no further byte either
   std::unique_ptr<httplib::ThreadPool> pool_;
   HeadWaiter heads_;
   std::mutex active_mu_;

@@ -200,6 +200,8 @@ bool ServerProcess::launch() {
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive a crashed test
     dup2(out[1], 1);
+    int log = log_path_.empty() ? -1 : open(log_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (log >= 0) dup2(log, 2);
     execv(argv[0], argv.data());
     _exit(127);
   }

@@ -75,6 +75,10 @@ class ServerProcess {
   // The exit status of the last stopped process, as waitpid gives it.
   int last_wait_status() const { return wait_status_; }
 
+  // The server's standard error goes to this file (appended) from the next
+  // start on; empty: the test's own.
+  void log_to(const std::string &path) { log_path_ = path; }
+
   int port() const { return port_; }
   std::string base_url() const;  // "http://127.0.0.1:PORT"
   std::string api(int version = 2) const { return base_url() + "/zel/v" + std::to_string(version); }
@@ -92,6 +96,7 @@ class ServerProcess {
 
   std::vector<std::string> extra_args_;
   std::string data_dir_;
+  std::string log_path_;
   std::string error_;
   pid_t pid_ = -1;
   int port_ = 0;
