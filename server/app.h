@@ -26,7 +26,7 @@ struct Options {
   size_t threads = 64;  // requests served at once
   std::vector<std::pair<std::string, std::string>> tokens;
   bool log_requests = false;
-  int client_timeout_sec = 10;           // request head deadline; body floor-rate window
+  int client_timeout_sec = 10;          // request head deadline; body floor-rate window
   int64_t session_ttl_sec = 7 * 86400;  // idle upload sessions are dropped after this
   std::string print_and_exit;           // --help or --version: this text, exit 0
 };

@@ -74,7 +74,8 @@ bool read_rule(json_t *o, FaultRule &r, std::string &why) {
   r.method = json_is_string(method) ? json_string_value(method) : "";
   RE2::Options opts;
   opts.set_log_errors(false);
-  std::string pattern = json_is_string(path) ? std::string(json_string_value(path), json_string_length(path)) : "";
+  std::string pattern =
+      json_is_string(path) ? std::string(json_string_value(path), json_string_length(path)) : "";
   r.path = std::make_unique<RE2>(pattern, opts);
   if (!r.path->ok()) {
     why = "\"path\" is not a valid regular expression: " + r.path->error();

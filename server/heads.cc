@@ -1,11 +1,10 @@
 #include "heads.h"
 
+#include <strings.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <strings.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -27,8 +26,10 @@ void close_fd(int fd) {
 // The value of header `name` in `head`, case-insensitive; empty when absent.
 std::string head_value(const std::string &head, const char *name) {
   size_t n = std::strlen(name);
-  for (size_t p = head.find("\r\n"); p != std::string::npos && p + 2 < head.size(); p = head.find("\r\n", p + 2)) {
-    if (head.size() - (p + 2) <= n || strncasecmp(head.c_str() + p + 2, name, n) != 0 || head[p + 2 + n] != ':')
+  for (size_t p = head.find("\r\n"); p != std::string::npos && p + 2 < head.size();
+       p = head.find("\r\n", p + 2)) {
+    if (head.size() - (p + 2) <= n || strncasecmp(head.c_str() + p + 2, name, n) != 0 ||
+        head[p + 2 + n] != ':')
       continue;
     size_t b = head.find_first_not_of(" \t", p + 3 + n), e = head.find("\r\n", p + 2);
     return b < e ? head.substr(b, e - b) : std::string();

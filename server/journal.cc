@@ -22,7 +22,8 @@ json_t *text(const std::string &s) {
 // Keeps the scheme, so tests still see which kind of credential was sent.
 void redact(HeaderLines &headers) {
   for (auto &h : headers) {
-    if (strcasecmp(h.first.c_str(), "Authorization") != 0 && strcasecmp(h.first.c_str(), "Proxy-Authorization") != 0)
+    if (strcasecmp(h.first.c_str(), "Authorization") != 0 &&
+        strcasecmp(h.first.c_str(), "Proxy-Authorization") != 0)
       continue;
     size_t space = h.second.find(' ');
     h.second = space == std::string::npos ? "<redacted>" : h.second.substr(0, space) + " <redacted>";
@@ -51,10 +52,10 @@ std::string Journal::json() {
       json_t *headers = json_array();
       for (const auto &h : e.headers)
         json_array_append_new(headers, json_pack("[oo]", text(h.first), text(h.second)));
-      json_array_append_new(arr, json_pack("{s:o, s:o, s:o, s:I, s:i, s:o}", "method", text(e.method), "target",
-                                           text(e.target), "headers", headers, "body_size",
-                                           static_cast<json_int_t>(e.body_size), "status", e.status,
-                                           "principal", text(e.principal)));
+      json_array_append_new(
+          arr, json_pack("{s:o, s:o, s:o, s:I, s:i, s:o}", "method", text(e.method), "target", text(e.target),
+                         "headers", headers, "body_size", static_cast<json_int_t>(e.body_size), "status",
+                         e.status, "principal", text(e.principal)));
     }
   }
   char *text = json_dumps(arr, JSON_COMPACT);

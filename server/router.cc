@@ -11,7 +11,6 @@
 #include "util.h"
 
 namespace zelsrv {
-namespace {
 
 std::vector<std::string> split_path(const std::string &path) {
   std::vector<std::string> out;
@@ -24,6 +23,8 @@ std::vector<std::string> split_path(const std::string &path) {
   }
   return out;
 }
+
+namespace {
 
 bool match_route(const Route &r, const std::vector<std::string> &segs, std::vector<std::string> &args) {
   std::vector<std::string> pat = split_path(std::string("/") + r.pattern);
@@ -38,7 +39,8 @@ bool match_route(const Route &r, const std::vector<std::string> &segs, std::vect
   return true;
 }
 
-// Decodes the segments after the version; a reason when the path is refused.
+}  // namespace
+
 std::string decode_segments(const std::vector<std::string> &raw, std::vector<std::string> &out) {
   for (const auto &s : raw) {
     // Dot segments mean nothing here and are refused rather than resolved.
@@ -50,6 +52,8 @@ std::string decode_segments(const std::vector<std::string> &raw, std::vector<std
   }
   return std::string();
 }
+
+namespace {
 
 const std::vector<Route> &all_routes() {
   static const std::vector<Route> routes = [] {
@@ -221,8 +225,9 @@ void log_request(const httplib::Request &req, const httplib::Response &res) {
   gmtime_r(&secs, &utc);
   char stamp[32];
   strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-  long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - w.began)
-                     .count();
+  long long ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - w.began)
+          .count();
   std::fprintf(stderr, "%s.%03dZ %s %s %s %d in=%" PRIu64 " out=%" PRIu64 " %lldms\n", stamp,
                static_cast<int>(now % 1000), w.principal.empty() ? "-" : printable(w.principal).c_str(),
                printable(req.method).c_str(), printable(req.target).c_str(), res.status, w.body_bytes,
@@ -298,7 +303,8 @@ void install_routes(WireServer &server, App &app) {
     app.journal.add(JournalEntry{req.method, req.target, w.headers, w.body_bytes, res.status, w.principal});
   });
   if (app.opts.log_requests)
-    server.set_logger([](const httplib::Request &req, const httplib::Response &res) { log_request(req, res); });
+    server.set_logger(
+        [](const httplib::Request &req, const httplib::Response &res) { log_request(req, res); });
 }
 
 }  // namespace zelsrv

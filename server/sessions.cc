@@ -127,8 +127,8 @@ bool Sessions::assemble(const Session &s, ObjectMeta &out) {
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   struct stat st;
   // Never publish an object whose file does not hold every byte it claims.
-  bool ok = fd >= 0 && fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) == s.total && fsync(fd) == 0 &&
-            sha1_file(fd, out.sha1);
+  bool ok = fd >= 0 && fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) == s.total &&
+            fsync(fd) == 0 && sha1_file(fd, out.sha1);
   if (fd >= 0) close(fd);
   out.blob = random_hex_id();
   // Linking first keeps the session's bytes in place until the object's row
@@ -170,9 +170,12 @@ void Sessions::clip_to_file(Session &s) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(true);
   Stmt del(store_, "DELETE FROM session_ranges WHERE session = ? AND last >= ?");
-  if (!del.bind(1, s.row).bind(2, static_cast<int64_t>(size)).done() || sqlite3_changes(store_.db()) == 0) return;
-  std::fprintf(stderr, "zel-server: upload session %s of %s/%s: ranges past byte %llu were lost; they must be sent again\n",
-               s.id.c_str(), s.bucket.c_str(), s.key.c_str(), static_cast<unsigned long long>(size));
+  if (!del.bind(1, s.row).bind(2, static_cast<int64_t>(size)).done() || sqlite3_changes(store_.db()) == 0)
+    return;
+  std::fprintf(
+      stderr,
+      "zel-server: upload session %s of %s/%s: ranges past byte %llu were lost; they must be sent again\n",
+      s.id.c_str(), s.bucket.c_str(), s.key.c_str(), static_cast<unsigned long long>(size));
   s.ranges = load_ranges(s.row);
 }
 

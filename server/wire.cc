@@ -353,10 +353,12 @@ bool serve_buffered(WireStream &strm, const std::atomic<bool> &closing, Process 
 
 WireServer::WireServer(const WireLimits &limits)
     : limits_(limits),
-      heads_([this](int fd, std::string bytes) { pool_->enqueue([this, fd, b = std::move(bytes)]() mutable {
-               serve_connection(fd, std::move(b));
-             }); },
-             limits.head_timeout_ms, limits.idle_timeout_ms) {
+      heads_(
+          [this](int fd, std::string bytes) {
+            pool_->enqueue(
+                [this, fd, b = std::move(bytes)]() mutable { serve_connection(fd, std::move(b)); });
+          },
+          limits.head_timeout_ms, limits.idle_timeout_ms) {
   set_socket_options(listen_socket_options);
   new_task_queue = [] { return new InlineQueue; };
 }

@@ -53,12 +53,12 @@ void wire_clear_file_window();
 void wire_close_after_response();
 
 struct WireLimits {
-  size_t threads = 64;            // requests served at once
-  int head_timeout_ms = 10000;    // from a request's first byte to its empty line
-  int idle_timeout_ms = 30000;    // a kept-alive connection between requests
-  int body_window_ms = 10000;     // a body must move body_floor_bytes per window
+  size_t threads = 64;          // requests served at once
+  int head_timeout_ms = 10000;  // from a request's first byte to its empty line
+  int idle_timeout_ms = 30000;  // a kept-alive connection between requests
+  int body_window_ms = 10000;   // a body must move body_floor_bytes per window
   uint64_t body_floor_bytes = 10 * 1024;
-  int write_timeout_ms = 60000;   // a client that reads nothing for this long is cut
+  int write_timeout_ms = 60000;  // a client that reads nothing for this long is cut
 };
 
 // Heads are gathered off the request threads (HeadWaiter); a request thread

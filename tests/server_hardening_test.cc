@@ -23,7 +23,8 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
 }
 
 std::vector<std::string> files_in(const std::string &dir) {
@@ -94,8 +95,9 @@ TEST_F(HardeningTest, TestApiNeedsAKnownTokenAndKeepsNoSecrets) {
     EXPECT_EQ(http("GET", server_.base_url() + "/_emulator/requests", {auth}).status, 401) << auth;
     EXPECT_EQ(http("DELETE", server_.base_url() + "/_emulator/requests", {auth}).status, 401) << auth;
     EXPECT_EQ(http("DELETE", server_.base_url() + "/_emulator/faults", {auth}).status, 401) << auth;
-    EXPECT_EQ(http("POST", server_.base_url() + "/_emulator/faults", {auth}, R"({"path":"","status":500})").status,
-              401)
+    EXPECT_EQ(
+        http("POST", server_.base_url() + "/_emulator/faults", {auth}, R"({"path":"","status":500})").status,
+        401)
         << auth;
   }
   EXPECT_EQ(http("GET", server_.api() + "/buckets", {kAuthHeader}).status, 200) << "no rule was added";
@@ -103,8 +105,10 @@ TEST_F(HardeningTest, TestApiNeedsAKnownTokenAndKeepsNoSecrets) {
   ASSERT_TRUE(server_.clear_requests());
   http("GET", server_.api() + "/buckets/hard/details", {kAuthHeader});
   http("GET", server_.api() + "/buckets/hard/details", {"Authorization: Bearer s3cret-bob"});
-  http("GET", server_.api() + "/buckets/hard/details", {"Authorization: Bearer wrong-guess", "Proxy-Authorization: Basic eDp5"});
-  std::string raw = http("GET", server_.base_url() + "/_emulator/requests", {"Authorization: Bearer s3cret-bob"}).body;
+  http("GET", server_.api() + "/buckets/hard/details",
+       {"Authorization: Bearer wrong-guess", "Proxy-Authorization: Basic eDp5"});
+  std::string raw =
+      http("GET", server_.base_url() + "/_emulator/requests", {"Authorization: Bearer s3cret-bob"}).body;
   for (const char *secret : {"local-dev-token", "s3cret-bob", "wrong-guess", "eDp5"})
     EXPECT_EQ(raw.find(secret), std::string::npos) << secret << " is in the journal: " << raw;
 
@@ -175,7 +179,8 @@ TEST_F(HardeningTest, PowerCutObjectIsWithdrawnNotServedShort) {
   EXPECT_EQ(r.status, 404) << r.body;
   EXPECT_EQ(http("GET", url("cut") + "/details", {kAuthHeader}).status, 404);
   EXPECT_EQ(http("GET", url("whole"), {kAuthHeader}).body, "intact");
-  EXPECT_EQ(read_text(server_.data_dir() + "/damaged/" + blob), data.substr(0, 4)) << "the bytes are kept aside";
+  EXPECT_EQ(read_text(server_.data_dir() + "/damaged/" + blob), data.substr(0, 4))
+      << "the bytes are kept aside";
   EXPECT_NE(read_text(log_path_).find("zel-server: object hard/cut has 4 of its 8 bytes on disk; withdrawn"),
             std::string::npos)
       << read_text(log_path_);
@@ -225,11 +230,13 @@ TEST_F(HardeningTest, StopEndsTheServerWithinASecondWhateverClientsDo) {
   ASSERT_EQ(http("PUT", url("large"), {kAuthHeader}, pattern_bytes(32 << 20, 9)).status, 200);
   // A download nobody reads, a body that never comes and a long delay.
   int reader = raw_connect(server_.port());
-  ASSERT_TRUE(raw_send(reader, "GET /zel/v2/buckets/hard/objects/large HTTP/1.1\r\nHost: x\r\n"
-                               "Authorization: Bearer local-dev-token\r\n\r\n"));
+  ASSERT_TRUE(raw_send(reader,
+                       "GET /zel/v2/buckets/hard/objects/large HTTP/1.1\r\nHost: x\r\n"
+                       "Authorization: Bearer local-dev-token\r\n\r\n"));
   int writer = raw_connect(server_.port());
-  ASSERT_TRUE(raw_send(writer, "PUT /zel/v2/buckets/hard/objects/never HTTP/1.1\r\nHost: x\r\n"
-                               "Authorization: Bearer local-dev-token\r\nContent-Length: 100000\r\n\r\nab"));
+  ASSERT_TRUE(raw_send(writer,
+                       "PUT /zel/v2/buckets/hard/objects/never HTTP/1.1\r\nHost: x\r\n"
+                       "Authorization: Bearer local-dev-token\r\nContent-Length: 100000\r\n\r\nab"));
   ASSERT_TRUE(server_.add_fault(R"({"path":"^/zel/v2/buckets$","delay_ms":60000})"));
   std::thread delayed([&] { http("GET", server_.api() + "/buckets", {kAuthHeader}); });
   usleep(500 * 1000);

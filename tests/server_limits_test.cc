@@ -21,7 +21,8 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
 }
 
 // Fewer request threads than slow clients, and the default deadlines: a
@@ -43,8 +44,9 @@ TEST_F(SlowClientTest, SixtyFourSlowClientsLeaveRoomForOthers) {
     if (i % 2 == 0)
       EXPECT_TRUE(raw_send(slow[i], "G"));
     else
-      EXPECT_TRUE(raw_send(slow[i], "PUT /zel/v2/buckets/x/objects/y HTTP/1.1\r\nHost: h\r\n"
-                                    "Authorization: Bearer local-dev-token\r\nContent-Length: 9\r\n\r\n"));
+      EXPECT_TRUE(raw_send(slow[i],
+                           "PUT /zel/v2/buckets/x/objects/y HTTP/1.1\r\nHost: h\r\n"
+                           "Authorization: Bearer local-dev-token\r\nContent-Length: 9\r\n\r\n"));
   }
   usleep(200 * 1000);
   auto t0 = Clock::now();
@@ -68,13 +70,15 @@ TEST_F(DeadlineTest, SlowHeadsAndBodiesAreCut) {
 
   // A body that starts fast, then slows to 20 bytes every 100 ms (200 B/s,
   // under the floor of 1 KiB/s).
-  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader}, R"({"bucketKey":"lim","policyKey":"transient"})")
+  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
+                 R"({"bucketKey":"lim","policyKey":"transient"})")
                 .status,
             200);
   int body = raw_connect(server_.port());
-  ASSERT_TRUE(raw_send(body, "PUT /zel/v2/buckets/lim/objects/slow HTTP/1.1\r\nHost: h\r\n"
-                             "Authorization: Bearer local-dev-token\r\nContent-Length: 100000\r\n\r\n" +
-                                 std::string(70000, 'f')));
+  ASSERT_TRUE(raw_send(body,
+                       "PUT /zel/v2/buckets/lim/objects/slow HTTP/1.1\r\nHost: h\r\n"
+                       "Authorization: Bearer local-dev-token\r\nContent-Length: 100000\r\n\r\n" +
+                           std::string(70000, 'f')));
   t0 = Clock::now();
   bool cut = false;
   while (!cut && elapsed_ms(t0) < 5000) {
@@ -88,7 +92,8 @@ TEST_F(DeadlineTest, SlowHeadsAndBodiesAreCut) {
 
   // A kept-alive connection serves several requests, fast ones untouched.
   int keep = raw_connect(server_.port());
-  std::string req = "GET /zel/v2/buckets HTTP/1.1\r\nHost: h\r\nAuthorization: Bearer local-dev-token\r\n\r\n";
+  std::string req =
+      "GET /zel/v2/buckets HTTP/1.1\r\nHost: h\r\nAuthorization: Bearer local-dev-token\r\n\r\n";
   ASSERT_TRUE(raw_send(keep, req + req));
   std::string got;
   raw_closed_within(keep, 500, &got);
@@ -102,12 +107,14 @@ class SessionExpiryTest : public EmulatorTest {
 };
 
 TEST_F(SessionExpiryTest, IdleSessionsAndTheirFilesGo) {
-  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader}, R"({"bucketKey":"exp","policyKey":"transient"})")
+  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
+                 R"({"bucketKey":"exp","policyKey":"transient"})")
                 .status,
             200);
   std::string url = server_.api() + "/buckets/exp/objects/o";
   auto chunk = [&](const std::string &sid, const char *range) {
-    return http("PUT", url + "/resumable", {kAuthHeader, "Session-Id: " + sid, std::string("Content-Range: ") + range},
+    return http("PUT", url + "/resumable",
+                {kAuthHeader, "Session-Id: " + sid, std::string("Content-Range: ") + range},
                 std::string(10, 'e'));
   };
   ASSERT_EQ(chunk("idle", "bytes 0-9/100").status, 202);
@@ -117,7 +124,8 @@ TEST_F(SessionExpiryTest, IdleSessionsAndTheirFilesGo) {
   for (int i = 0; i < 8; ++i) {
     usleep(300 * 1000);
     EXPECT_EQ(http("GET", url + "/status/busy", {kAuthHeader}).status, 202) << i;
-    chunk("busy", ("bytes " + std::to_string(10 + i * 10) + "-" + std::to_string(19 + i * 10) + "/100").c_str());
+    chunk("busy",
+          ("bytes " + std::to_string(10 + i * 10) + "-" + std::to_string(19 + i * 10) + "/100").c_str());
   }
   EXPECT_EQ(http("GET", url + "/status/idle", {kAuthHeader}).status, 404);
   HttpResult busy = http("GET", url + "/status/busy", {kAuthHeader});
@@ -134,7 +142,8 @@ TEST_F(SessionExpiryTest, IdleSessionsAndTheirFilesGo) {
 TEST(ServerOptionsTest, VersionHelpAndRequestLog) {
   ProgramRun version = run_program({ZEL_SERVER_BIN, "--version"}, 5000);
   EXPECT_TRUE(version.exited(0));
-  EXPECT_TRUE(std::regex_match(version.out, std::regex("zel-server [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << version.out;
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("zel-server [0-9]+\\.[0-9]+\\.[0-9]+\n")))
+      << version.out;
   ProgramRun help = run_program({ZEL_SERVER_BIN, "--help"}, 5000);
   EXPECT_TRUE(help.exited(0));
   EXPECT_EQ(help.out.find("usage: zel-server"), 0u);
@@ -157,7 +166,9 @@ TEST(ServerOptionsTest, VersionHelpAndRequestLog) {
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   unlink(log.c_str());
   ASSERT_EQ(lines.size(), 2u);
-  std::regex shape("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z (\\S+) (\\S+) (\\S+) (\\d+) in=(\\d+) out=(\\d+) \\d+ms");
+  std::regex shape(
+      "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z (\\S+) (\\S+) (\\S+) (\\d+) in=(\\d+) out=(\\d+) "
+      "\\d+ms");
   std::smatch m;
   ASSERT_TRUE(std::regex_match(lines[0], m, shape)) << lines[0];
   EXPECT_EQ(m[1], "local");

@@ -38,7 +38,8 @@ inline bool raw_send(int fd, const std::string &bytes) {
 inline bool raw_closed_within(int fd, int ms, std::string *got = nullptr) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     pollfd p{fd, POLLIN, 0};
     if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
     char buf[4096];
@@ -52,7 +53,9 @@ struct ProgramRun {
   int wait_status = -1;
   bool timed_out = false;
   std::string out, err;
-  bool exited(int code) const { return !timed_out && WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == code; }
+  bool exited(int code) const {
+    return !timed_out && WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == code;
+  }
 };
 
 // Runs `argv` (argv[0] is the program) to its end, killing it after `ms`.
@@ -79,7 +82,8 @@ inline ProgramRun run_program(const std::vector<std::string> &argv, int ms) {
   std::string *sinks[2] = {&run.out, &run.err};
   int open_fds = 2;
   while (open_fds > 0 && !run.timed_out) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0 || poll(fds, 2, static_cast<int>(left.count())) <= 0) {
       run.timed_out = true;
       break;
