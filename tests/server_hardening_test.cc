@@ -22,11 +22,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
-
 std::vector<std::string> files_in(const std::string &dir) {
   std::vector<std::string> out;
   if (DIR *d = opendir(dir.c_str())) {

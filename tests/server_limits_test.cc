@@ -20,11 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
-
 // Fewer request threads than slow clients, and the default deadlines: a
 // server that gave each connection a thread would be held by them all.
 class SlowClientTest : public EmulatorTest {

@@ -155,6 +155,12 @@ std::string sha1_hex(const std::string &data) {
   return out;
 }
 
+long elapsed_ms(std::chrono::steady_clock::time_point since) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
+          .count());
+}
+
 std::string pattern_bytes(size_t size, uint32_t seed) {
   std::string out(size, '\0');
   uint32_t x = seed * 2654435761u + 1;

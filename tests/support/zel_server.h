@@ -8,6 +8,7 @@
 #include <jansson.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -43,6 +44,8 @@ JsonPtr parse_json(const std::string &text);
 std::vector<std::string> json_keys(const json_t *object);
 
 std::string sha1_hex(const std::string &data);
+// Milliseconds from `since` to now.
+long elapsed_ms(std::chrono::steady_clock::time_point since);
 // Deterministic bytes for uploads.
 std::string pattern_bytes(size_t size, uint32_t seed);
 
