@@ -89,7 +89,7 @@ void stop_on_signal(App &app, WireServer &server, const std::atomic<bool> &done)
   server.halt();
   // Requests in progress get a moment to finish, then their connections are
   // cut, then the process goes whatever still runs.
-  for (int i = 0; i < 80; ++i) {
+  for (int i = 0; i < 70; ++i) {
     if (done) return;
     if (i == 30) server.cut();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));

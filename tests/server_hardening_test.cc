@@ -182,12 +182,25 @@ TEST_F(HardeningTest, PowerCutObjectIsWithdrawnNotServedShort) {
 }
 
 TEST_F(HardeningTest, FileShortenedUnderARunningServerIsAnErrorNotASpin) {
-  const std::string data = pattern_bytes(1 << 20, 5);
-  ASSERT_EQ(http("PUT", url("big"), {kAuthHeader}, data).status, 200);
+  ASSERT_EQ(http("PUT", url("big"), {kAuthHeader}, pattern_bytes(32 << 20, 5)).status, 200);
   std::string objects = server_.data_dir() + "/objects/";
   std::vector<std::string> files = files_in(objects);
   ASSERT_EQ(files.size(), 1u);
-  ASSERT_EQ(truncate((objects + files[0]).c_str(), 1000), 0);
+  std::string file = objects + files[0];
+
+  // Shortened while it is being sent: the answer stops where the file does.
+  int fd = raw_connect(server_.port());
+  ASSERT_TRUE(raw_send(fd, "GET /zel/v2/buckets/hard/objects/big HTTP/1.1\r\nHost: h\r\n"
+                           "Authorization: Bearer local-dev-token\r\n\r\n"));
+  std::string got;
+  raw_closed_within(fd, 200, &got);
+  ASSERT_FALSE(got.empty());
+  ASSERT_EQ(truncate(file.c_str(), 1 << 20), 0);
+  EXPECT_TRUE(raw_closed_within(fd, 3000, &got)) << "the connection hangs on with " << got.size() << " bytes";
+  EXPECT_LT(got.size(), 32u << 20);
+  close(fd);
+
+  // Found short before anything is sent: an error answer.
   auto t0 = Clock::now();
   EXPECT_EQ(http("GET", url("big"), {kAuthHeader}).status, 500);
   EXPECT_EQ(http("GET", url("big"), {kAuthHeader, "Range: bytes=0-99"}).status, 500);
