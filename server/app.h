@@ -13,6 +13,7 @@
 #include "objects.h"
 #include "sessions.h"
 #include "store.h"
+#include "util.h"
 
 namespace zelsrv {
 
@@ -22,8 +23,12 @@ struct Options {
   std::string data;  // empty: a fresh temporary directory, removed at exit
   bool test_api = false;
   std::string faults_file;
-  size_t threads = 64;  // one per open connection
+  size_t threads = 64;  // requests served at once
   std::vector<std::pair<std::string, std::string>> tokens;
+  bool log_requests = false;
+  int client_timeout_sec = 10;          // request head deadline; body floor-rate window
+  int64_t session_ttl_sec = 7 * 86400;  // idle upload sessions are dropped after this
+  std::string print_and_exit;           // --help or --version: this text, exit 0
 };
 
 // False with a message (or the usage text) when the command line is wrong.
@@ -40,6 +45,7 @@ struct App {
   Auth auth;
   Journal journal;
   Faults faults;
+  StopFlag stop;
 };
 
 }  // namespace zelsrv

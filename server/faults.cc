@@ -1,8 +1,10 @@
 #include "faults.h"
 
 #include <jansson.h>
+#include <re2/re2.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace zelsrv {
@@ -39,6 +41,10 @@ bool read_action(json_t *o, FaultAction &a, std::string &why) {
     why = "\"delay_ms\" and \"reset_after_bytes\" must be non-negative integers";
     return false;
   }
+  if (a.delay_ms > Faults::kMaxDelayMs) {
+    why = "\"delay_ms\" may be at most " + std::to_string(Faults::kMaxDelayMs);
+    return false;
+  }
   return true;
 }
 
@@ -66,10 +72,13 @@ bool read_rule(json_t *o, FaultRule &r, std::string &why) {
   json_t *times = json_object_get(o, "times"), *prob = json_object_get(o, "probability");
   json_t *seed = json_object_get(o, "seed");
   r.method = json_is_string(method) ? json_string_value(method) : "";
-  try {
-    r.path = std::regex(json_is_string(path) ? json_string_value(path) : "", std::regex::ECMAScript);
-  } catch (const std::regex_error &e) {
-    why = std::string("\"path\" is not a valid regular expression: ") + e.what();
+  RE2::Options opts;
+  opts.set_log_errors(false);
+  std::string pattern =
+      json_is_string(path) ? std::string(json_string_value(path), json_string_length(path)) : "";
+  r.path = std::make_unique<RE2>(pattern, opts);
+  if (!r.path->ok()) {
+    why = "\"path\" is not a valid regular expression: " + r.path->error();
     return false;
   }
   if (times) r.times = json_integer_value(times);
@@ -101,45 +110,68 @@ bool Faults::add_json(const std::string &text, std::string &why) {
     why = std::string("Malformed JSON: ") + err.text;
     return false;
   }
-  std::vector<std::unique_ptr<FaultRule>> added;
+  std::vector<std::shared_ptr<FaultRule>> added;
   bool ok = true;
   if (json_is_array(root)) {
     size_t i;
     json_t *e;
     json_array_foreach(root, i, e) {
-      added.push_back(std::make_unique<FaultRule>());
+      added.push_back(std::make_shared<FaultRule>());
       if (!(ok = read_rule(e, *added.back(), why))) break;
     }
   } else {
-    added.push_back(std::make_unique<FaultRule>());
+    added.push_back(std::make_shared<FaultRule>());
     ok = read_rule(root, *added.back(), why);
   }
   json_decref(root);
   if (!ok) return false;
   std::lock_guard<std::mutex> lock(mu_);
+  if (rules_.size() + added.size() > kMaxRules) {
+    why = "At most " + std::to_string(kMaxRules) + " fault rules may be held at once";
+    return false;
+  }
   for (auto &r : added) rules_.push_back(std::move(r));
   return true;
 }
 
 void Faults::clear() {
   std::lock_guard<std::mutex> lock(mu_);
+  for (auto &r : rules_) r->times = 0;  // a snapshot taken before must not fire them
   rules_.clear();
 }
 
 bool Faults::match(const std::string &method, const std::string &path, const HeaderLines &headers,
                    FaultAction &out) {
-  std::lock_guard<std::mutex> lock(mu_);
-  for (auto it = rules_.begin(); it != rules_.end(); ++it) {
-    FaultRule &r = **it;
+  std::vector<std::shared_ptr<FaultRule>> rules;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (rules_.empty()) return false;
+    rules = rules_;
+  }
+  // The conditions never change after a rule is added, so they are tested
+  // on a snapshot; only the firing (times, random draw) needs the lock.
+  std::vector<FaultRule *> matching;
+  for (const auto &p : rules) {
+    const FaultRule &r = *p;
     if (!r.method.empty() && strcasecmp(r.method.c_str(), method.c_str()) != 0) continue;
-    if (!std::regex_search(path, r.path) || !header_matches(r, headers)) continue;
-    if (r.probability < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(r.rng) >= r.probability)
+    if (RE2::PartialMatch(path, *r.path) && header_matches(r, headers)) matching.push_back(p.get());
+  }
+  if (matching.empty()) return false;
+  std::lock_guard<std::mutex> lock(mu_);
+  for (FaultRule *r : matching) {
+    if (r->times == 0) continue;  // used up, or cleared, since the snapshot
+    if (r->probability < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(r->rng) >= r->probability)
       continue;
-    out = r.action;
-    if (r.times > 0 && --r.times == 0) rules_.erase(it);
+    out = r->action;
+    if (r->times > 0 && --r->times == 0)
+      rules_.erase(std::remove_if(rules_.begin(), rules_.end(), [r](const auto &p) { return p.get() == r; }),
+                   rules_.end());
     return true;
   }
   return false;
 }
+
+FaultRule::FaultRule() = default;
+FaultRule::~FaultRule() = default;
 
 }  // namespace zelsrv

@@ -6,11 +6,14 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "wire.h"
+
+namespace re2 {
+class RE2;
+}
 
 namespace zelsrv {
 
@@ -23,11 +26,15 @@ struct FaultAction {
 };
 
 struct FaultRule {
+  FaultRule();
+  ~FaultRule();
   std::string method;  // empty: any
-  std::regex path;
+  // Matched in linear time: a rule's pattern cannot stall the requests
+  // that are tested against it.
+  std::unique_ptr<re2::RE2> path;
   std::string header_name;  // empty: no header condition
   std::string header_part;
-  int64_t times = 1;  // negative: every matching request
+  int64_t times = 1;  // negative: every matching request; 0: used up
   double probability = 1.0;
   std::mt19937_64 rng;
   FaultAction action;
@@ -35,17 +42,20 @@ struct FaultRule {
 
 class Faults {
  public:
+  static constexpr int64_t kMaxDelayMs = 60 * 1000;
+  static constexpr size_t kMaxRules = 1000;
+
   // Adds one rule (a JSON object) or several (an array); all or none.
   bool add_json(const std::string &text, std::string &why);
   void clear();
   // The action of the first rule that matches and fires; each firing uses
-  // one of the rule's times.
+  // one of the rule's times. Patterns are evaluated without the lock.
   bool match(const std::string &method, const std::string &path, const HeaderLines &headers,
              FaultAction &out);
 
  private:
-  std::mutex mu_;
-  std::vector<std::unique_ptr<FaultRule>> rules_;
+  std::mutex mu_;  // guards rules_ and each rule's times and rng
+  std::vector<std::shared_ptr<FaultRule>> rules_;
 };
 
 }  // namespace zelsrv

@@ -16,11 +16,13 @@ struct JournalEntry {
   HeaderLines headers;
   uint64_t body_size = 0;
   int status = 0;
+  std::string principal;  // the auth id the token stood for; empty when none
 };
 
 class Journal {
  public:
   explicit Journal(size_t capacity = 4096) : capacity_(capacity) {}
+  // Credentials are redacted as the entry is taken: "Bearer <redacted>".
   void add(JournalEntry entry);
   void clear();
   // A JSON array, oldest first.

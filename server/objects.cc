@@ -6,7 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <set>
+#include <vector>
 
 #include "util.h"
 
@@ -184,6 +187,39 @@ void Objects::remove_orphans() {
   }
   remove_tree(store_.tmp_dir());
   make_dirs(store_.tmp_dir());
+}
+
+void Objects::check_files() {
+  struct Found {
+    std::string bucket, key, blob;
+    int64_t size;
+  };
+  std::vector<Found> all;
+  {
+    std::lock_guard<std::mutex> lock(store_.mutex());
+    Stmt st(store_, "SELECT bucket, key, blob, size FROM objects");
+    while (st.row()) all.push_back(Found{st.text(0), st.text(1), st.text(2), st.i64(3)});
+  }
+  for (const auto &f : all) {
+    struct stat st;
+    int64_t on_disk =
+        stat(store_.blob_path(f.blob).c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+    if (on_disk == f.size) continue;
+    std::string kept = store_.damaged_dir() + "/" + f.blob;
+    bool moved = on_disk >= 0 && make_dirs(store_.damaged_dir()) &&
+                 rename(store_.blob_path(f.blob).c_str(), kept.c_str()) == 0;
+    std::fprintf(stderr, "zel-server: object %s/%s has %lld of its %lld bytes on disk; withdrawn%s%s\n",
+                 f.bucket.c_str(), f.key.c_str(), static_cast<long long>(std::max<int64_t>(on_disk, 0)),
+                 static_cast<long long>(f.size), moved ? ", its file kept as " : "",
+                 moved ? kept.c_str() : "");
+    std::lock_guard<std::mutex> lock(store_.mutex());
+    store_.set_durable(true);
+    Stmt(store_, "DELETE FROM objects WHERE bucket = ? AND key = ? AND blob = ?")
+        .bind(1, f.bucket)
+        .bind(2, f.key)
+        .bind(3, f.blob)
+        .done();
+  }
 }
 
 }  // namespace zelsrv

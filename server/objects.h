@@ -40,6 +40,10 @@ class Objects {
   bool reset_expiration(const std::string &bucket, const std::string &key, ObjectMeta &out);
   // Removes files that no row names: leftovers of uploads cut short.
   void remove_orphans();
+  // At start: an object whose file is missing or not of its recorded size is
+  // withdrawn (its row removed, so it answers 404) and its file moved to the
+  // damaged directory; each is logged.
+  void check_files();
 
  private:
   bool read_row(const std::string &bucket, const std::string &key, bool deleted, ObjectMeta &out);

@@ -2,15 +2,15 @@
 
 #include <strings.h>
 
-#include <chrono>
-#include <thread>
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
 
 #include "bodies.h"
 #include "test_api.h"
 #include "util.h"
 
 namespace zelsrv {
-namespace {
 
 std::vector<std::string> split_path(const std::string &path) {
   std::vector<std::string> out;
@@ -23,6 +23,8 @@ std::vector<std::string> split_path(const std::string &path) {
   }
   return out;
 }
+
+namespace {
 
 bool match_route(const Route &r, const std::vector<std::string> &segs, std::vector<std::string> &args) {
   std::vector<std::string> pat = split_path(std::string("/") + r.pattern);
@@ -37,7 +39,8 @@ bool match_route(const Route &r, const std::vector<std::string> &segs, std::vect
   return true;
 }
 
-// Decodes the segments after the version; a reason when the path is refused.
+}  // namespace
+
 std::string decode_segments(const std::vector<std::string> &raw, std::vector<std::string> &out) {
   for (const auto &s : raw) {
     // Dot segments mean nothing here and are refused rather than resolved.
@@ -49,6 +52,8 @@ std::string decode_segments(const std::vector<std::string> &raw, std::vector<std
   }
   return std::string();
 }
+
+namespace {
 
 const std::vector<Route> &all_routes() {
   static const std::vector<Route> routes = [] {
@@ -97,6 +102,7 @@ void serve_api(Ctx &c, const std::string &path) {
   if (!found) return c.error(path_known ? 405 : 404, path_known ? "Method not allowed" : "No such endpoint");
   c.principal = c.app.auth.principal(wire_header("Authorization"));
   if (c.principal.empty()) return c.error(401, "Missing or unknown bearer token");
+  wire_set_principal(c.principal);
   if (found->need != Access::kNone && !load_bucket(c, found->need)) return;
   found->fn(c);
 }
@@ -164,13 +170,22 @@ void handle(App &app, const httplib::Request &req, httplib::Response &res,
   Ctx c{app, req, res, reader};
   std::string path = req.target.substr(0, req.target.find('?'));
   if (app.opts.test_api && path.compare(0, 11, "/_emulator/") == 0) {
-    serve_test_api(c, path);
+    // The journal and the rules are as private as the store: known tokens only.
+    c.principal = app.auth.principal(wire_header("Authorization"));
+    wire_set_principal(c.principal);
+    if (c.principal.empty())
+      c.error(401, "Missing or unknown bearer token");
+    else
+      serve_test_api(c, path);
     c.drain();
     return;
   }
   FaultAction fault;
   bool faulty = app.faults.match(req.method, path, wire_request().headers, fault);
-  if (faulty && fault.delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(fault.delay_ms));
+  if (faulty && fault.delay_ms > 0 && !app.stop.sleep_ms(fault.delay_ms)) {
+    c.drain();
+    return c.error(503, "The server is stopping");
+  }
   if (faulty && fault.status) {
     c.drain();
     if (fault.content_type.empty() && fault.status >= 400) return c.error(fault.status, "Injected fault");
@@ -182,6 +197,41 @@ void handle(App &app, const httplib::Request &req, httplib::Response &res,
   serve_api(c, path);
   c.drain();
   if (faulty && fault.reset_after_bytes >= 0) cut_answer(res, fault.reset_after_bytes);
+}
+
+// Bytes that would break the line (controls, non-ASCII) show as %XX.
+std::string printable(const std::string &s) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char ch : s) {
+    if (ch > 0x20 && ch < 0x7f) {
+      out += static_cast<char>(ch);
+    } else {
+      out += '%';
+      out += kHex[ch >> 4];
+      out += kHex[ch & 15];
+    }
+  }
+  return out;
+}
+
+// One line per answered request: time, principal, method, target, status,
+// body bytes received and sent (head included), duration.
+void log_request(const httplib::Request &req, const httplib::Response &res) {
+  const WireRequest &w = wire_request();
+  int64_t now = now_ms();
+  time_t secs = static_cast<time_t>(now / 1000);
+  tm utc;
+  gmtime_r(&secs, &utc);
+  char stamp[32];
+  strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+  long long ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - w.began)
+          .count();
+  std::fprintf(stderr, "%s.%03dZ %s %s %s %d in=%" PRIu64 " out=%" PRIu64 " %lldms\n", stamp,
+               static_cast<int>(now % 1000), w.principal.empty() ? "-" : printable(w.principal).c_str(),
+               printable(req.method).c_str(), printable(req.target).c_str(), res.status, w.body_bytes,
+               w.sent_bytes, ms);
 }
 
 }  // namespace
@@ -250,8 +300,11 @@ void install_routes(WireServer &server, App &app) {
   server.set_post_routing_handler([&app](const httplib::Request &req, httplib::Response &res) {
     if (req.target.compare(0, 11, "/_emulator/") == 0 && app.opts.test_api) return;
     const WireRequest &w = wire_request();
-    app.journal.add(JournalEntry{req.method, req.target, w.headers, w.body_bytes, res.status});
+    app.journal.add(JournalEntry{req.method, req.target, w.headers, w.body_bytes, res.status, w.principal});
   });
+  if (app.opts.log_requests)
+    server.set_logger(
+        [](const httplib::Request &req, const httplib::Response &res) { log_request(req, res); });
 }
 
 }  // namespace zelsrv

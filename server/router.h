@@ -46,6 +46,12 @@ struct Route {
   RouteFn fn;
 };
 
+// The segments of a path that starts with '/', undecoded.
+std::vector<std::string> split_path(const std::string &path);
+// Decodes path segments into `out`; a reason for the client when one is
+// refused (dot segments, broken escapes, NUL or text that is not UTF-8).
+std::string decode_segments(const std::vector<std::string> &raw, std::vector<std::string> &out);
+
 std::vector<Route> bucket_routes();
 std::vector<Route> object_routes();
 

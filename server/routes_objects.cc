@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 
 #include "bodies.h"
@@ -54,6 +55,12 @@ void download(Ctx &c) {
   auto obj = std::make_shared<MappedObject>();
   obj->fd = fd;
   obj->size = static_cast<size_t>(m.size);
+  struct stat st;
+  if (fstat(fd, &st) != 0 || static_cast<uint64_t>(st.st_size) != m.size) {
+    std::fprintf(stderr, "zel-server: object %s/%s: its file does not hold its %llu bytes\n",
+                 m.bucket.c_str(), m.key.c_str(), static_cast<unsigned long long>(m.size));
+    return c.error(500, "The object's stored file is damaged");
+  }
   ByteSpan span{0, m.size ? m.size - 1 : 0};
   RangeResult rr = parse_range(wire_header("Range"), m.size, span);
   if (rr == RangeResult::kUnsatisfiable) {

@@ -129,7 +129,11 @@ bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
     BlockWriter w(fd, span.start, len, nullptr);
     ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); }) && w.flush();
     got = w.received();
+    // Acknowledged bytes must survive a power cut: synced before the range
+    // that names them is recorded.
+    bool synced = !ok || got != len || fdatasync(fd) == 0;
     close(fd);
+    if (!synced) return c.error(500, "The chunk could not be stored"), false;
   }
   if (ok && got == len) return true;
   c.error(400, "The body's length does not agree with Content-Range");
@@ -164,6 +168,8 @@ void put_chunk(Ctx &c) {
       return reply_session_done(c, s);
     case Sessions::After::kComplete:
       return reply_session_done(c, s);
+    case Sessions::After::kGone:
+      return c.error(404, "Upload session not found");
   }
 }
 

@@ -2,8 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "digest.h"
@@ -68,16 +70,27 @@ bool Sessions::open(const std::string &bucket, const std::string &key, const std
         .done();
     read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out);
   }
+  store_.set_durable(false);
+  Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, out.row).done();
   return out.total == total;
+}
+
+// The row may have been expired, and its number even reused, since the
+// session was read. Call with the store locked.
+bool Sessions::still_open(const Session &s) {
+  Stmt st(store_, "SELECT 1 FROM sessions WHERE id = ? AND bucket = ? AND key = ? AND session = ?");
+  return st.bind(1, s.row).bind(2, s.bucket).bind(3, s.key).bind(4, s.id).row();
 }
 
 Sessions::After Sessions::record(Session &s, ByteSpan span) {
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
+    if (!still_open(s)) return After::kGone;
+    // The chunk's bytes were synced before this row: neither a killed process
+    // nor a power cut leaves a range recorded that was not received.
+    store_.set_durable(true);
+    store_.exec("BEGIN IMMEDIATE");
     if (s.total > 0) {
-      // The chunk's bytes were written before this row: a killed process
-      // never leaves a range recorded that it did not receive.
-      store_.set_durable(false);
       Stmt(store_,
            "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)"
            " ON CONFLICT(session, start) DO UPDATE SET last = max(last, excluded.last)")
@@ -86,6 +99,8 @@ Sessions::After Sessions::record(Session &s, ByteSpan span) {
           .bind(3, static_cast<int64_t>(span.end))
           .done();
     }
+    Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, s.row).done();
+    store_.exec("COMMIT");
     s.ranges = load_ranges(s.row);
     Stmt st(store_, "SELECT complete FROM sessions WHERE id = ?");
     s.complete = st.bind(1, s.row).row() && st.i64(0) != 0;
@@ -110,7 +125,10 @@ void Sessions::wait_assembled(int64_t row) {
 bool Sessions::assemble(const Session &s, ObjectMeta &out) {
   std::string path = store_.session_path(s.row);
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  bool ok = fd >= 0 && fsync(fd) == 0 && sha1_file(fd, out.sha1);
+  struct stat st;
+  // Never publish an object whose file does not hold every byte it claims.
+  bool ok = fd >= 0 && fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) == s.total &&
+            fsync(fd) == 0 && sha1_file(fd, out.sha1);
   if (fd >= 0) close(fd);
   out.blob = random_hex_id();
   // Linking first keeps the session's bytes in place until the object's row
@@ -143,11 +161,32 @@ void Sessions::record_whole(const ObjectMeta &m, const std::string &id) {
       .done();
 }
 
+// Ranges recorded beyond the end of the session's file were lost (written by
+// a version that acknowledged chunks before syncing them): they are
+// forgotten, so the client's resume sends them again.
+void Sessions::clip_to_file(Session &s) {
+  struct stat st;
+  uint64_t size = stat(store_.session_path(s.row).c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  store_.set_durable(true);
+  Stmt del(store_, "DELETE FROM session_ranges WHERE session = ? AND last >= ?");
+  if (!del.bind(1, s.row).bind(2, static_cast<int64_t>(size)).done() || sqlite3_changes(store_.db()) == 0)
+    return;
+  std::fprintf(
+      stderr,
+      "zel-server: upload session %s of %s/%s: ranges past byte %llu were lost; they must be sent again\n",
+      s.id.c_str(), s.bucket.c_str(), s.key.c_str(), static_cast<unsigned long long>(size));
+  s.ranges = load_ranges(s.row);
+}
+
 void Sessions::recover() {
   std::vector<Session> open_sessions;
   std::set<std::string> keep;
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
+    store_.set_durable(true);
+    // Sessions from before touch times were kept start their clock now.
+    Stmt(store_, "UPDATE sessions SET touched = ? WHERE touched = 0").bind(1, now_ms()).done();
     Stmt st(store_, "SELECT bucket, key, session FROM sessions WHERE complete = 0");
     std::vector<Session> found;
     while (st.row()) found.push_back(Session{0, st.text(0), st.text(1), st.text(2), "", 0, false, {}});
@@ -166,10 +205,37 @@ void Sessions::recover() {
     closedir(d);
   }
   for (auto &s : open_sessions) {
+    clip_to_file(s);
     if (s.total > 0 && !spans_cover(s.ranges, ByteSpan{0, s.total - 1})) continue;
     if (record(s, ByteSpan{0, 0}) != After::kAssemble) continue;
     ObjectMeta m;
     assemble(s, m);
+  }
+}
+
+// Files are removed with the store locked: no session can take a freed row
+// number and its file name meanwhile. Files without a row are left by chunks
+// that arrived as their session expired.
+void Sessions::expire(int64_t ttl_ms) {
+  std::vector<std::string> files;
+  if (DIR *d = opendir(store_.sessions_dir().c_str())) {
+    while (dirent *e = readdir(d))
+      if (e->d_name[0] != '.') files.push_back(e->d_name);
+    closedir(d);
+  }
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  int64_t before = now_ms() - ttl_ms;
+  store_.set_durable(false);
+  store_.exec("BEGIN IMMEDIATE");
+  Stmt(store_, "DELETE FROM session_ranges WHERE session IN (SELECT id FROM sessions WHERE touched < ?)")
+      .bind(1, before)
+      .done();
+  Stmt(store_, "DELETE FROM sessions WHERE touched < ?").bind(1, before).done();
+  store_.exec("COMMIT");
+  for (const auto &name : files) {
+    Stmt st(store_, "SELECT 1 FROM sessions WHERE id = ?");
+    if (!st.bind(1, static_cast<int64_t>(std::atoll(name.c_str()))).row())
+      unlink((store_.sessions_dir() + "/" + name).c_str());
   }
 }
 

@@ -38,9 +38,10 @@ class Sessions {
             const std::string &content_type, Session &out);
   bool find(const std::string &bucket, const std::string &key, const std::string &id, Session &out);
 
-  enum class After { kPartial, kAssemble, kAssembling, kComplete };
-  // Records a received span and says what the caller does next: kAssemble
-  // goes to exactly one request per session.
+  enum class After { kPartial, kAssemble, kAssembling, kComplete, kGone };
+  // Records a received span, whose bytes are durable in the session's file,
+  // and says what the caller does next: kAssemble goes to exactly one
+  // request per session; kGone means the session expired meanwhile.
   After record(Session &s, ByteSpan span);
   // Makes the object of a session that holds every byte; fills `out`.
   bool assemble(const Session &s, ObjectMeta &out);
@@ -49,14 +50,20 @@ class Sessions {
   // Remembers a whole-object upload under its session id, so that the
   // session's status reads complete.
   void record_whole(const ObjectMeta &m, const std::string &id);
-  // After a restart: finishes sessions that got every byte, drops leftovers.
+  // After a restart: forgets ranges beyond the end of a session's file,
+  // finishes sessions that got every byte, drops leftovers.
   void recover();
+  // Drops the sessions not touched (opened or sent a chunk) in `ttl_ms`,
+  // with their files.
+  void expire(int64_t ttl_ms);
 
  private:
   bool read(const char *where, const std::string &a, const std::string &b, const std::string &c,
             Session &out);
   std::vector<ByteSpan> load_ranges(int64_t row);
   void done_assembling(int64_t row);
+  bool still_open(const Session &s);
+  void clip_to_file(Session &s);
 
   Store &store_;
   Objects &objects_;

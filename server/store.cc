@@ -19,9 +19,21 @@ const char kSchema[] =
     " PRIMARY KEY(bucket, key));"
     "CREATE TABLE IF NOT EXISTS sessions(id INTEGER PRIMARY KEY, bucket TEXT NOT NULL,"
     " key TEXT NOT NULL, session TEXT NOT NULL, total INTEGER NOT NULL,"
-    " content_type TEXT NOT NULL, complete INTEGER NOT NULL, UNIQUE(bucket, key, session));"
+    " content_type TEXT NOT NULL, complete INTEGER NOT NULL, touched INTEGER NOT NULL DEFAULT 0,"
+    " UNIQUE(bucket, key, session));"
     "CREATE TABLE IF NOT EXISTS session_ranges(session INTEGER NOT NULL,"
     " start INTEGER NOT NULL, last INTEGER NOT NULL, PRIMARY KEY(session, start));";
+
+// Adds a column that older data directories lack. Call with the mutex held.
+bool add_column(Store &store, const char *table, const char *column, const char *decl) {
+  std::string probe = std::string("SELECT ") + column + " FROM " + table + " LIMIT 0";
+  sqlite3_stmt *st = nullptr;
+  bool present = sqlite3_prepare_v2(store.db(), probe.c_str(), -1, &st, nullptr) == SQLITE_OK;
+  sqlite3_finalize(st);
+  if (present) return true;
+  std::string sql = std::string("ALTER TABLE ") + table + " ADD COLUMN " + column + " " + decl;
+  return store.exec(sql.c_str());
+}
 
 }  // namespace
 
@@ -43,7 +55,8 @@ bool Store::open(const std::string &root, std::string &err) {
   }
   sqlite3_busy_timeout(db_, 5000);
   std::lock_guard<std::mutex> lock(mu_);
-  if (!exec("PRAGMA journal_mode=WAL") || !exec(kSchema)) {
+  if (!exec("PRAGMA journal_mode=WAL") || !exec(kSchema) ||
+      !add_column(*this, "sessions", "touched", "INTEGER NOT NULL DEFAULT 0")) {
     err = std::string("cannot prepare the metadata: ") + sqlite3_errmsg(db_);
     return false;
   }

@@ -30,6 +30,8 @@ class Store {
   std::string objects_dir() const { return root_ + "/objects"; }
   std::string sessions_dir() const { return root_ + "/sessions"; }
   std::string tmp_dir() const { return root_ + "/tmp"; }
+  // Files of objects found damaged at start, kept for inspection.
+  std::string damaged_dir() const { return root_ + "/damaged"; }
 
  private:
   std::mutex mu_;

@@ -193,4 +193,20 @@ void sync_dir(const std::string &path) {
   close(fd);
 }
 
+void StopFlag::raise() {
+  std::lock_guard<std::mutex> lock(mu_);
+  raised_ = true;
+  cv_.notify_all();
+}
+
+bool StopFlag::raised() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return raised_;
+}
+
+bool StopFlag::sleep_ms(int64_t ms) {
+  std::unique_lock<std::mutex> lock(mu_);
+  return !cv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return raised_; });
+}
+
 }  // namespace zelsrv

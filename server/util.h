@@ -1,7 +1,9 @@
 // Small text and system helpers shared by the emulator's modules.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,5 +40,20 @@ void remove_tree(const std::string &path);
 bool make_dirs(const std::string &path);
 // Makes a directory entry (a create, rename or link) durable.
 void sync_dir(const std::string &path);
+
+// Raised once when the server stops; every wait of the emulator's own ends
+// early then, so that stopping never waits for a pause to run out.
+class StopFlag {
+ public:
+  void raise();
+  bool raised();
+  // Sleeps up to `ms`; false when the flag is raised before the time is up.
+  bool sleep_ms(int64_t ms);
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  bool raised_ = false;
+};
 
 }  // namespace zelsrv

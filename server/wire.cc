@@ -18,9 +18,7 @@ namespace zelsrv {
 namespace {
 
 constexpr size_t kBufSize = 256 * 1024;
-constexpr size_t kMaxHead = 64 * 1024;
-constexpr int kReadTimeoutMs = 60 * 1000;
-constexpr int kWriteTimeoutMs = 60 * 1000;
+constexpr int kSliceMs = 200;  // waits are cut in slices to notice a halt
 
 // cpp-httplib acts on a Range header by itself (it slices bodies and answers
 // 416 on its own terms). Renaming the line before it parses the request leaves
@@ -46,10 +44,11 @@ std::string trim(const std::string &s) {
   return s.substr(b, e - b + 1);
 }
 
-// Records the header lines of `head` into `req` and returns the block that
-// cpp-httplib gets to parse.
-std::string rewrite_head(const std::string &head, WireRequest *req) {
+}  // namespace
+
+std::string wire_rewrite_head(const std::string &head, WireRequest *req) {
   size_t p = head.find("\r\n");
+  if (p == std::string::npos) return head;
   std::string out = head.substr(0, p + 2);
   p += 2;
   while (p < head.size()) {
@@ -70,6 +69,14 @@ std::string rewrite_head(const std::string &head, WireRequest *req) {
   return out;
 }
 
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int64_t ms_since(Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
 bool poll_fd(int fd, short events, int timeout_ms) {
   pollfd pfd{fd, events, 0};
   for (;;) {
@@ -81,25 +88,26 @@ bool poll_fd(int fd, short events, int timeout_ms) {
 
 class WireStream final : public httplib::Stream {
  public:
-  explicit WireStream(int fd) : fd_(fd), buf_(kBufSize) {}
+  WireStream(int fd, std::string bytes, const WireLimits &limits, const std::atomic<bool> &halted)
+      : fd_(fd), buf_(std::max(kBufSize, bytes.size())), limits_(limits), halted_(halted) {
+    std::memcpy(buf_.data(), bytes.data(), bytes.size());
+    end_ = bytes.size();
+  }
 
-  bool is_readable() const override { return buffered() || poll_fd(fd_, POLLIN, kReadTimeoutMs); }
-  bool is_writable() const override { return poll_fd(fd_, POLLOUT, kWriteTimeoutMs); }
+  // Reads wait in read(), which knows the deadlines.
+  bool is_readable() const override { return !halted_; }
+  bool is_writable() const override;
   ssize_t read(char *ptr, size_t size) override;
   ssize_t write(const char *ptr, size_t size) override;
   void get_remote_ip_and_port(std::string &ip, int &port) const override { address(true, ip, port); }
   void get_local_ip_and_port(std::string &ip, int &port) const override { address(false, ip, port); }
   socket_t socket() const override { return fd_; }
 
-  // Waits for the first byte of another request on a kept-alive connection.
-  template <class Stop>
-  bool wait_request(time_t timeout_sec, Stop stop) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_sec);
-    while (!buffered()) {
-      if (stop() || std::chrono::steady_clock::now() >= deadline) return false;
-      if (poll_fd(fd_, POLLIN, 100)) return true;
-    }
-    return true;
+  bool head_buffered() const { return head_complete(std::string(buf_.data() + pos_, end_ - pos_)); }
+  std::string take_buffered() {
+    std::string out(buf_.data() + pos_, end_ - pos_);
+    pos_ = end_ = 0;
+    return out;
   }
 
   void begin_request(WireRequest *req) {
@@ -107,14 +115,16 @@ class WireStream final : public httplib::Stream {
     state_ = State::kNeedHead;
     head_.clear();
     head_pos_ = 0;
+    waited_ms_ = 0;
+    window_bytes_ = 0;
   }
 
  private:
   enum class State { kNeedHead, kHead, kBody };
 
-  bool buffered() const { return pos_ < end_ || head_pos_ < head_.size(); }
   bool fill();
   bool load_head();
+  bool wait_readable();
   ssize_t recv_some(char *ptr, size_t size);
   void address(bool peer, std::string &ip, int &port) const;
 
@@ -125,13 +135,47 @@ class WireStream final : public httplib::Stream {
   std::string head_;
   size_t head_pos_ = 0;
   WireRequest *req_ = nullptr;
+  const WireLimits &limits_;
+  const std::atomic<bool> &halted_;
+  // Time spent waiting for body bytes, and the bytes that came, since the
+  // body last reached its floor.
+  int64_t waited_ms_ = 0;
+  uint64_t window_bytes_ = 0;
 };
 
-ssize_t WireStream::recv_some(char *ptr, size_t size) {
-  if (!poll_fd(fd_, POLLIN, kReadTimeoutMs)) return -1;
+bool WireStream::is_writable() const {
+  for (int waited = 0; waited < limits_.write_timeout_ms; waited += kSliceMs) {
+    if (halted_) return false;
+    if (poll_fd(fd_, POLLOUT, kSliceMs)) return true;
+  }
+  return false;
+}
+
+// A body that moves less than the floor over a window is cut: a slow sender
+// holds a request thread for one window at most.
+bool WireStream::wait_readable() {
   for (;;) {
-    ssize_t n = ::recv(fd_, ptr, size, 0);
-    if (n < 0 && errno == EINTR) continue;
+    if (halted_) return false;
+    Clock::time_point t0 = Clock::now();
+    bool ready = poll_fd(fd_, POLLIN, kSliceMs);
+    waited_ms_ += ms_since(t0);
+    if (waited_ms_ >= limits_.body_window_ms && window_bytes_ < limits_.body_floor_bytes) return false;
+    if (ready) return true;
+  }
+}
+
+ssize_t WireStream::recv_some(char *ptr, size_t size) {
+  if (!wait_readable()) return -1;
+  for (;;) {
+    ssize_t n = ::recv(fd_, ptr, size, MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
+      if (errno == EAGAIN && !wait_readable()) return -1;
+      continue;
+    }
+    if (n > 0 && (window_bytes_ += static_cast<uint64_t>(n)) >= limits_.body_floor_bytes) {
+      waited_ms_ = 0;
+      window_bytes_ = 0;
+    }
     return n;
   }
 }
@@ -158,11 +202,11 @@ bool WireStream::load_head() {
     if (e != last) {
       std::string raw(b, e + 4);
       pos_ += raw.size();
-      head_ = rewrite_head(raw, req_);
+      head_ = wire_rewrite_head(raw, req_);
       head_pos_ = 0;
       return true;
     }
-    if (end_ - pos_ >= kMaxHead || !fill()) return false;
+    if (end_ - pos_ >= HeadWaiter::kMaxHead || !fill()) return false;
   }
 }
 
@@ -190,24 +234,30 @@ ssize_t WireStream::read(char *ptr, size_t size) {
   return static_cast<ssize_t>(n);
 }
 
+// Writes go out from the file window by sendfile when they can. A sendfile
+// that moves nothing means the file is shorter than its mapping: that is an
+// error, never a reason to try again.
+ssize_t write_from_file(int sock, const FileWindow &w, const char *ptr, size_t size) {
+  uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
+  off_t off = w.offset + static_cast<off_t>(p - w.base);
+  size_t n = std::min(size, static_cast<size_t>(w.base + w.len - p));
+  for (;;) {
+    ssize_t r = ::sendfile(sock, w.fd, &off, n);
+    if (r < 0 && errno == EINTR) continue;
+    if (r == 0) return -1;
+    if (r > 0 || (errno != EINVAL && errno != ENOSYS)) return r;
+    return -2;  // this socket cannot take sendfile: copy from the mapping
+  }
+}
+
 ssize_t WireStream::write(const char *ptr, size_t size) {
   const FileWindow &w = t_window;
   uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
-  if (w.base != 0 && p >= w.base && p < w.base + w.len) {
-    off_t off = w.offset + static_cast<off_t>(p - w.base);
-    size_t n = std::min(size, static_cast<size_t>(w.base + w.len - p));
-    for (;;) {
-      ssize_t r = ::sendfile(fd_, w.fd, &off, n);
-      if (r < 0 && errno == EINTR) continue;
-      if (r >= 0 || (errno != EINVAL && errno != ENOSYS)) return r;
-      break;  // this socket cannot take sendfile: copy from the mapping
-    }
-  }
-  for (;;) {
-    ssize_t r = ::send(fd_, ptr, size, MSG_NOSIGNAL);
-    if (r < 0 && errno == EINTR) continue;
-    return r;
-  }
+  ssize_t r = -2;
+  if (w.base != 0 && p >= w.base && p < w.base + w.len) r = write_from_file(fd_, w, ptr, size);
+  while (r == -2 || (r < 0 && errno == EINTR)) r = ::send(fd_, ptr, size, MSG_NOSIGNAL);
+  if (r > 0 && req_) req_->sent_bytes += static_cast<uint64_t>(r);
+  return r;
 }
 
 void WireStream::address(bool peer, std::string &ip, int &port) const {
@@ -240,6 +290,10 @@ void tune_socket(int fd) {
 
 const WireRequest &wire_request() { return t_request ? *t_request : kNoRequest; }
 
+void wire_set_principal(const std::string &principal) {
+  if (t_request) t_request->principal = principal;
+}
+
 std::string wire_header(const std::string &name) {
   for (const auto &h : wire_request().headers)
     if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
@@ -260,35 +314,115 @@ void wire_clear_file_window() { t_window = FileWindow{}; }
 
 void wire_close_after_response() { t_close = true; }
 
-WireServer::WireServer() {
-  set_keep_alive_max_count(100000);
-  set_keep_alive_timeout(30);
+namespace {
+
+// Runs each accepted connection's first step on the accepting thread: it
+// only hands the socket to the head waiter.
+class InlineQueue : public httplib::TaskQueue {
+ public:
+  void enqueue(std::function<void()> fn) override { fn(); }
+  void shutdown() override {}
+};
+
+// Without SO_REUSEPORT: a second server on a port in use fails to bind
+// instead of sharing the port and answering half the clients.
+void listen_socket_options(socket_t sock) {
+  int one = 1;
+  setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+}
+
+// Serves the requests whose heads are buffered; false when the connection
+// must close.
+template <class Process>
+bool serve_buffered(WireStream &strm, const std::atomic<bool> &closing, Process process) {
+  do {
+    WireRequest request;
+    strm.begin_request(&request);
+    t_request = &request;
+    t_close = false;
+    bool closed = false;
+    bool ok = process(strm, closed);
+    t_request = nullptr;
+    wire_clear_file_window();
+    if (!ok || closed || t_close || closing) return false;
+  } while (strm.head_buffered());
+  return true;
+}
+
+}  // namespace
+
+WireServer::WireServer(const WireLimits &limits)
+    : limits_(limits),
+      heads_(
+          [this](int fd, std::string bytes) {
+            pool_->enqueue(
+                [this, fd, b = std::move(bytes)]() mutable { serve_connection(fd, std::move(b)); });
+          },
+          limits.head_timeout_ms, limits.idle_timeout_ms) {
+  set_socket_options(listen_socket_options);
+  new_task_queue = [] { return new InlineQueue; };
+}
+
+WireServer::~WireServer() {
+  halt();
+  cut();
 }
 
 void WireServer::deepen_backlog() {
   if (svr_sock_ != INVALID_SOCKET) ::listen(svr_sock_, SOMAXCONN);
 }
 
+bool WireServer::run() {
+  pool_ = std::make_unique<httplib::ThreadPool>(limits_.threads);
+  bool ok = heads_.start() && listen_after_bind();
+  halt();
+  heads_.stop();
+  pool_->shutdown();
+  return ok;
+}
+
+void WireServer::halt() {
+  closing_ = true;
+  stop();
+}
+
+void WireServer::cut() {
+  std::lock_guard<std::mutex> lock(active_mu_);
+  closing_ = true;
+  halted_ = true;
+  for (int fd : active_) ::shutdown(fd, SHUT_RDWR);
+}
+
 bool WireServer::process_and_close_socket(socket_t sock) {
   tune_socket(sock);
-  {
-    WireStream strm(sock);
-    for (size_t count = keep_alive_max_count_; count > 0 && !stopping(); --count) {
-      if (!strm.wait_request(keep_alive_timeout_sec_, [this] { return stopping(); })) break;
-      WireRequest request;
-      strm.begin_request(&request);
-      t_request = &request;
-      t_close = false;
-      bool closed = false;
-      bool ok = process_request(strm, count == 1, closed, std::function<void(httplib::Request &)>());
-      t_request = nullptr;
-      wire_clear_file_window();
-      if (!ok || closed || t_close) break;
-    }
-  }
-  ::shutdown(sock, SHUT_RDWR);
-  ::close(sock);
+  heads_.add(sock, std::string(), false);
   return true;
+}
+
+void WireServer::release(int fd) {
+  std::lock_guard<std::mutex> lock(active_mu_);
+  active_.erase(fd);
+  // Closed under the lock, so halt() never shuts down a reused number.
+  ::shutdown(fd, SHUT_RDWR);
+  ::close(fd);
+}
+
+void WireServer::serve_connection(int fd, std::string bytes) {
+  {
+    std::lock_guard<std::mutex> lock(active_mu_);
+    if (!closing_) active_.insert(fd);
+  }
+  if (closing_) return release(fd);
+  WireStream strm(fd, std::move(bytes), limits_, halted_);
+  bool keep = serve_buffered(strm, closing_, [this](WireStream &s, bool &closed) {
+    return process_request(s, false, closed, std::function<void(httplib::Request &)>());
+  });
+  if (!keep) return release(fd);
+  {
+    std::lock_guard<std::mutex> lock(active_mu_);
+    active_.erase(fd);
+  }
+  heads_.add(fd, strm.take_buffered(), true);
 }
 
 }  // namespace zelsrv

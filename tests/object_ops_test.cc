@@ -168,7 +168,8 @@ TEST_P(ObjectOps, WireFormatOfEveryRequest) {
   EXPECT_EQ(req[4].target, base + "/copyto/%E6%97%A5%202");
   EXPECT_EQ(req[4].header("Content-Type"), "application/octet-stream");
   for (const auto& r : req) {
-    EXPECT_EQ(r.header("Authorization"), "Bearer local-dev-token") << r.target;
+    EXPECT_EQ(r.header("Authorization"), "Bearer <redacted>") << r.target;
+    EXPECT_EQ(r.principal, "local") << r.target;
     EXPECT_EQ(r.header("User-Agent"), "zel-c-sdk/2.7.3") << r.target;
   }
 }

@@ -18,11 +18,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-long elapsed_ms(Clock::time_point since) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
-
 class TestApiTest : public EmulatorTest {
  protected:
   void SetUp() override {

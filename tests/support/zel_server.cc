@@ -155,6 +155,12 @@ std::string sha1_hex(const std::string &data) {
   return out;
 }
 
+long elapsed_ms(std::chrono::steady_clock::time_point since) {
+  return static_cast<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
+          .count());
+}
+
 std::string pattern_bytes(size_t size, uint32_t seed) {
   std::string out(size, '\0');
   uint32_t x = seed * 2654435761u + 1;
@@ -200,6 +206,8 @@ bool ServerProcess::launch() {
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive a crashed test
     dup2(out[1], 1);
+    int log = log_path_.empty() ? -1 : open(log_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (log >= 0) dup2(log, 2);
     execv(argv[0], argv.data());
     _exit(127);
   }
@@ -239,7 +247,7 @@ bool ServerProcess::restart() {
 
 std::vector<RecordedRequest> ServerProcess::requests() {
   std::vector<RecordedRequest> out;
-  JsonPtr arr = parse_json(http("GET", base_url() + "/_emulator/requests").body);
+  JsonPtr arr = parse_json(http("GET", base_url() + "/_emulator/requests", {kAuthHeader}).body);
   size_t i, k;
   json_t *e, *h;
   json_array_foreach(arr.get(), i, e) {
@@ -248,6 +256,8 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     r.target = json_string_value(json_object_get(e, "target"));
     r.body_size = static_cast<uint64_t>(json_integer_value(json_object_get(e, "body_size")));
     r.status = static_cast<int>(json_integer_value(json_object_get(e, "status")));
+    const char *principal = json_string_value(json_object_get(e, "principal"));
+    r.principal = principal ? principal : "";
     json_array_foreach(json_object_get(e, "headers"), k, h) {
       r.headers.emplace_back(json_string_value(json_array_get(h, 0)),
                              json_string_value(json_array_get(h, 1)));
@@ -258,14 +268,17 @@ std::vector<RecordedRequest> ServerProcess::requests() {
 }
 
 bool ServerProcess::clear_requests() {
-  return http("DELETE", base_url() + "/_emulator/requests").status == 200;
+  return http("DELETE", base_url() + "/_emulator/requests", {kAuthHeader}).status == 200;
 }
 
 bool ServerProcess::add_fault(const std::string &rule_json) {
-  return http("POST", base_url() + "/_emulator/faults", {"Content-Type: application/json"}, rule_json)
+  return http("POST", base_url() + "/_emulator/faults", {kAuthHeader, "Content-Type: application/json"},
+              rule_json)
              .status == 200;
 }
 
-bool ServerProcess::clear_faults() { return http("DELETE", base_url() + "/_emulator/faults").status == 200; }
+bool ServerProcess::clear_faults() {
+  return http("DELETE", base_url() + "/_emulator/faults", {kAuthHeader}).status == 200;
+}
 
 }  // namespace zeltest

@@ -8,6 +8,7 @@
 #include <jansson.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -43,6 +44,8 @@ JsonPtr parse_json(const std::string &text);
 std::vector<std::string> json_keys(const json_t *object);
 
 std::string sha1_hex(const std::string &data);
+// Milliseconds from `since` to now.
+long elapsed_ms(std::chrono::steady_clock::time_point since);
 // Deterministic bytes for uploads.
 std::string pattern_bytes(size_t size, uint32_t seed);
 
@@ -53,6 +56,7 @@ struct RecordedRequest {
   HeaderList headers;
   uint64_t body_size = 0;
   int status = 0;
+  std::string principal;  // the auth id of the request's token; empty when none
   std::string header(const std::string &name) const;
 };
 
@@ -74,6 +78,10 @@ class ServerProcess {
   // The exit status of the last stopped process, as waitpid gives it.
   int last_wait_status() const { return wait_status_; }
 
+  // The server's standard error goes to this file (appended) from the next
+  // start on; empty: the test's own.
+  void log_to(const std::string &path) { log_path_ = path; }
+
   int port() const { return port_; }
   std::string base_url() const;  // "http://127.0.0.1:PORT"
   std::string api(int version = 2) const { return base_url() + "/zel/v" + std::to_string(version); }
@@ -91,6 +99,7 @@ class ServerProcess {
 
   std::vector<std::string> extra_args_;
   std::string data_dir_;
+  std::string log_path_;
   std::string error_;
   pid_t pid_ = -1;
   int port_ = 0;
