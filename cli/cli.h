@@ -137,5 +137,6 @@ void print_summary(const Output& out, const Summary& s, json_t* extra);
 void add_bucket_commands(CLI::App& app, Context& ctx);
 void add_object_commands(CLI::App& app, Context& ctx);
 void add_transfer_commands(CLI::App& app, Context& ctx);
+void add_diff_commands(CLI::App& app, Context& ctx);
 
 }  // namespace zelcli

@@ -85,6 +85,7 @@ int main(int argc, char** argv) {
   add_bucket_commands(app, ctx);
   add_object_commands(app, ctx);
   add_transfer_commands(app, ctx);
+  add_diff_commands(app, ctx);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
