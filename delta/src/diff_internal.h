@@ -24,8 +24,9 @@ class DiffError : public std::runtime_error {
 template <typename Body>
 int32_t diff_guard(char** err_msg, Body body);
 
-// Stores an allocated copy of `message` in *err_msg (nothing when err_msg is
-// NULL or memory runs out; a message already there is released first).
+// Stores an allocated copy of `message` in *err_msg (NULL when memory runs
+// out; nothing when err_msg is NULL). The caller set *err_msg to NULL: a
+// value already there is not ours to release.
 void diff_set_message(char** err_msg, const char* message);
 
 // "<what>: <system error text>" for the current errno.

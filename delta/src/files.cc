@@ -14,9 +14,7 @@
 namespace zeldiff {
 
 void diff_set_message(char** err_msg, const char* message) {
-  if (err_msg == nullptr) return;
-  mem_free(*err_msg);
-  *err_msg = mem_strdup(message);
+  if (err_msg != nullptr) *err_msg = mem_strdup(message);
 }
 
 std::string diff_errno_message(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
