@@ -5,11 +5,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "job.h"
@@ -41,50 +39,6 @@ rs_result copy_from_base(void* opaque, rs_long_t pos, size_t* len, void** buf) {
   }
   return RS_DONE;
 }
-
-// SHA-1 of the base on a thread of its own; stop() ends it early.
-class BaseHasher {
- public:
-  explicit BaseHasher(const File& file) {
-    thread_ = std::thread([this, &file] {
-      try {
-        hash(file);
-      } catch (...) {
-        error_ = std::current_exception();
-      }
-    });
-  }
-  ~BaseHasher() { stop(); }
-  void stop() {
-    stop_.store(true);
-    if (thread_.joinable()) thread_.join();
-  }
-  // Waits for the hash; rethrows a read failure.
-  const uint8_t* wait() {
-    if (thread_.joinable()) thread_.join();
-    if (error_) std::rethrow_exception(error_);
-    return digest_;
-  }
-
- private:
-  void hash(const File& file) {
-    std::vector<uint8_t> buffer(1 << 20);
-    Sha1 sha;
-    uint64_t offset = 0;
-    while (!stop_.load()) {
-      size_t got = file.read_at(buffer.data(), buffer.size(), offset);
-      if (got == 0) break;
-      sha.update(buffer.data(), got);
-      offset += got;
-    }
-    sha.final(digest_);
-  }
-
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
-  std::exception_ptr error_;
-  uint8_t digest_[kSha1Size] = {};
-};
 
 PatchHeader read_header(const File& patch) {
   uint8_t raw[kPatchHeaderSize];
@@ -136,7 +90,7 @@ void patch_apply(const char16_t* result, const char16_t* patch_path, const DiffF
   check_entry(entry, h, entry_sha1);
   File::open_read(base_file, entry->path, "base file");
   if (base_file.size() != h.base_size) throw DiffError("The base file's size differs from the patch's base");
-  BaseHasher hasher(base_file);
+  FileHasher hasher(base_file);
 
   OutputFile out(result, "result file");
   Sha1 sha;

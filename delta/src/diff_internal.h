@@ -5,11 +5,14 @@
 // DiffError and releases what it holds through RAII.
 #include <openssl/evp.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace zeldiff {
 
@@ -90,6 +93,28 @@ class Sha1 {
 };
 
 constexpr size_t kSha1Size = 20;
+
+// SHA-1 of a whole file on a thread of its own, so that hashing overlaps
+// the delta work; destroying it stops the thread early.
+class FileHasher {
+ public:
+  explicit FileHasher(const File& file);
+  FileHasher(const FileHasher&) = delete;
+  FileHasher& operator=(const FileHasher&) = delete;
+  ~FileHasher();
+  // Waits for the digest; rethrows a read failure.
+  const uint8_t* wait();
+  // Bytes hashed; valid after wait().
+  uint64_t bytes() const { return bytes_; }
+
+ private:
+  void hash(const File& file);
+  std::atomic<bool> stop_{false};
+  std::exception_ptr error_;
+  uint8_t digest_[20] = {};
+  uint64_t bytes_ = 0;
+  std::thread thread_;  // last: starts once the members above exist
+};
 // Hashes the whole file; throws on a read failure.
 void sha1_of_file(const File& file, uint8_t digest[kSha1Size]);
 void sha1_to_hex(const uint8_t digest[kSha1Size], char hex[2 * kSha1Size + 1]);

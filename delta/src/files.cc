@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
+#include <vector>
 
 #include "alloc.h"
 #include "diff_internal.h"
@@ -154,6 +155,39 @@ void sha1_of_file(const File& file, uint8_t digest[kSha1Size]) {
     offset += got;
   }
   sha.final(digest);
+}
+
+FileHasher::FileHasher(const File& file) {
+  thread_ = std::thread([this, &file] {
+    try {
+      hash(file);
+    } catch (...) {
+      error_ = std::current_exception();
+    }
+  });
+}
+
+FileHasher::~FileHasher() {
+  stop_.store(true);
+  if (thread_.joinable()) thread_.join();
+}
+
+const uint8_t* FileHasher::wait() {
+  if (thread_.joinable()) thread_.join();
+  if (error_) std::rethrow_exception(error_);
+  return digest_;
+}
+
+void FileHasher::hash(const File& file) {
+  std::vector<uint8_t> buffer(1 << 20);
+  Sha1 sha;
+  while (!stop_.load()) {
+    size_t got = file.read_at(buffer.data(), buffer.size(), bytes_);
+    if (got == 0) break;
+    sha.update(buffer.data(), got);
+    bytes_ += got;
+  }
+  sha.final(digest_);
 }
 
 void sha1_to_hex(const uint8_t digest[kSha1Size], char hex[2 * kSha1Size + 1]) {

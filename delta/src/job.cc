@@ -53,14 +53,14 @@ void job_run(rs_job_t* job, const Source& source, const Sink& sink, const char* 
 
 ZstdWriter::ZstdWriter(int level, Sink sink) : ctx_(ZSTD_createCCtx()), sink_(std::move(sink)) {
   if (ctx_ == nullptr) throw std::bad_alloc();
-  // One worker compresses while the delta job runs on this thread.
+  // Single-threaded: the delta job, not compression, bounds the speed, and
+  // a worker's job buffers would cost tens of MiB.
   if (ZSTD_isError(ZSTD_CCtx_setParameter(ctx_, ZSTD_c_compressionLevel, level)) ||
       ZSTD_isError(ZSTD_CCtx_setParameter(ctx_, ZSTD_c_windowLog, 21)) ||
       ZSTD_isError(ZSTD_CCtx_setParameter(ctx_, ZSTD_c_checksumFlag, 1))) {
     ZSTD_freeCCtx(ctx_);
     throw DiffError("Cannot set up the compression");
   }
-  ZSTD_CCtx_setParameter(ctx_, ZSTD_c_nbWorkers, 1);  // stays single-threaded where unsupported
   out_.resize(ZSTD_CStreamOutSize());
 }
 

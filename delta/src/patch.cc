@@ -97,11 +97,10 @@ void patch_create(const char16_t* new_file, const char16_t* signature, const cha
   PatchHeader h{};
   uint8_t raw[kPatchHeaderSize] = {};
   out.write(raw, sizeof raw);  // rewritten at the end
-  Sha1 sha;
+  FileHasher hasher(input);
   uint64_t offset = 0;
   Source source = [&](uint8_t* buffer, size_t cap) {
     size_t got = input.read_at(buffer, cap, offset);
-    sha.update(buffer, got);
     offset += got;
     return got;
   };
@@ -113,12 +112,16 @@ void patch_create(const char16_t* new_file, const char16_t* signature, const cha
   if (!job) throw std::bad_alloc();
   job_run(job.get(), source, sink, "Cannot build the delta");
   if (zstd) zstd->finish();
-  if (verify && !(snapshot(input) == before && offset == before.size)) {
+  const uint8_t* digest = hasher.wait();
+  // The hash and the delta read the file separately: they describe the same
+  // bytes only if it did not change, which `verify` checks and the SHA-1
+  // check of every apply enforces in any case.
+  if (hasher.bytes() != offset || (verify && !(snapshot(input) == before && offset == before.size))) {
     throw DiffError("The new file changed while the patch was made");
   }
   h.flags = zstd ? kPatchZstd : 0;
   std::memcpy(h.base_sha1, base.sha1, kSha1Size);
-  sha.final(h.new_sha1);
+  std::memcpy(h.new_sha1, digest, kSha1Size);
   h.new_size = offset;
   h.base_size = base.file_size;
   patch_header_encode(h, raw);
