@@ -7,7 +7,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzdiff::write_file(s.path("sig"), data, size);
   std::u16string sig = fuzzdiff::wide(s.path("sig")), base = fuzzdiff::wide(s.path("base"));
   if (diff_file_match(sig.c_str(), base.c_str(), nullptr, 0.5) > 1) __builtin_trap();
-  DiffFileList* list = file_list_append(file_list_init(), sig.c_str());
+  DiffFileList* list = file_list_init();
+  if (list == nullptr || file_list_append(list, sig.c_str()) != list) __builtin_trap();
   char* message = nullptr;
   std::u16string patch = fuzzdiff::wide(s.path("patch"));
   int32_t made = diff_create_patch(base.c_str(), list, patch.c_str(), nullptr, 1, 0, 3, 1, &message);

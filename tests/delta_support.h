@@ -96,9 +96,10 @@ class DeltaTest : public ::testing::Test {
   }
   int32_t patch(const std::string& sig, const std::string& updated, const std::string& out, int level = 6,
                 std::string* message = nullptr) {
-    DiffFileList* list = file_list_append(file_list_init(), wide(path(sig)).c_str());
+    DiffFileList* list = file_list_init();
+    DiffFileList* bases = list != nullptr ? file_list_append(list, wide(path(sig)).c_str()) : nullptr;
     char* err = nullptr;
-    int32_t r = diff_create_patch(wide(path(updated)).c_str(), list, wide(path(out)).c_str(), nullptr, 1, 0,
+    int32_t r = diff_create_patch(wide(path(updated)).c_str(), bases, wide(path(out)).c_str(), nullptr, 1, 0,
                                   level, 1, &err);
     file_list_cleanup(list);
     return take(r, err, message);
