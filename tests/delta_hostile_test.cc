@@ -50,6 +50,9 @@ TEST_F(HostileTest, ApplyRefusesTheWrongBase) {
   files_ = listing();
   // The entry names the right SHA-1 but the file's content differs.
   expect_refused("other", sha1_hex(base_), "patch", "content differs");
+  std::string why;
+  EXPECT_LT(apply("other", sha1_hex(base_), "patch", "out", 0, &why), 0);
+  EXPECT_NE(why.find("base file's content"), std::string::npos) << why;
   // The entry's SHA-1 is not the patch's base.
   std::string message;
   EXPECT_LT(apply("other", sha1_hex(other), "patch", "out", 0, &message), 0);

@@ -90,26 +90,28 @@ void patch_apply(const char16_t* result, const char16_t* patch_path, const DiffF
   check_entry(entry, h, entry_sha1);
   File::open_read(base_file, entry->path, "base file");
   if (base_file.size() != h.base_size) throw DiffError("The base file's size differs from the patch's base");
-  FileHasher hasher(base_file);
 
   OutputFile out(result, "result file");
-  Sha1 sha;
+  HashPipe sha;
   uint64_t written = 0;
   Sink sink = [&](const uint8_t* data, size_t n) {
     if (n > h.new_size - written) throw DiffError("The patch is damaged: it builds more data than it states");
     written += n;
-    sha.update(data, n);
+    sha.push(data, n);
     out.write(data, n);
   };
   BaseReader base{&base_file, h.base_size, nullptr};
   run_patch(patch, h, base, sink);
   uint8_t digest[kSha1Size];
-  sha.final(digest);
+  sha.finish(digest);
   if (written != h.new_size || std::memcmp(digest, h.new_sha1, kSha1Size) != 0) {
+    // Only now is the base hashed: a result that verifies cannot come from a
+    // wrong base, and a failure is worth the time to name its cause.
+    sha1_of_file(base_file, digest);
+    if (std::memcmp(digest, entry_sha1, kSha1Size) != 0) {
+      throw DiffError("The base file's content does not match its SHA-1");
+    }
     throw DiffError("The patch is damaged: the result does not match its SHA-1");
-  }
-  if (std::memcmp(hasher.wait(), entry_sha1, kSha1Size) != 0) {
-    throw DiffError("The base file's content does not match its SHA-1");
   }
   int perms = -1;
   struct stat st;

@@ -100,10 +100,13 @@ DIFF_EXPORT int32_t diff_create_patch(const char16_t* new_file, DiffFileList* ba
                                       int32_t verify, char** err_msg);
 
 /* Applies `patch` to the one base in `*bases` and writes `result`. The entry's
- * SHA-1 text must equal the base SHA-1 of the patch, and the base file's
- * content must hash to it; the result is written to a temporary file beside
- * `result`, its SHA-1 and size are checked against the patch, and only then
- * is it renamed over `result`. On any failure `result` is left as it was.
+ * SHA-1 text must equal the base SHA-1 of the patch and the base file must
+ * have the patch's base size. The result is written to a temporary file
+ * beside `result`; its size and SHA-1 are checked against the patch, and only
+ * then is it renamed over `result`, so no file built from a wrong base or a
+ * damaged patch is ever accepted. When that check fails the base is hashed
+ * to report which of the two it was. On any failure `result` is left as it
+ * was.
  * `apply_mode` is a set of bits:
  *   1  give the result the permission bits of the base file (otherwise the
  *      process's defaults for a new file);
