@@ -57,9 +57,11 @@ edit_one_percent "$work/edit"
 half=$((size / 2))
 { head -c "$half" "$work/base"; head -c $((64 * 1048576)) /dev/urandom; tail -c +$((half + 1)) "$work/base"; } > "$work/ins"
 head -c "$size" /dev/urandom > "$work/unrelated"
-seq -f "%.0f: GET /objects/photos/2024 200 bytes=4096 agent=zel-c-sdk/2.7.3" 1 $((size / 4 / 64)) > "$work/text"
-cp "$work/text" "$work/text.edit"
-edit_one_percent "$work/text.edit"
+if [ "$rss_only" != 1 ]; then
+  seq -f "%.0f: GET /objects/photos/2024 200 bytes=4096 agent=zel-c-sdk/2.7.3" 1 $((size / 4 / 64)) > "$work/text"
+  cp "$work/text" "$work/text.edit"
+  edit_one_percent "$work/text.edit"
+fi
 base_sha=$(sha1sum "$work/base" | cut -d' ' -f1)
 
 # run NAME OUTPUT CMD...: one timed run; appends "seconds rss_kib" to NAME.
