@@ -49,6 +49,7 @@ class File {
   // Opens `path` for reading; throws "Cannot open the <what>: <reason>".
   static void open_read(File& file, const char16_t* path, const char* what);
   int fd() const;
+  FILE* stream() const { return file_; }
   uint64_t size() const;
   // Reads up to n bytes at `offset`; fewer only at the end of the file.
   size_t read_at(void* buffer, size_t n, uint64_t offset) const;

@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "job.h"
 #include "signature.h"
@@ -22,24 +23,17 @@ struct SumsetFree {
 using SumsetPtr = std::unique_ptr<rs_signature_t, SumsetFree>;
 
 // Loads the librsync part of a checked signature file and indexes it.
+// librsync's file loader sizes its block table from the file's length at
+// once; fed as a stream, it would grow the table by doubling and could
+// briefly hold three times the signature.
 SumsetPtr load_sumset(const File& sig) {
-  rs_signature_t* raw = nullptr;
-  JobPtr job(rs_loadsig_begin(&raw));
-  if (!job) throw std::bad_alloc();
-  uint64_t offset = kSigHeaderSize;
-  Source source = [&](uint8_t* buffer, size_t cap) {
-    size_t got = sig.read_at(buffer, cap, offset);
-    offset += got;
-    return got;
-  };
-  try {
-    job_run(
-        job.get(), source, [](const uint8_t*, size_t) {}, "Cannot load the signature");
-  } catch (...) {
-    if (raw != nullptr) rs_free_sumset(raw);
-    throw;
+  if (fseeko(sig.stream(), static_cast<off_t>(kSigHeaderSize), SEEK_SET) != 0) {
+    throw DiffError(diff_errno_message("Cannot read the signature file"));
   }
+  rs_signature_t* raw = nullptr;
+  rs_result result = rs_loadsig_file(sig.stream(), &raw, nullptr);
   SumsetPtr sums(raw);
+  if (result != RS_DONE) throw DiffError(std::string("Cannot load the signature: ") + rs_strerror(result));
   if (!sums || rs_build_hash_table(sums.get()) != RS_DONE) throw DiffError("Cannot index the signature");
   return sums;
 }
