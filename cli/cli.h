@@ -230,5 +230,6 @@ void add_bucket_commands(CLI::App& app, Context& ctx);
 void add_object_commands(CLI::App& app, Context& ctx);
 void add_put_commands(CLI::App& app, Context& ctx);
 void add_get_commands(CLI::App& app, Context& ctx);
+void add_diff_commands(CLI::App& app, Context& ctx);
 
 }  // namespace zelcli

@@ -144,6 +144,7 @@ int main(int argc, char** argv) {
   add_object_commands(app, ctx);
   add_put_commands(app, ctx);
   add_get_commands(app, ctx);
+  add_diff_commands(app, ctx);
   ctx.global.json = wants_json(argc, argv);
   try {
     app.parse(argc, argv);

@@ -1,0 +1,193 @@
+// The delta library on wrong, damaged and crafted input: every refusal is a
+// negative result with a message, the result path keeps its old content, no
+// temporary file stays behind, and allocation failures are survived.
+#include <cstring>
+
+#include "delta_support.h"
+
+namespace deltatest {
+namespace {
+
+Bytes concat_trailer(Bytes data) {
+  data.push_back(0);
+  return data;
+}
+
+class HostileTest : public DeltaTest {
+ protected:
+  void SetUp() override {
+    DeltaTest::SetUp();
+    base_ = random_bytes(50000, 1);
+    updated_ = base_;
+    std::memcpy(&updated_[20000], random_bytes(5000, 2).data(), 5000);
+    write("base", base_);
+    write("new", updated_);
+    write("out", Bytes{'o', 'l', 'd'});
+    ASSERT_EQ(signature("base", "sig"), 0);
+    ASSERT_EQ(patch("sig", "new", "patch"), 0);
+    ASSERT_EQ(patch("sig", "new", "stored", 0), 0);
+    files_ = listing();
+  }
+
+  // Applies `patch_name` and expects a refusal that leaves "out" alone.
+  void expect_refused(const std::string& base, const std::string& sha1, const std::string& patch_name,
+                      const std::string& why) {
+    std::string message;
+    EXPECT_LT(apply(base, sha1, patch_name, "out", 0, &message), 0) << why;
+    EXPECT_FALSE(message.empty()) << why;
+    EXPECT_EQ(read("out"), (Bytes{'o', 'l', 'd'})) << why;
+    EXPECT_EQ(listing(), files_) << why << ": a temporary file was left";
+  }
+
+  Bytes base_, updated_;
+  std::vector<std::string> files_;
+};
+
+TEST_F(HostileTest, ApplyRefusesTheWrongBase) {
+  Bytes other = base_;
+  other[100] ^= 1;
+  write("other", other);
+  files_ = listing();
+  // The entry names the right SHA-1 but the file's content differs.
+  expect_refused("other", sha1_hex(base_), "patch", "content differs");
+  std::string why;
+  EXPECT_LT(apply("other", sha1_hex(base_), "patch", "out", 0, &why), 0);
+  EXPECT_NE(why.find("base file's content"), std::string::npos) << why;
+  // The entry's SHA-1 is not the patch's base.
+  std::string message;
+  EXPECT_LT(apply("other", sha1_hex(other), "patch", "out", 0, &message), 0);
+  EXPECT_NE(message.find("not made from"), std::string::npos) << message;
+  expect_refused("base", "not a sha1", "patch", "malformed SHA-1 text");
+  expect_refused("base", sha1_hex(base_) + "0", "patch", "SHA-1 text too long");
+  write("short", Bytes(base_.begin(), base_.end() - 1));
+  files_ = listing();
+  expect_refused("short", sha1_hex(base_), "patch", "base of another size");
+  expect_refused("missing", sha1_hex(base_), "patch", "no base file");
+  // Upper-case digits name the same SHA-1.
+  std::string upper = sha1_hex(base_);
+  for (char& c : upper) c = static_cast<char>(toupper(c));
+  EXPECT_EQ(apply("base", upper, "patch", "out"), 0);
+  EXPECT_EQ(read("out"), updated_);
+}
+
+TEST_F(HostileTest, ApplyRefusesTruncatedPatches) {
+  for (const char* name : {"patch", "stored"}) {
+    Bytes whole = read(name);
+    for (size_t cut :
+         {size_t{0}, size_t{10}, size_t{63}, size_t{64}, size_t{65}, whole.size() / 2, whole.size() - 1}) {
+      write("cut", Bytes(whole.begin(), whole.begin() + cut));
+      files_ = listing();
+      expect_refused("base", sha1_hex(base_), "cut", std::string(name) + " cut at " + std::to_string(cut));
+    }
+    write("long", concat_trailer(whole));
+    files_ = listing();
+    expect_refused("base", sha1_hex(base_), "long", std::string(name) + " with trailing data");
+  }
+}
+
+TEST_F(HostileTest, ApplyRefusesCorruptedPatches) {
+  for (const char* name : {"patch", "stored"}) {
+    Bytes whole = read(name);
+    // Every header byte, then a spread of bytes of the delta stream.
+    std::vector<size_t> spots;
+    for (size_t i = 0; i < 64; ++i) spots.push_back(i);
+    for (size_t i = 64; i < whole.size(); i += 1 + whole.size() / 50) spots.push_back(i);
+    for (size_t spot : spots) {
+      Bytes bad = whole;
+      bad[spot] ^= 0x40;
+      write("bad", bad);
+      files_ = listing();
+      std::string message;
+      int32_t r = apply("base", sha1_hex(base_), "bad", "out", 0, &message);
+      // A flipped byte either is refused or, in a byte the stream does not
+      // depend on, still yields exactly the new file: never anything else.
+      if (r < 0) {
+        EXPECT_EQ(read("out"), (Bytes{'o', 'l', 'd'})) << name << " byte " << spot;
+      } else {
+        EXPECT_EQ(read("out"), updated_) << name << " byte " << spot;
+        write("out", Bytes{'o', 'l', 'd'});
+      }
+      EXPECT_EQ(listing(), files_) << name << " byte " << spot;
+    }
+  }
+}
+
+TEST_F(HostileTest, DamagedSignaturesAreRefused) {
+  Bytes sig = read("sig");
+  auto refused = [&](const Bytes& bad, const std::string& why) {
+    write("badsig", bad);
+    EXPECT_LT(match("badsig", "new", 1.0), 0) << why;
+    std::string message;
+    EXPECT_LT(patch("badsig", "new", "p2", 6, &message), 0) << why;
+    EXPECT_FALSE(exists("p2")) << why;
+    std::remove(path("p2").c_str());
+  };
+  for (size_t cut : {size_t{0}, size_t{3}, size_t{23}, size_t{24}, size_t{43}, size_t{44}, sig.size() - 1})
+    refused(Bytes(sig.begin(), sig.begin() + cut), "cut at " + std::to_string(cut));
+  Bytes longer = sig;
+  longer.push_back(0);
+  refused(longer, "one byte too many");
+  for (size_t spot : {0, 3, 26, 31, 32, 36, 40, 43}) {  // magic, version, size, librsync header
+    Bytes bad = sig;
+    bad[spot] ^= 0x11;
+    refused(bad, "byte " + std::to_string(spot));
+  }
+  // A size off by a few bytes describes as many blocks: the signature looks
+  // whole, and the patch made from it names a base no file has.
+  Bytes off = sig;
+  off[24] ^= 0x11;
+  write("off", off);
+  ASSERT_EQ(patch("off", "new", "p4"), 0);
+  files_ = listing();
+  expect_refused("base", sha1_hex(base_), "p4", "base size recorded wrongly");
+  Bytes huge = sig;
+  for (int i = 24; i < 32; ++i) huge[i] = 0xFF;  // claims 16 EiB
+  refused(huge, "absurd size");
+  // Garbage block sums are well-formed: they match nothing, and a patch
+  // from them is all literal data but still correct.
+  Bytes noise = sig;
+  Bytes random = random_bytes(sig.size() - 44, 9);
+  std::copy(random.begin(), random.end(), noise.begin() + 44);
+  write("noise", noise);
+  EXPECT_EQ(match("noise", "new", 0.5), 0);
+  ASSERT_EQ(patch("noise", "new", "p3"), 0);
+  ASSERT_EQ(apply("base", sha1_hex(base_), "p3", "out"), 0);
+  EXPECT_EQ(read("out"), updated_);
+}
+
+// Every allocation the library makes through its allocator fails once in
+// turn; each call must then fail cleanly or succeed, never leak or crash
+// (the sanitizer build checks the leaks).
+TEST_F(HostileTest, AllocationFailuresAreSurvived) {
+  int refusals = 0;
+  for (long step = 1; step < 40; ++step) {
+    mem_fail_at(step);
+    DiffFileList* list = file_list_init();
+    DiffFileList* grown = list != nullptr ? file_list_append(list, wide(path("sig")).c_str()) : nullptr;
+    std::string message;
+    int32_t sig = signature("base", "sig2", &message);
+    int32_t made = grown != nullptr ? patch("sig", "new", "p" + std::to_string(step), 6, &message) : -1;
+    int32_t applied = apply("base", sha1_hex(base_), "patch", "out2", 0, &message);
+    char* hex = file_sha1(wide(path("base")).c_str());
+    mem_fail_at(0);
+    file_list_cleanup(list);
+    if (sig == 0) {
+      EXPECT_EQ(read("sig2"), read("sig")) << step;
+    }
+    if (made == 0) {
+      EXPECT_TRUE(exists("p" + std::to_string(step))) << step;
+    }
+    if (applied == 0) {
+      EXPECT_EQ(read("out2"), updated_) << step;
+    }
+    if (hex != nullptr) {
+      EXPECT_EQ(std::string(hex), sha1_hex(base_)) << step;
+    }
+    std::free(hex);
+    refusals += (sig < 0) + (made < 0) + (applied < 0) + (hex == nullptr);
+  }
+  EXPECT_GT(refusals, 3) << "the allocation seam did not reach the library";
+}
+
+}  // namespace
+}  // namespace deltatest
