@@ -619,16 +619,16 @@ ZEL_EXPORT void zel_copy_object(ZEL* handle, const ZELCopyObjectOpt* opt, void* 
 #define KRI_JOB_FAILED (-1)
 
 typedef struct KRI {
-  uint32_t environment;    /* ZEL_ENV_*; see kri_api_url */
-  uint32_t api_version;    /* substituted into "/kri/api/v%u" */
-  uint32_t timeout_ms;     /* whole exchange; default 10000 */
+  uint32_t environment;     /* ZEL_ENV_*; see kri_api_url */
+  uint32_t api_version;     /* substituted into "/kri/api/v%u" */
+  uint32_t timeout_ms;      /* whole exchange; default 10000 */
   uint32_t ssl_verify_peer; /* default 1 */
-  int64_t max_send_speed;  /* bytes/s; 0: no cap */
-  int64_t max_recv_speed;  /* bytes/s; 0: no cap */
-  char* proxy;             /* owned; set with kri_set_proxy */
-  char* proxy_username;    /* owned */
-  char* proxy_password;    /* owned */
-  ZELGetTokenFn get_token; /* create and apply requests refuse a handle without it */
+  int64_t max_send_speed;   /* bytes/s; 0: no cap */
+  int64_t max_recv_speed;   /* bytes/s; 0: no cap */
+  char* proxy;              /* owned; set with kri_set_proxy */
+  char* proxy_username;     /* owned */
+  char* proxy_password;     /* owned */
+  ZELGetTokenFn get_token;  /* create and apply requests refuse a handle without it */
   ZELFreeTokenFn free_token;
 } KRI;
 
@@ -733,7 +733,8 @@ ZEL_EXPORT int32_t kri_health(const KRI* kri);
  * "Forbidden", 404 "Not Found", anything else "Internal Server Error". */
 ZEL_EXPORT const char* kri_create_signature(const KRI* kri, const KRICreateSignatureOpt* opt,
                                             KRICreateSignatureResp* resp);
-ZEL_EXPORT const char* kri_create_delta(const KRI* kri, const KRICreateDeltaOpt* opt, KRICreateDeltaResp* resp);
+ZEL_EXPORT const char* kri_create_delta(const KRI* kri, const KRICreateDeltaOpt* opt,
+                                        KRICreateDeltaResp* resp);
 ZEL_EXPORT const char* kri_apply_patch(const KRI* kri, const KRIApplyPatchOpt* opt, KRIApplyPatchResp* resp);
 
 /* Read a job's state into `status`. A job with a document id is asked for by
