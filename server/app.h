@@ -8,7 +8,9 @@
 
 #include "auth.h"
 #include "buckets.h"
+#include "delta_store.h"
 #include "faults.h"
+#include "jobs.h"
 #include "journal.h"
 #include "objects.h"
 #include "sessions.h"
@@ -23,6 +25,7 @@ struct Options {
   bool test_api = false;
   std::string faults_file;
   size_t threads = 64;  // one per open connection
+  size_t delta_threads = 2;  // delta-engine jobs run at once
   std::vector<std::pair<std::string, std::string>> tokens;
 };
 
@@ -31,7 +34,8 @@ bool parse_options(int argc, char **argv, Options &out, std::string &err);
 const char *usage_text();
 
 struct App {
-  explicit App(const Options &o) : opts(o), buckets(store), objects(store), sessions(store, objects) {}
+  explicit App(const Options &o)
+      : opts(o), buckets(store), objects(store), sessions(store, objects), deltas(store), jobs(store) {}
   Options opts;
   Store store;
   Buckets buckets;
@@ -40,6 +44,8 @@ struct App {
   Auth auth;
   Journal journal;
   Faults faults;
+  DeltaStore deltas;
+  Jobs jobs;  // last: its threads stop before anything they use goes
 };
 
 }  // namespace zelsrv

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "app.h"
+#include "delta.h"
 #include "router.h"
 #include "util.h"
 
@@ -44,7 +45,7 @@ bool prepare(App &app, std::string &err) {
   if (!app.store.open(app.opts.data, err) || !load_faults(app, err)) return false;
   app.sessions.recover();
   app.objects.remove_orphans();
-  return true;
+  return start_delta_engine(app, err);
 }
 
 int bind_server(WireServer &server, const Options &opts) {

@@ -26,7 +26,7 @@ bool take_token(const std::string &v, Options &out, std::string &err) {
 
 const char *usage_text() {
   return "usage: zel-server [--host 127.0.0.1] [--port 9000] [--data DIR] [--token TOKEN=AUTH_ID]...\n"
-         "                  [--test-api] [--faults FILE] [--threads N]\n"
+         "                  [--test-api] [--faults FILE] [--threads N] [--delta-threads N]\n"
          "  --port 0 picks a free port; the line 'listening on http://HOST:PORT' tells which.\n"
          "  Without --data the state lives in a temporary directory removed at exit.\n"
          "  The token 'local-dev-token' (auth id 'local') is always accepted; --token adds more.\n";
@@ -52,6 +52,9 @@ bool parse_options(int argc, char **argv, Options &out, std::string &err) {
       ++i;
     } else if (a == "--threads" && parse_int(argv[i + 1], 16, 4096, n)) {
       out.threads = static_cast<size_t>(n);
+      ++i;
+    } else if (a == "--delta-threads" && parse_int(argv[i + 1], 1, 64, n)) {
+      out.delta_threads = static_cast<size_t>(n);
       ++i;
     } else if (a == "--data") {
       out.data = argv[++i];
