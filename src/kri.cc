@@ -92,15 +92,15 @@ class KriExchange {
   }
   const char* get(const char* url) { return http_request_get(request_, url); }
 
-  // Creates the response (with an in-memory body when asked) and performs.
-  const char* perform(bool keep_body) {
+  // Creates the response with an in-memory body and performs. Every
+  // answer is caught in memory: without a body, libcurl would copy it to
+  // the host process's standard output.
+  const char* perform() {
     response_ = http_response_init();
     if (response_ == nullptr) return "Cannot initialize http response";
-    if (keep_body) {
-      response_->body = http_body_init();
-      if (response_->body == nullptr) return "Cannot initialize http response body";
-      response_->body->callback = http_body_write;
-    }
+    response_->body = http_body_init();
+    if (response_->body == nullptr) return "Cannot initialize http response body";
+    response_->body->callback = http_body_write;
     return http_perform(request_, response_);
   }
 
@@ -302,7 +302,7 @@ const char* submit_job(const KRI* kri, const Opt* opt, Resp* resp, const JobRout
   MemText body{build_body(opt)};
   if (body.text == nullptr) return route.body_failed;
   if (const char* error = exchange.post_json(url, body.text)) return error;
-  if (const char* error = exchange.perform(true)) return error;
+  if (const char* error = exchange.perform()) return error;
   return judge(exchange, url, resp);
 }
 
@@ -332,7 +332,7 @@ const char* job_status(const KRI* kri, const Job* job, KRIStatusResp* status, co
   if (const char* error = exchange.open(kri)) return error;
   if (const char* error = address_job(kri, job, route, exchange, url)) return error;
   if (const char* error = exchange.get(url)) return error;
-  if (const char* error = exchange.perform(true)) return error;
+  if (const char* error = exchange.perform()) return error;
   return judge(exchange, url, status);
 }
 
@@ -392,7 +392,7 @@ extern "C" ZEL_EXPORT int32_t kri_health(const KRI* kri) {
   KriExchange exchange;
   const char* error = exchange.open(kri);
   if (error == nullptr) error = exchange.get(url);
-  if (error == nullptr) error = exchange.perform(false);
+  if (error == nullptr) error = exchange.perform();
   if (error != nullptr) {
     ZLOG("%s", error);
     return 0;
