@@ -52,6 +52,11 @@ bool parse_delta_header(const std::string &value, DeltaHeader &out) {
 void serve_kept(Ctx &c, const KeptFile &k) {
   int fd = open(k.path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return c.error(500, "Cannot open the kept file");
+  if (k.size == 0) {
+    close(fd);
+    c.res.status = 200;
+    return c.res.set_content("", "application/octet-stream");
+  }
   auto file = std::shared_ptr<int>(new int(fd), [](int *p) {
     close(*p);
     delete p;

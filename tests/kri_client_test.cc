@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc.h"
 #include "captured_log.h"
 #include "raw_http_server.h"
 
@@ -121,6 +122,10 @@ TEST(KriHandle, DefaultsProxyAndUrls) {
   kri_cleanup(nullptr);
 
   CapturedLog log;
+  mem_fail_at(1);
+  EXPECT_EQ(kri_init(ZEL_ENV_LOCAL, 1, token_fn, nullptr), nullptr);
+  mem_fail_at(0);
+  EXPECT_EQ(log.count("Cannot initialize KRI hanlder"), 1);
   EXPECT_EQ(kri_api_url(nullptr, url, "/health"), -1);
   EXPECT_EQ(kri_health(nullptr), 0);
   EXPECT_EQ(log.count("KRI handler is not initialized"), 2);
