@@ -114,6 +114,9 @@ TEST(KriHandle, DefaultsProxyAndUrls) {
   kri_api_url(kri, url, "/health");
   EXPECT_STRNE(url, "http://127.0.0.1:5/kri/api/v3/health");
 
+  kri->environment = 4;
+  EXPECT_EQ(kri_health(kri), 0) << "a bare path reaches no service";
+
   std::string long_path(5000, 'a');
   kri->environment = 0;
   EXPECT_EQ(kri_api_url(kri, url, "/%s", long_path.c_str()), 5001) << "length of the whole URL";
