@@ -95,6 +95,11 @@ class DeltaServerTest : public EmulatorTest {
     return read_file(path("patch"));
   }
 
+  // The delta engine's test controls.
+  HttpResult controls(const std::string &method, const std::string &route, const std::string &body = "") {
+    return http(method, server_.base_url() + "/_emulator/delta" + route, {kAuthHeader}, body);
+  }
+
   std::string kri(const std::string &route) const { return server_.base_url() + "/kri/api/v1" + route; }
 
   // Registers a job; its answer.
@@ -187,7 +192,7 @@ TEST_F(DeltaServerTest, PatchUploadThenApply) {
       << "the kind is part of the address";
   EXPECT_EQ(http("GET", kri("/public/" + id)).status, 404) << "the id is not the public token";
 
-  HttpResult report = http("GET", server_.base_url() + "/_emulator/delta");
+  HttpResult report = controls("GET", "");
   JsonPtr r = parse_json(report.body);
   const json_t *recorded = json_object_get(json_array_get(json_object_get(r.get(), "jobs"), 0), "Acm");
   EXPECT_EQ(json_text(recorded, "x-pmw-acm-namespace"), "ns");
@@ -303,8 +308,8 @@ TEST_F(DeltaServerTest, JobRequestsAreChecked) {
 TEST_F(DeltaServerTest, TestControlsHoldFailAndCount) {
   put("base", base_);
   ASSERT_EQ(
-      http("POST", server_.base_url() + "/_emulator/delta/scripts", {},
-           R"([{"kind":"createsignature","empty_polls":3},{"kind":"createsignature","fail":"scripted"}])")
+      controls("POST", "/scripts",
+               R"([{"kind":"createsignature","empty_polls":3},{"kind":"createsignature","fail":"scripted"}])")
           .status,
       200);
   std::string sig = R"({"BucketName":"dlt","ObjectName":"base","BlockSize":2048})";
@@ -320,7 +325,7 @@ TEST_F(DeltaServerTest, TestControlsHoldFailAndCount) {
   EXPECT_EQ(json_int(failed.get(), "Code"), -1);
   EXPECT_EQ(json_text(failed.get(), "Description"), "scripted");
 
-  JsonPtr report = parse_json(http("GET", server_.base_url() + "/_emulator/delta").body);
+  JsonPtr report = parse_json(controls("GET", "").body);
   EXPECT_GE(json_int(report.get(), "polls"), 5);
   size_t i;
   json_t *j;
@@ -333,16 +338,14 @@ TEST_F(DeltaServerTest, TestControlsHoldFailAndCount) {
   ASSERT_TRUE(server_.add_fault(R"({"path":"^/kri/api/v1/createsignature$","status":503,"times":1})"));
   EXPECT_EQ(post_json(kri("/createsignature"), sig).status, 503) << "fault rules reach the delta engine";
   EXPECT_EQ(post_json(kri("/createsignature"), sig).status, 200);
-  EXPECT_EQ(http("POST", server_.base_url() + "/_emulator/delta/scripts", {}, R"({"unknown":1})").status,
-            400);
+  EXPECT_EQ(controls("POST", "/scripts", R"({"unknown":1})").status, 400);
 }
 
 TEST_F(DeltaServerTest, JobsSurviveAKilledServer) {
   put("base", base_);
   std::string patch = local_patch(base_, next_);
   put("next", patch, {patch_header(base_, next_), "x-pmw-delta-processtype: 0"});
-  ASSERT_EQ(http("POST", server_.base_url() + "/_emulator/delta/scripts", {}, R"({"delay_ms":60000})").status,
-            200);
+  ASSERT_EQ(controls("POST", "/scripts", R"({"delay_ms":60000})").status, 200);
   JsonPtr job = submit("/applypatch", apply_body(sha1_hex(next_)));
   std::string id = json_text(job.get(), "DocumentID");
   std::string token = json_text(job.get(), "Description").substr(kri("/public/").size());
@@ -359,7 +362,7 @@ TEST_F(DeltaServerTest, JobsSurviveAKilledServer) {
   EXPECT_EQ(json_int(done.get(), "Code"), 5) << "an interrupted job runs again from the start";
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, next_);
   EXPECT_EQ(http("GET", kri("/public/" + token)).status, 200) << "the public address outlives the restart";
-  JsonPtr report = parse_json(http("GET", server_.base_url() + "/_emulator/delta").body);
+  JsonPtr report = parse_json(controls("GET", "").body);
   EXPECT_EQ(json_int(json_array_get(json_object_get(report.get(), "jobs"), 0), "Runs"), 2);
 }
 
