@@ -174,6 +174,17 @@ bool DeltaStore::pending(const std::string &bucket, const std::string &key, Pend
   return true;
 }
 
+bool DeltaStore::still_holds(const std::string &bucket, const std::string &key, const std::string &blob,
+                             ObjectMeta &out) {
+  Stmt row(
+      store_,
+      "SELECT content_type, created FROM objects WHERE bucket = ? AND key = ? AND blob = ? AND deleted = 0");
+  if (!row.bind(1, bucket).bind(2, key).bind(3, blob).row()) return false;
+  out.content_type = row.text(0);
+  out.created = row.i64(1);
+  return true;
+}
+
 bool DeltaStore::publish_applied(const std::string &bucket, const std::string &key,
                                  const std::string &patch_blob, const std::string &made,
                                  const std::string &sha1, uint64_t size, ObjectMeta &out,
@@ -182,16 +193,9 @@ bool DeltaStore::publish_applied(const std::string &bucket, const std::string &k
   if (!fsync_path(made) || rename(made.c_str(), store_.blob_path(out.blob).c_str()) != 0) return false;
   sync_dir(store_.objects_dir());
   std::lock_guard<std::mutex> lock(store_.mutex());
-  {
-    Stmt row(store_,
-             "SELECT content_type, created FROM objects WHERE bucket = ? AND key = ? AND blob = ? AND "
-             "deleted = 0");
-    if (!row.bind(1, bucket).bind(2, key).bind(3, patch_blob).row()) {
-      unlink(store_.blob_path(out.blob).c_str());
-      return false;
-    }
-    out.content_type = row.text(0);
-    out.created = row.i64(1);
+  if (!still_holds(bucket, key, patch_blob, out)) {
+    unlink(store_.blob_path(out.blob).c_str());
+    return false;
   }
   out.bucket = bucket;
   out.key = key;
@@ -201,8 +205,8 @@ bool DeltaStore::publish_applied(const std::string &bucket, const std::string &k
   store_.set_durable(true);
   store_.exec("BEGIN IMMEDIATE");
   Stmt(store_,
-       "UPDATE objects SET blob = ?, size = ?, sha1 = ?, modified = ?, accessed = ? WHERE bucket = ? AND key "
-       "= ?")
+       "UPDATE objects SET blob = ?, size = ?, sha1 = ?, modified = ?, accessed = ?"
+       " WHERE bucket = ? AND key = ?")
       .bind(1, out.blob)
       .bind(2, static_cast<int64_t>(size))
       .bind(3, sha1)

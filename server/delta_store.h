@@ -65,6 +65,10 @@ class DeltaStore {
  private:
   bool kept(const std::string &name, KeptFile &out);
   bool keep(const std::string &name, const std::string &made, KeptFile &out, std::string &why);
+  // Content type and birth date of the object while it still holds `blob`
+  // (store mutex held); false once it has moved on.
+  bool still_holds(const std::string &bucket, const std::string &key, const std::string &blob,
+                   ObjectMeta &out);
 
   Store &store_;
 };

@@ -145,10 +145,11 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
     EXPECT_EQ(sent[0].header("Range"), "");
     EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty());
     // With the delta header the service answers the object's signature.
-    std::string expected = delta ? zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/unknown",
-                                                 {zeltest::kAuthHeader, "x-pmw-delta-object: signature:@2048"})
-                                       .body
-                                 : data;
+    std::string expected = delta
+                               ? zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/unknown",
+                                               {zeltest::kAuthHeader, "x-pmw-delta-object: signature:@2048"})
+                                     .body
+                               : data;
     EXPECT_EQ(xfer::read_file(dir_.file("unknown")), expected);
     if (!delta) {
       EXPECT_EQ(o.progress_total, data.size()) << "the total comes from the transfer";
