@@ -200,6 +200,29 @@ TEST_F(DeltaServerTest, PatchUploadThenApply) {
   EXPECT_EQ(json_object_get(recorded, "x-pmw-acm-groups"), nullptr);
 }
 
+TEST_F(DeltaServerTest, ResumablePatchUploadThenApply) {
+  put("base", base_);
+  std::string patch = local_patch(base_, next_);
+  size_t half = patch.size() / 2;
+  std::string total = std::to_string(patch.size());
+  struct Piece {
+    size_t from, to;
+  };
+  for (Piece p : {Piece{half, patch.size()}, Piece{0, half}}) {
+    HttpResult r = http(
+        "PUT", object("next") + "/resumable",
+        {kAuthHeader, "Session-Id: patch-session", patch_header(base_, next_), "x-pmw-delta-processtype: 2",
+         "Content-Range: bytes " + std::to_string(p.from) + "-" + std::to_string(p.to - 1) + "/" + total},
+        patch.substr(p.from, p.to - p.from));
+    ASSERT_TRUE(r.status == 200 || r.status == 202) << r.status << " " << r.body;
+  }
+  JsonPtr done = wait_job("applypatch",
+                          json_text(submit("/applypatch", apply_body(sha1_hex(next_))).get(), "DocumentID"));
+  ASSERT_TRUE(done);
+  EXPECT_EQ(json_int(done.get(), "Code"), 5) << json_text(done.get(), "Description");
+  EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, next_);
+}
+
 TEST_F(DeltaServerTest, FailedApplyLeavesTheUploadedContent) {
   put("base", base_);
   std::string patch = local_patch(base_, next_);
