@@ -8,7 +8,9 @@
 
 #include "auth.h"
 #include "buckets.h"
+#include "delta_store.h"
 #include "faults.h"
+#include "jobs.h"
 #include "journal.h"
 #include "objects.h"
 #include "sessions.h"
@@ -24,6 +26,7 @@ struct Options {
   bool test_api = false;
   std::string faults_file;
   size_t threads = 64;  // requests served at once
+  size_t delta_threads = 2;  // delta-engine jobs run at once
   std::vector<std::pair<std::string, std::string>> tokens;
   bool log_requests = false;
   int client_timeout_sec = 10;          // request head deadline; body floor-rate window
@@ -36,7 +39,8 @@ bool parse_options(int argc, char **argv, Options &out, std::string &err);
 const char *usage_text();
 
 struct App {
-  explicit App(const Options &o) : opts(o), buckets(store), objects(store), sessions(store, objects) {}
+  explicit App(const Options &o)
+      : opts(o), buckets(store), objects(store), sessions(store, objects), deltas(store), jobs(store) {}
   Options opts;
   Store store;
   Buckets buckets;
@@ -46,6 +50,8 @@ struct App {
   Journal journal;
   Faults faults;
   StopFlag stop;
+  DeltaStore deltas;
+  Jobs jobs;  // last: its threads stop before anything they use goes
 };
 
 }  // namespace zelsrv

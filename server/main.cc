@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "app.h"
+#include "delta.h"
 #include "router.h"
 #include "util.h"
 
@@ -50,7 +51,7 @@ bool prepare(App &app, std::string &err) {
   app.objects.check_files();
   app.sessions.recover();
   app.objects.remove_orphans();
-  return true;
+  return start_delta_engine(app, err);
 }
 
 int bind_server(WireServer &server, const Options &opts) {

@@ -30,6 +30,8 @@ bool take_number(const std::string &a, const char *v, Options &out) {
     out.port = static_cast<int>(n);
   } else if (a == "--threads" && parse_int(v, 16, 4096, n)) {
     out.threads = static_cast<size_t>(n);
+  } else if (a == "--delta-threads" && parse_int(v, 1, 64, n)) {
+    out.delta_threads = static_cast<size_t>(n);
   } else if (a == "--client-timeout" && parse_int(v, 1, 3600, n)) {
     out.client_timeout_sec = static_cast<int>(n);
   } else if (a == "--session-ttl" && parse_int(v, 1, 10L * 365 * 86400, n)) {
@@ -44,8 +46,9 @@ bool take_number(const std::string &a, const char *v, Options &out) {
 
 const char *usage_text() {
   return "usage: zel-server [--host 127.0.0.1] [--port 9000] [--data DIR] [--token TOKEN=AUTH_ID]...\n"
-         "                  [--test-api] [--faults FILE] [--threads N] [--log-requests]\n"
-         "                  [--client-timeout SECONDS] [--session-ttl SECONDS] [--version] [--help]\n"
+         "                  [--test-api] [--faults FILE] [--threads N] [--delta-threads N]\n"
+         "                  [--log-requests] [--client-timeout SECONDS] [--session-ttl SECONDS]\n"
+         "                  [--version] [--help]\n"
          "  --port 0 picks a free port; the line 'listening on http://HOST:PORT' tells which.\n"
          "  Without --data the state lives in a temporary directory removed at exit.\n"
          "  The token 'local-dev-token' (auth id 'local') is always accepted; --token adds more.\n"

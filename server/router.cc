@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "bodies.h"
+#include "delta.h"
 #include "test_api.h"
 #include "util.h"
 
@@ -83,6 +84,7 @@ bool load_bucket(Ctx &c, Access need) {
 
 void serve_api(Ctx &c, const std::string &path) {
   std::vector<std::string> raw = split_path(path);
+  if (!raw.empty() && raw[0] == "kri") return serve_delta_api(c, raw);
   if (raw.size() < 3 || raw[0] != "zel" || (raw[1] != "v1" && raw[1] != "v2"))
     return c.error(404, "No such endpoint");
   c.version = raw[1] == "v1" ? 1 : 2;

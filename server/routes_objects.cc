@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "bodies.h"
+#include "delta.h"
 #include "router.h"
 #include "util.h"
 
@@ -49,6 +50,7 @@ void serve_bytes(Ctx &c, std::shared_ptr<MappedObject> obj, ByteSpan span, const
 }
 
 void download(Ctx &c) {
+  if (delta_download(c)) return;
   ObjectMeta m;
   int fd = c.app.objects.open_live(c.args[0], c.args[1], m);
   if (fd < 0) return c.error(404, "Object not found");
@@ -95,6 +97,7 @@ DateFields requested_dates(const httplib::Request &req) {
 }
 
 void details(Ctx &c) {
+  if (delta_details(c)) return;
   ObjectMeta m;
   if (!c.app.objects.get(c.args[0], c.args[1], m)) return c.error(404, "Object not found");
   c.reply(200, object_details_json(m, c.location(m.bucket, m.key), c.version, requested_dates(c.req)));

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bodies.h"
+#include "delta.h"
 #include "digest.h"
 #include "router.h"
 #include "util.h"
@@ -85,7 +86,7 @@ bool whole_length(Ctx &c, bool &known, uint64_t &length) {
 void put_whole(Ctx &c) {
   bool known = false;
   uint64_t length = 0;
-  if (!whole_length(c, known, length)) return;
+  if (delta_upload_refused(c) || !whole_length(c, known, length)) return;
   std::string tmp = c.app.store.tmp_dir() + "/" + random_hex_id();
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) return c.error(500, "Cannot create a file for the upload");
@@ -103,6 +104,7 @@ void put_whole(Ctx &c) {
   }
   sync_dir(c.app.store.objects_dir());
   c.app.objects.publish(m);
+  delta_uploaded(c, m);
   std::string sid = wire_header("Session-Id");
   if (!sid.empty()) c.app.sessions.record_whole(m, sid);
   reply_details(c, m);
@@ -144,6 +146,7 @@ void put_chunk(Ctx &c) {
   std::string sid = wire_header("Session-Id");
   ByteSpan span;
   uint64_t total = 0;
+  if (delta_upload_refused(c)) return;
   if (sid.empty() || sid.size() > 256)
     return c.drain(), c.error(400, "A resumable upload needs a Session-Id");
   if (!parse_content_range(wire_header("Content-Range"), span, total))
@@ -162,6 +165,7 @@ void put_chunk(Ctx &c) {
       return;
     case Sessions::After::kAssemble:
       if (!c.app.sessions.assemble(s, m)) return c.error(500, "The object could not be assembled");
+      delta_uploaded(c, m);
       return reply_details(c, m);
     case Sessions::After::kAssembling:
       c.app.sessions.wait_assembled(s.row);

@@ -1,5 +1,7 @@
 #include "test_api.h"
 
+#include "delta.h"
+
 namespace zelsrv {
 
 void serve_test_api(Ctx &c, const std::string &path) {
@@ -23,6 +25,7 @@ void serve_test_api(Ctx &c, const std::string &path) {
     if (!c.app.faults.add_json(body, why)) return c.error(400, why);
     return c.reply(200, "{}");
   }
+  if (path.compare(0, 16, "/_emulator/delta") == 0) return serve_delta_test_api(c, path);
   c.error(404, "No such endpoint");
 }
 

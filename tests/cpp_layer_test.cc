@@ -75,6 +75,13 @@ class CppLayerTest : public zeltest::EmulatorTest {
   xfer::ScratchDir dir_;
 };
 
+TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
+  KRI* kri = kri_init(ZEL_ENV_LOCAL, 1, nullptr, nullptr);
+  ASSERT_NE(kri, nullptr);
+  EXPECT_EQ(kri_health(kri), 200) << "the delta engine shares the storage service's endpoint";
+  kri_cleanup(kri);
+}
+
 TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
   const std::string key = "dir/ünï ☃/\xF0\x9D\x84\x9E.bin";
   std::string data = pattern_bytes(150000, 4);

@@ -130,7 +130,7 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
     GetOptions g("bkt", "unknown", dir_.file("unknown"));
     ZELHeaders* headers = nullptr;
     if (delta) {
-      headers = zel_headers_append(nullptr, "x-pmw-delta-object", "yes");
+      headers = zel_headers_append(nullptr, "x-pmw-delta-object", "signature:@2048");
       g.opt.headers = headers;
     } else {
       g.opt.size_unknown = 1;
@@ -140,11 +140,17 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
     download(g, o);
     zel_headers_cleanup(headers);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(xfer::read_file(dir_.file("unknown")), data);
     auto sent = gets();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].header("Range"), "");
     EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty());
+    // With the delta header the service answers the object's signature.
+    std::string expected = delta
+                               ? zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/unknown",
+                                               {zeltest::kAuthHeader, "x-pmw-delta-object: signature:@2048"})
+                                     .body
+                               : data;
+    EXPECT_EQ(xfer::read_file(dir_.file("unknown")), expected);
     if (!delta) {
       EXPECT_EQ(o.progress_total, data.size()) << "the total comes from the transfer";
       EXPECT_EQ(o.progress_max, data.size());

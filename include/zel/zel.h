@@ -601,6 +601,152 @@ typedef struct ZELCopyObjectOpt {
 /* Copies source_key to destination_key inside the bucket, on the service. */
 ZEL_EXPORT void zel_copy_object(ZEL* handle, const ZELCopyObjectOpt* opt, void* user_data);
 
+/* ------------------------------------------------------------------------ */
+/* Delta-engine client. Every request function is synchronous: it performs   */
+/* one exchange on the calling thread and returns NULL on success or a       */
+/* constant message (never freed by the caller) on failure. The jobs run on  */
+/* the service: a create or apply call registers one and answers with its    */
+/* identifier and public status address; poll the matching status function   */
+/* until `code` is KRI_JOB_FINISHED or KRI_JOB_FAILED. The client keeps no    */
+/* record of jobs. A handle holds no lock: use it from one thread at a time. */
+/* ------------------------------------------------------------------------ */
+
+/* Job states as the service reports them in `code`; any other value means
+ * the job is still under way. */
+#define KRI_JOB_QUEUED 0
+#define KRI_JOB_RUNNING 1
+#define KRI_JOB_FINISHED 5
+#define KRI_JOB_FAILED (-1)
+
+typedef struct KRI {
+  uint32_t environment;     /* ZEL_ENV_*; see kri_api_url */
+  uint32_t api_version;     /* substituted into "/kri/api/v%u" */
+  uint32_t timeout_ms;      /* whole exchange; default 10000 */
+  uint32_t ssl_verify_peer; /* default 1 */
+  int64_t max_send_speed;   /* bytes/s; 0: no cap */
+  int64_t max_recv_speed;   /* bytes/s; 0: no cap */
+  char* proxy;              /* owned; set with kri_set_proxy */
+  char* proxy_username;     /* owned */
+  char* proxy_password;     /* owned */
+  ZELGetTokenFn get_token;  /* create and apply requests refuse a handle without it */
+  ZELFreeTokenFn free_token;
+} KRI;
+
+/* Options are only read. Names are UTF-16; the access-control values are
+ * sent as the headers x-pmw-acm-namespace, x-pmw-acm-groups and
+ * x-pmw-acm-check-groups, each left out when NULL. */
+typedef struct KRICreateSignatureOpt {
+  const char16_t* bucket_name;
+  const char16_t* object_name;
+  uint64_t block_size;
+  int32_t maximum_attempts;
+  int32_t process_type;
+  const char* acm_namespace;
+  const char* acm_groups;
+  const char* acm_check_groups;
+} KRICreateSignatureOpt;
+
+typedef struct KRICreateDeltaOpt {
+  const char16_t* bucket_name;
+  const char16_t* object_name1; /* the base */
+  const char16_t* object_name2; /* the target */
+  uint64_t block_size;
+  int32_t maximum_attempts;
+  int32_t process_type;
+  const char* acm_namespace;
+  const char* acm_groups;
+  const char* acm_check_groups;
+} KRICreateDeltaOpt;
+
+typedef struct KRIApplyPatchOpt {
+  const char16_t* bucket_name;
+  const char16_t* object_name;     /* the stored base object */
+  const char16_t* new_object_name; /* holds the uploaded patch; becomes the new version */
+  const char* new_object_sha1;     /* SHA-1 of the expected result, 40 lowercase hex digits */
+  int32_t maximum_attempts;
+  int32_t process_type;
+  const char* acm_namespace;
+  const char* acm_groups;
+  const char* acm_check_groups;
+} KRIApplyPatchOpt;
+
+/* Job answers, all of one layout. The caller allocates the record; each
+ * request function first zeroes it (without freeing anything), and after a
+ * successful call both texts are present (possibly empty). The texts are
+ * allocated with malloc and belong to the caller, who frees them with
+ * free(). `description` is the job's public status address in a create or
+ * apply answer, and the new object's details JSON in the status of a
+ * finished apply job. */
+typedef struct KRICreateSignatureResp {
+  int32_t progress; /* 0 to 100, as the service reports it */
+  int32_t code;     /* KRI_JOB_* */
+  char* description;
+  char* document_id;
+} KRICreateSignatureResp;
+
+typedef struct KRICreateDeltaResp {
+  int32_t progress;
+  int32_t code;
+  char* description;
+  char* document_id;
+} KRICreateDeltaResp;
+
+typedef struct KRIApplyPatchResp {
+  int32_t progress;
+  int32_t code;
+  char* description;
+  char* document_id;
+} KRIApplyPatchResp;
+
+typedef struct KRIStatusResp {
+  int32_t progress;
+  int32_t code;
+  char* description;
+  char* document_id;
+} KRIStatusResp;
+
+/* New handle (timeout 10 s, peer verification on, no caps, no proxy), or
+ * NULL when memory runs out. */
+ZEL_EXPORT KRI* kri_init(uint32_t environment, uint32_t api_version, ZELGetTokenFn get_token,
+                         ZELFreeTokenFn free_token);
+ZEL_EXPORT void kri_cleanup(KRI* kri);
+/* Replaces each of the three proxy texts by a copy of its argument (NULL
+ * clears it). */
+ZEL_EXPORT void kri_set_proxy(KRI* kri, const char* proxy, const char* username, const char* password);
+
+/* Writes base + formatted path into `buffer`, which must hold ZEL_URL_SIZE
+ * bytes; the text is cut to fit and always terminated. Environments 1 to 3
+ * use their built-in hosts; any other environment has no base unless
+ * kri_set_environment_url gave it one, and the URL is then the bare path.
+ * Returns the length the whole URL would have had, -1 without a handle. */
+ZEL_EXPORT int kri_api_url(const KRI* kri, char* buffer, const char* format, ...) ZEL_PRINTF(3, 4);
+
+/* Points one environment of the delta engine at a base URL
+ * "scheme://host[:port]"; NULL restores the built-in rule. Process-wide,
+ * like zel_set_environment_url. 0, or -1 for a malformed value. */
+ZEL_EXPORT int kri_set_environment_url(uint32_t environment, const char* base_url);
+
+/* HTTP status of GET /health, or 0 when no exchange could be made. */
+ZEL_EXPORT int32_t kri_health(const KRI* kri);
+
+/* Register a job. Statuses: 200 fills `resp`; 401 "Unauthorized", 403
+ * "Forbidden", 404 "Not Found", anything else "Internal Server Error". */
+ZEL_EXPORT const char* kri_create_signature(const KRI* kri, const KRICreateSignatureOpt* opt,
+                                            KRICreateSignatureResp* resp);
+ZEL_EXPORT const char* kri_create_delta(const KRI* kri, const KRICreateDeltaOpt* opt,
+                                        KRICreateDeltaResp* resp);
+ZEL_EXPORT const char* kri_apply_patch(const KRI* kri, const KRIApplyPatchOpt* opt, KRIApplyPatchResp* resp);
+
+/* Read a job's state into `status`. A job with a document id is asked for by
+ * id, with the bearer token; otherwise its public status address is fetched
+ * without one. The same status mapping as the create requests. */
+ZEL_EXPORT const char* kri_create_signature_status(const KRI* kri, const KRICreateSignatureResp* job,
+                                                   KRIStatusResp* status);
+ZEL_EXPORT const char* kri_create_delta_status(const KRI* kri, const KRICreateDeltaResp* job,
+                                               KRIStatusResp* status);
+ZEL_EXPORT const char* kri_apply_patch_status(const KRI* kri, const KRIApplyPatchResp* job,
+                                              KRIStatusResp* status);
+
 #ifdef __cplusplus
 }
 #endif

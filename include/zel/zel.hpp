@@ -280,10 +280,12 @@ class Library {
   Library& operator=(const Library&) = delete;
 };
 
-// Points an environment at another base URL ("scheme://host[:port]");
-// process-wide. Empty restores the built-in one. False for a malformed URL.
+// Points an environment of both services (storage and delta engine) at
+// another base URL ("scheme://host[:port]"); process-wide. Empty restores
+// the built-in ones. False for a malformed URL.
 inline bool set_environment_url(uint32_t environment, const std::string& base_url) {
-  return zel_set_environment_url(environment, base_url.empty() ? nullptr : base_url.c_str()) == 0;
+  const char* url = base_url.empty() ? nullptr : base_url.c_str();
+  return zel_set_environment_url(environment, url) == 0 && kri_set_environment_url(environment, url) == 0;
 }
 
 namespace detail {

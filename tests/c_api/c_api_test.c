@@ -48,6 +48,17 @@ int main(void) {
   zel_logger_init(NULL);
   CHECK(lines_logged == 1);
 
+  KRI* kri = kri_init(ZEL_ENV_LOCAL, 1, get_token, NULL);
+  CHECK(kri != NULL);
+  CHECK(kri_api_url(kri, url, "/%s/%s", "applypatch", "id1") == 15);
+  CHECK(strcmp(url, "/applypatch/id1") == 0);
+  KRIApplyPatchOpt apply = {u"bucket", u"base", u"new", "00", 5, 0, NULL, NULL, NULL};
+  KRIApplyPatchResp job = {0, 0, NULL, NULL};
+  CHECK(strcmp(kri_apply_patch(NULL, &apply, &job),
+               "One of the kri_apply_patch parameters (kri, opt, resp) are not initialized") == 0);
+  kri_set_proxy(kri, "http://proxy:8080", NULL, NULL);
+  kri_cleanup(kri);
+
   ZEL* copy_handle = zel_clone(handle);
   zel_set_proxy_with_credentials(copy_handle, "http://proxy:8080", "u", "p");
   zel_cleanup(copy_handle);
