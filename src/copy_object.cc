@@ -64,11 +64,11 @@ int worker(void* raw) {
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/copyto/%s", bucket.get(), source.get(),
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/copyto/%s", bucket.get(), source.get(),
               destination.get());
   // A PUT without body: application/octet-stream and an upload size of 0.
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     deliver_object_details(kLogTag, exchange, decorator->handle->api_version, opt->details_callback,

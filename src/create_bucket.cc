@@ -79,9 +79,9 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(handle, url, "/buckets");
+  const long url_length = zel_api_url(handle, url, "/buckets");
   Exchange exchange;
-  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body};
+  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body, url_length};
   bool answered = exchange.run(plan);
   mem_free(body);
   if (!answered) {
@@ -95,8 +95,10 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
     deliver_details(handle, opt, exchange.body(), user_data);
   } else {
     // The service's answer is passed on unchanged (409 included).
-    FailureText failure(status, exchange.body(), false);
-    report(opt->callback, status, failure.text(), user_data);
+    HttpVerdictRules rules;
+    rules.extract_reason = false;
+    HttpVerdict verdict(exchange, rules);
+    report(opt->callback, status, verdict.message(), user_data);
   }
   return status;
 }

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "alloc.h"
 #include "json.h"
@@ -14,78 +15,22 @@ namespace {
 
 std::atomic<int> g_running_workers{0};
 
-const char* prepare_method(HttpRequest* request, const ExchangePlan& plan) {
-  switch (plan.method) {
-    case HttpMethod::get:
-      return http_request_get(request, plan.url);
-    case HttpMethod::del:
-      return http_request_delete(request, plan.url);
-    case HttpMethod::post:
-      return http_request_post(request, plan.url, plan.content_type, plan.body);
-    case HttpMethod::put:
-      return http_request_put(request, plan.url, plan.content_type);
-  }
-  return "Unknown HTTP method";
-}
-
 }  // namespace
 
-Exchange::~Exchange() { http_release(request_, response_); }
-
-bool Exchange::run(const ExchangePlan& plan) {
-  setup_failed_ = true;
-  request_ = http_request_init();
-  if (request_ == nullptr) {
-    error_ = "Cannot initialize http request";
-    return false;
-  }
-  HttpSettings settings = http_settings_from(plan.handle);
-  http_request_configure(request_, &settings);
-  http_request_set_auth(request_, plan.handle->get_token, plan.handle->free_token);
-  for (const ZELHeaders* node = plan.headers; node != nullptr; node = node->next) {
-    http_request_add_header(request_, node->line);
-  }
-  if ((error_ = prepare_method(request_, plan)) != nullptr) return false;
-  response_ = http_response_init();
-  if (response_ == nullptr) {
-    error_ = "Cannot initialize http response";
-    return false;
-  }
-  response_->body = http_body_init();
-  if (response_->body == nullptr) {
-    error_ = "Cannot initialize http response body";
-    return false;
-  }
-  response_->body->callback = http_body_write;
-  setup_failed_ = false;
-  if ((error_ = http_perform(request_, response_)) != nullptr) {
-    code_ = response_->status;
-    return false;
-  }
-  code_ = response_->status;
-  return true;
+bool Exchange::run(const ExchangePlan& p) {
+  HttpPlan plan;
+  plan.method = p.method;
+  plan.url = p.url;
+  plan.url_length = p.url_length;
+  plan.settings = http_settings_from(p.handle);
+  plan.get_token = p.handle->get_token;
+  plan.free_token = p.handle->free_token;
+  plan.headers = p.headers;
+  plan.content_type = p.content_type;
+  plan.body = p.body;
+  plan.body_size = p.body != nullptr ? strlen(p.body) : 0;
+  return HttpExchange::run(plan);
 }
-
-int32_t Exchange::status() const { return response_ != nullptr ? response_->status : -1; }
-
-const char* Exchange::body() const {
-  if (response_ == nullptr || response_->body == nullptr || response_->body->size == 0) return nullptr;
-  return reinterpret_cast<const char*>(response_->body->data);
-}
-
-FailureText::FailureText(int32_t status, const char* body, bool extract_reason) {
-  if (status == 401) {
-    text_ = "Unauthorized";
-  } else if (status == 403) {
-    text_ = "Forbidden";
-  } else if (extract_reason && body != nullptr && err_reason_fromjson(body, &reason_) == 0) {
-    text_ = reason_ != nullptr ? reason_ : "(null)";
-  } else {
-    text_ = body != nullptr ? body : "(null)";
-  }
-}
-
-FailureText::~FailureText() { mem_free(reason_); }
 
 EscapedName::EscapedName(const char16_t* name) : text_(http_url_escape(name)) {}
 

@@ -9,6 +9,7 @@
 
 #include "alloc.h"
 #include "http.h"
+#include "http_plan.h"
 #include "log.h"
 
 // The worker's own copies. The decorator owns both copies; whoever finishes
@@ -30,8 +31,6 @@ void report(void (*callback)(const Resp*, void*), int32_t code, const char* mess
   callback(&resp, user_data);
 }
 
-enum class HttpMethod { get, post, put, del };
-
 struct ExchangePlan {
   const ZEL* handle;
   const ZELHeaders* headers;  // caller's extra lines, sent in list order
@@ -39,64 +38,28 @@ struct ExchangePlan {
   const char* url;
   const char* content_type;  // POST: none means no Content-Type line
   const char* body;          // POST only; none sends an empty body
+  long url_length;           // what the URL builder returned
 };
 
-// One exchange and what came of it. Releases request and response.
-class Exchange {
+// One single request on a fresh (unpooled) request, through the library's
+// one request path.
+class Exchange : public HttpExchange {
  public:
-  Exchange() = default;
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
-  ~Exchange();
-
-  // Runs the exchange. True when an HTTP status was received; otherwise
-  // error() names the failed step and code() is 0 before the transfer or
-  // libcurl's code after a failed transfer.
+  // True when an HTTP answer came back; otherwise error() names the failed
+  // step and code() is 0 before the transfer or libcurl's code after it.
   bool run(const ExchangePlan& plan);
-
-  int32_t status() const;
-  // The failure code to report: the HTTP status, libcurl's code, or 0.
-  int32_t code() const { return code_; }
-  const char* error() const { return error_; }
-  // Response body as text, or none when the body is empty.
-  const char* body() const;
-  // True when the failure came before any transfer started.
-  bool setup_failed() const { return setup_failed_; }
-  HttpResponse* response() const { return response_; }
-
- private:
-  HttpRequest* request_ = nullptr;
-  HttpResponse* response_ = nullptr;
-  const char* error_ = nullptr;
-  int32_t code_ = 0;
-  bool setup_failed_ = false;
+  // True when nothing went on the wire.
+  bool setup_failed() const { return !sent(); }
 };
 
-// Message of a failed status: "Unauthorized", "Forbidden", else the error
-// body's reason, the raw body, or "(null)". Owns the reason it extracted.
-class FailureText {
- public:
-  FailureText(int32_t status, const char* body, bool extract_reason = true);
-  ~FailureText();
-  FailureText(const FailureText&) = delete;
-  FailureText& operator=(const FailureText&) = delete;
-  const char* text() const { return text_; }
-
- private:
-  char* reason_ = nullptr;
-  const char* text_ = "(null)";
-};
-
-// Reports a failed exchange or a non-success status through `callback`.
+// Reports a failed exchange or a non-success status through `callback`:
+// "Unauthorized", "Forbidden", else the error body's reason, the raw body,
+// or "(null)".
 template <class Resp>
-void report_failure(void (*callback)(const Resp*, void*), const Exchange& exchange, void* user_data) {
+void report_failure(void (*callback)(const Resp*, void*), const HttpExchange& exchange, void* user_data) {
   if (callback == nullptr) return;
-  if (exchange.error() != nullptr) {
-    report(callback, exchange.code(), exchange.error(), user_data);
-    return;
-  }
-  FailureText failure(exchange.status(), exchange.body());
-  report(callback, exchange.status(), failure.text(), user_data);
+  HttpVerdict verdict(exchange, HttpVerdictRules{});
+  report(callback, verdict.code(), verdict.message(), user_data);
 }
 
 // Reported when a key is not well-formed UTF-16 and so cannot be put into a

@@ -74,9 +74,9 @@ int worker(void* raw) {
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/details", key.get());
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/details", key.get());
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     on_success(exchange, *decorator);

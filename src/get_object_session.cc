@@ -95,10 +95,10 @@ int worker(void* raw) {
   }
   // The session id goes into the path as it stands: the service issued it.
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
               opt->session_id);
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && (exchange.status() == 200 || exchange.status() == 202)) {
     deliver_session(exchange, *decorator);

@@ -69,9 +69,10 @@ struct HttpByteRange {
   uint64_t last = 0;
 };
 
-// Writes the body of an answer somewhere other than memory. Returns the
-// bytes it took; fewer than `size` aborts the transfer.
-using HttpSinkFn = size_t (*)(const char* bytes, size_t size, void* data);
+// Writes the body of an answer (whose HTTP status is `status`) somewhere
+// other than memory. Returns the bytes it took; fewer than `size` aborts
+// the transfer.
+using HttpSinkFn = size_t (*)(const char* bytes, size_t size, int32_t status, void* data);
 // Fills `buffer` with up to `size` bytes of a streamed request body; 0 at
 // the end. CURL_READFUNC_ABORT aborts the transfer.
 using HttpSourceFn = size_t (*)(char* buffer, size_t size, void* data);
@@ -179,8 +180,9 @@ class HttpExchange {
 struct HttpVerdictRules {
   const int* success = nullptr;
   size_t success_count = 0;
-  // 404 "Not Found" and 504 "Gateway Timeout" as fixed texts (transfers).
-  bool transfer_texts = false;
+  // Fixed texts "Not Found" for 404 and "Gateway Timeout" for 504.
+  bool not_found_text = false;
+  bool gateway_text = false;
   // Text for every other failed status; none: the error body's reason, the
   // raw body, or "(null)".
   const char* other_text = nullptr;
@@ -213,6 +215,9 @@ class HttpVerdict {
 
 // True when a status may be worth another attempt: 5xx, 408 and 429.
 bool http_status_retryable(int32_t status);
+
+// True when a URL builder's result `length` is a URL that was not cut.
+inline bool http_url_fits(long length) { return length >= 0 && length <= kHttpUrlMax; }
 
 // Length of first..last, or false when it runs backwards or exceeds
 // kHttpMaxOffset.
