@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <random>
 
 #include "alloc.h"
 #include "http_plan.h"
@@ -122,9 +121,17 @@ uint32_t backoff_ms(uint32_t retry) {
   if (delay > cap) delay = cap;
   // Full jitter in the upper half: parallel chunks that failed together do
   // not come back together.
-  static thread_local std::minstd_rand random(static_cast<unsigned>(pthread_self()) ^ std::random_device{}());
+  static thread_local uint64_t state = 0;
+  if (state == 0) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    state = (static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(pthread_self()) << 1)) | 1;
+  }
+  state ^= state << 13;  // xorshift64
+  state ^= state >> 7;
+  state ^= state << 17;
   uint64_t half = delay / 2;
-  return static_cast<uint32_t>(half + (half > 0 ? random() % (half + 1) : 0));
+  return static_cast<uint32_t>(half + (half > 0 ? state % (half + 1) : 0));
 }
 }  // namespace
 
