@@ -106,7 +106,8 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
 int ensure_bucket_exists(const ZEL* handle, const ZELPutObjectOpt* opt, void* user_data) {
   if (handle->auto_create_bucket == 0) return 0;
   char* key = wide_to_utf8(opt->bucket_key);
-  if (key != nullptr && cache_get(key) == handle->environment) {
+  uint32_t cached = 0;
+  if (key != nullptr && cache_lookup(key, &cached) && cached == handle->environment) {
     mem_free(key);
     return 1;
   }

@@ -1,6 +1,7 @@
 #include "frame.h"
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cstring>
@@ -14,6 +15,8 @@
 namespace {
 
 std::atomic<int> g_running_workers{0};
+pthread_mutex_t g_workers_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_workers_done = PTHREAD_COND_INITIALIZER;
 
 }  // namespace
 
@@ -61,7 +64,9 @@ void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decora
   zel::thrd_t thread;
   int result = zel::thrd_create(&thread, worker, decorator);
   if (result != zel::thrd_success) {
-    g_running_workers.fetch_sub(1);
+    pthread_mutex_lock(&g_workers_lock);
+    if (g_running_workers.fetch_sub(1) == 1) pthread_cond_broadcast(&g_workers_done);
+    pthread_mutex_unlock(&g_workers_lock);
     report_fn(code_is_result ? result : 0, thread_result_message(result), callback, user_data);
     free_decorator(decorator);
     return;
@@ -74,7 +79,19 @@ void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decora
 
 int frame_running_workers() { return g_running_workers.load(); }
 
-WorkerScope::~WorkerScope() { g_running_workers.fetch_sub(1); }
+void frame_wait_workers() {
+  pthread_mutex_lock(&g_workers_lock);
+  while (g_running_workers.load() > 0) pthread_cond_wait(&g_workers_done, &g_workers_lock);
+  pthread_mutex_unlock(&g_workers_lock);
+}
+
+WorkerScope::~WorkerScope() {
+  // The count changes under the lock so that a waiter cannot miss the
+  // wake-up between its test and its wait.
+  pthread_mutex_lock(&g_workers_lock);
+  if (g_running_workers.fetch_sub(1) == 1) pthread_cond_broadcast(&g_workers_done);
+  pthread_mutex_unlock(&g_workers_lock);
+}
 
 bool copy_wide(const char16_t* source, const char16_t** target) {
   *target = nullptr;

@@ -132,6 +132,8 @@ void free_text(const char* text);
 // Number of operation threads started and not yet finished. Lets tests
 // (and a careful shutdown) wait until detached workers are gone.
 int frame_running_workers();
+// Blocks, without spinning, until no operation thread is running.
+void frame_wait_workers();
 
 // Held by every worker for its whole run.
 class WorkerScope {

@@ -18,6 +18,7 @@ struct Task {
 
 struct ThreadPool {
   zel::mtx_t lock;  // guards the queue and the counters
+  pthread_cond_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;
   unsigned limit;
@@ -40,6 +41,7 @@ void recount(ThreadPool* pool) {
 void leave(ThreadPool* pool) {
   pool->running--;
   recount(pool);
+  if (pool->running == 0) pthread_cond_broadcast(&pool->idle);
 }
 
 // With the lock held: the next task, or nullptr when the queue is empty.
@@ -151,6 +153,12 @@ int thread_pool_init(int limit) {
       mem_free(pool);
       return -1;
     }
+    if (pthread_cond_init(&pool->idle, nullptr) != 0) {
+      ZLOG("%s", thread_result_message(zel::thrd_error));
+      zel::mtx_destroy(&pool->lock);
+      mem_free(pool);
+      return -1;
+    }
     g_pool.store(pool);
   }
   g_stopping.store(0);
@@ -199,14 +207,11 @@ void thread_pool_cleanup() {
     mem_free(task);
     task = next;
   }
-  for (;;) {
-    zel::mtx_lock(&pool->lock);
-    int running = pool->running;
-    zel::mtx_unlock(&pool->lock);
-    if (running < 1) break;
-    zel::thrd_yield();
-  }
+  zel::mtx_lock(&pool->lock);
+  while (pool->running > 0) pthread_cond_wait(&pool->idle, &pool->lock.native);
+  zel::mtx_unlock(&pool->lock);
   g_pool.store(nullptr);
+  pthread_cond_destroy(&pool->idle);
   zel::mtx_destroy(&pool->lock);
   mem_free(pool);
 }

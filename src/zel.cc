@@ -163,7 +163,7 @@ extern "C" ZEL_EXPORT ZELHeaders* zel_headers_clone(const ZELHeaders* list) {
   for (const ZELHeaders* node = list; node != nullptr; node = node->next) {
     auto* fresh = static_cast<ZELHeaders*>(mem_calloc(1, sizeof(ZELHeaders)));
     char* line = fresh != nullptr ? mem_strdup(node->line) : nullptr;
-    if (line == nullptr && node->line != nullptr) {
+    if (fresh == nullptr || (line == nullptr && node->line != nullptr)) {
       mem_free(fresh);  // skipped without a message; callers judge the result
       continue;
     }
