@@ -1,5 +1,7 @@
 #include <cstdio>
 
+#include <cstring>
+
 #include "frame.h"
 #include "object.h"
 #include "zel_internal.h"
@@ -74,6 +76,14 @@ const char* missing_field(const ZELGetObjectSessionOpt* opt) {
   if (opt->bucket_key == nullptr) return "ZELGetObjectSessionOpt bucket_key is (null)";
   if (opt->key == nullptr) return "ZELGetObjectSessionOpt object key is (null)";
   if (opt->session_id == nullptr) return "ZELGetObjectSessionOpt session id is (null)";
+  // The id goes into the path as it stands; one that would end the path,
+  // start a query or fragment, or read as an escape would address
+  // something else.
+  for (const char* c = opt->session_id; *c != '\0'; c++) {
+    auto byte = static_cast<unsigned char>(*c);
+    if (byte <= 0x20 || byte == 0x7f || std::strchr("/?#%", byte) != nullptr)
+      return "The session id holds characters a URL path cannot carry as they are";
+  }
   return nullptr;
 }
 
@@ -93,7 +103,6 @@ int worker(void* raw) {
     report(opt->callback, 0, kCannotEscapeKeys, decorator->user_data);
     return -1;
   }
-  // The session id goes into the path as it stands: the service issued it.
   char url[kUrlBuffer] = {0};
   const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
               opt->session_id);
