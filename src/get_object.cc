@@ -253,7 +253,9 @@ int object_facts_query(const ZEL* handle, const char* url, long url_length, cons
       *message = mem_strdup(verdict.message());
     }
     zel_object_details_cleanup(details);
-    return AttemptOutcome{result == 0, verdict.code(), !verdict.success() && verdict.retryable()};
+    // A 200 without any body was cut short and is worth another attempt.
+    bool cut = verdict.success() && exchange.body() == nullptr;
+    return AttemptOutcome{result == 0, verdict.code(), cut || (!verdict.success() && verdict.retryable())};
   });
   return result;
 }

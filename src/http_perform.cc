@@ -102,7 +102,8 @@ const char* find_value(const HttpResponse* response, const char* name) {
 
 char* http_header_text(const char* bytes, size_t n) {
   // Values are kept without their line end: a value that is empty on the
-  // wire must read as empty.
+  // wire must read as empty. A line holding a zero byte ends there.
+  n = strnlen(bytes, n);
   while (n > 0 && (bytes[n - 1] == '\n' || bytes[n - 1] == '\r')) n--;
   char* line = strndup_bounded(bytes, n);
   if (line == nullptr) ZLOG("Cannot allocate memory for http header");

@@ -133,6 +133,12 @@ AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* ra
   fclose(file);
   HttpVerdict verdict(exchange, upload_rules());
   int32_t status = verdict.code();
+  // A 200 or 201 without any body was cut short: the details it carries
+  // are what completes the upload, so the attempt is tried again.
+  if (verdict.success() && status != 202 && exchange.body() == nullptr) {
+    record(upload, status, "The answer ended before its body arrived", nullptr);
+    return AttemptOutcome{false, status, true};
+  }
   if (verdict.success()) {
     report_stats(upload, exchange.response());
     const char* body = status != 202 ? exchange.body() : nullptr;
