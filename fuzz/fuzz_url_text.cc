@@ -13,7 +13,8 @@
 
 namespace {
 bool plain_url_char(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || std::strchr("-._~%", c);
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+         std::strchr("-._~%", c);
 }
 
 void check_wide(const std::u16string& wide) {

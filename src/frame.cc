@@ -56,8 +56,8 @@ bool parse_object_details(const char* tag, const char* body, uint32_t api_versio
 }
 
 void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-                       void (*report_fn)(int32_t, const char*, void*, void*), void* callback,
-                       void* user_data, bool code_is_result) {
+                       void (*report_fn)(int32_t, const char*, void*, void*), void* callback, void* user_data,
+                       bool code_is_result) {
   // The worker may finish and free the decorator before thrd_create returns:
   // everything needed for a later report was copied into the arguments.
   g_running_workers.fetch_add(1);

@@ -3,9 +3,9 @@
 // copies on the caller's thread, one detached thread per call, one HTTP
 // exchange on a fresh (unpooled) request, and one judgement of the status.
 // Operation modules only add their URL, method, body and success handling.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "alloc.h"
 #include "http.h"
@@ -104,8 +104,7 @@ void deliver_object_details(const char* tag, const Exchange& exchange, uint32_t 
 // or cannot be detached.
 using FreeFn = void (*)(void*);
 void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-                       void (*report_fn)(int32_t code, const char* message, void* callback,
-                                         void* user_data),
+                       void (*report_fn)(int32_t code, const char* message, void* callback, void* user_data),
                        void* callback, void* user_data, bool code_is_result);
 
 // Adapter so dispatch_detached can report through any typed callback.
@@ -117,8 +116,8 @@ void report_erased(int32_t code, const char* message, void* callback, void* user
 template <class Resp>
 void dispatch(int (*worker)(void*), void* decorator, FreeFn free_decorator,
               void (*callback)(const Resp*, void*), void* user_data, bool code_is_result) {
-  dispatch_detached(worker, decorator, free_decorator, report_erased<Resp>,
-                    reinterpret_cast<void*>(callback), user_data, code_is_result);
+  dispatch_detached(worker, decorator, free_decorator, report_erased<Resp>, reinterpret_cast<void*>(callback),
+                    user_data, code_is_result);
 }
 
 // Copies for options clones. Absent stays absent; false when memory ran out.
@@ -187,8 +186,7 @@ const Opt* worker_options(const char* tag, const OpDecorator<Opt>* decorator, co
 }
 
 template <class Opt, Opt* (*Clone)(const Opt*), void (*FreeOpt)(Opt*)>
-OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt,
-                                 void* user_data) {
+OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt, void* user_data) {
   auto* decorator = static_cast<OpDecorator<Opt>*>(mem_calloc(1, sizeof(OpDecorator<Opt>)));
   if (decorator == nullptr) {
     zel_log(nullptr, cfg.tag, __LINE__, "Cannot allocate memory for %s", cfg.decorator_name);
@@ -237,10 +235,10 @@ void start_operation(const EntryConfig& cfg, ZEL* handle, const Opt* opt, void* 
 // of the texts in the order the operation's messages give.
 struct KeyPairMessages {
   const char* record;
-  const char* first;    // message when the first key copy fails
-  const char* second;   // message when the second key copy fails
+  const char* first;   // message when the first key copy fails
+  const char* second;  // message when the second key copy fails
   const char* headers;
-  bool key_first;       // copy the object key before the bucket key
+  bool key_first;  // copy the object key before the bucket key
 };
 
 template <class Opt>

@@ -50,7 +50,8 @@ void on_success(const Exchange& exchange, const Decorator& decorator) {
   if (opt->details_callback == nullptr) return;
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* body = exchange.body();
-  if (details != nullptr && body != nullptr && bucket_details_fromjson(body, details, handle->api_version) == 0) {
+  if (details != nullptr && body != nullptr &&
+      bucket_details_fromjson(body, details, handle->api_version) == 0) {
     opt->details_callback(details, decorator.user_data);
   } else {
     ZLOG("Cannot unmarshal json response: %s", body != nullptr ? body : "(null)");

@@ -138,8 +138,8 @@ AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* ran
   bool sent = range_header_sent(d);
   DownloadSink sink{file, d->opt->stream->write, 0, sent ? range->end - range->start + 1 : UINT64_MAX,
                     !sent || (!d->range_flag && range->start == 0 && range->end + 1 == d->size)};
-  ZELTransferProgress data{d->progress, 0, d->user_data, attempt >= 1 ? 1 : 0, d->opt->size_unknown,
-                           d->opt->progress_callback};
+  ZELTransferProgress data{
+      d->progress, 0, d->user_data, attempt >= 1 ? 1 : 0, d->opt->size_unknown, d->opt->progress_callback};
   HttpPlan plan = fetch_plan(d, range, &sink, &data);
   HttpExchange exchange;
   exchange.run(plan);
@@ -240,7 +240,8 @@ int object_facts_query(const ZEL* handle, const char* url, long url_length, cons
     ZELObjectDetails* details = verdict.success() ? zel_object_details_init() : nullptr;
     if (details != nullptr && object_details_fromjson(exchange.body(), details, handle->api_version) == 0) {
       facts->size = details->size;
-      facts->sha1 = details->sha1 != nullptr && details->sha1[0] != '\0' ? mem_strdup(details->sha1) : nullptr;
+      facts->sha1 =
+          details->sha1 != nullptr && details->sha1[0] != '\0' ? mem_strdup(details->sha1) : nullptr;
       result = 0;
     } else if (verdict.success()) {
       const char* body = exchange.body();

@@ -1,5 +1,4 @@
 #include <cstdio>
-
 #include <cstring>
 
 #include "frame.h"
@@ -104,8 +103,8 @@ int worker(void* raw) {
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
-              opt->session_id);
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s",
+                                      bucket.get(), key.get(), opt->session_id);
   Exchange exchange;
   ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);

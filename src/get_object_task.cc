@@ -6,8 +6,8 @@
 
 #include "alloc.h"
 #include "frame.h"
-#include "http_plan.h"
 #include "get_object.h"
+#include "http_plan.h"
 #include "iterator.h"
 #include "log.h"
 #include "progress.h"
@@ -141,7 +141,8 @@ int download_single(ZELDownloadDecorator* d) {
   const char* error_message = nullptr;
   AttemptOutcome outcome{true, 200, false};
   // An object of no bytes is the empty file already made.
-  if (d->size != 0 || d->size_unknown) outcome = download_request(d, &range, 0, &error_status, &error_message);
+  if (d->size != 0 || d->size_unknown)
+    outcome = download_request(d, &range, 0, &error_status, &error_message);
   if (outcome.ok) {
     if (object_unchanged(d) && d->opt->done_callback != nullptr) d->opt->done_callback(d->user_data);
   } else {
@@ -287,7 +288,8 @@ void get_object_run(ZELGetObjectDecorator* g) {
   char url[kUrlBuffer] = {0};
   char details[kUrlBuffer] = {0};
   long length = zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
-  p.details_url_length = zel_api_url(g->handle, details, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
+  p.details_url_length =
+      zel_api_url(g->handle, details, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
   // Nothing is sent, and the output file is left alone, for a URL that
   // would have to be cut.
   if (!http_url_fits(length) || !http_url_fits(p.details_url_length)) {

@@ -8,10 +8,10 @@
 #include <atomic>
 
 #include "cache.h"
+#include "frame.h"
 #include "http.h"
 #include "http_plan.h"
 #include "httppool.h"
-#include "frame.h"
 #include "log.h"
 #include "thread.h"
 #include "threadpool.h"

@@ -16,4 +16,3 @@ enum GlobalStep {
 // removes it.
 using GlobalStepHook = int (*)(int step);
 void global_set_step_hook(GlobalStepHook hook);
-

@@ -89,7 +89,7 @@ size_t http_body_write(char* bytes, size_t size, size_t count, void* body);
 void http_request_configure(HttpRequest* request, const HttpSettings* settings);
 void http_request_set_auth(HttpRequest* request, ZELGetTokenFn get_token, ZELFreeTokenFn free_token);
 void http_request_add_header(HttpRequest* request, const char* line);
-void http_request_add_bearer(HttpRequest* request, const char* token);     // "Authorization:Bearer %s"
+void http_request_add_bearer(HttpRequest* request, const char* token);       // "Authorization:Bearer %s"
 void http_request_add_content_type(HttpRequest* request, const char* type);  // "Content-Type: %s"
 void http_request_add_header_kv(HttpRequest* request, const char* name, const char* value);
 void http_request_add_range(HttpRequest* request, uint64_t first, uint64_t last);

@@ -2,10 +2,11 @@
 // before anything is sent, the transfer, and the checks of what came back.
 #include "http_plan.h"
 
+#include <strings.h>
+
 #include <atomic>
 #include <cstring>
 #include <initializer_list>
-#include <strings.h>
 
 #include "alloc.h"
 #include "http_internal.h"
@@ -46,7 +47,8 @@ bool is_status_line(const char* bytes, size_t n) { return n >= 5 && std::strncmp
 // URL it answers.
 bool foreign_location(CURL* curl, const char* location) {
   char* current = nullptr;
-  if (curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &current) != CURLE_OK || current == nullptr) return true;
+  if (curl_easy_getinfo(curl, CURLINFO_EFFECTIVE_URL, &current) != CURLE_OK || current == nullptr)
+    return true;
   CURLU* here = curl_url();
   CURLU* there = curl_url();
   bool foreign = true;
@@ -160,7 +162,8 @@ void add_lines(HttpRequest* request, const HttpPlan& plan) {
   if (plan.range.set) http_request_add_range(request, plan.range.first, plan.range.last);
   for (size_t i = 0; i < plan.field_count; i++)
     http_request_add_header_kv(request, plan.fields[i].name, plan.fields[i].value);
-  for (const ZELHeaders* h = plan.headers; h != nullptr; h = h->next) http_request_add_header(request, h->line);
+  for (const ZELHeaders* h = plan.headers; h != nullptr; h = h->next)
+    http_request_add_header(request, h->line);
 }
 
 // The bearer token, refused when it would add lines of its own.
@@ -195,7 +198,8 @@ CURLcode set_method(CURL* curl, const HttpPlan& plan) {
     case HttpMethod::post:
       c = opt(curl, CURLOPT_POST, 1L);
       if (c == CURLE_OK) c = opt(curl, CURLOPT_POSTFIELDSIZE_LARGE, size);
-      if (c == CURLE_OK && plan.source == nullptr) c = opt(curl, CURLOPT_POSTFIELDS, plan.body != nullptr ? plan.body : "");
+      if (c == CURLE_OK && plan.source == nullptr)
+        c = opt(curl, CURLOPT_POSTFIELDS, plan.body != nullptr ? plan.body : "");
       return c;
     case HttpMethod::put:
       c = opt(curl, CURLOPT_UPLOAD, 1L);
@@ -220,8 +224,8 @@ CURLcode set_callbacks(CURL* curl, State* s) {
 
 void set_content_type(HttpRequest* request, const HttpPlan& plan) {
   if (plan.method == HttpMethod::put) {
-    http_request_add_content_type(request, plan.content_type != nullptr ? plan.content_type
-                                                                        : "application/octet-stream");
+    http_request_add_content_type(
+        request, plan.content_type != nullptr ? plan.content_type : "application/octet-stream");
     // No "Expect: 100-continue" round trip before each body.
     http_request_add_header(request, "Expect:");
   } else if (plan.method == HttpMethod::post) {
@@ -282,7 +286,8 @@ bool HttpExchange::prepare(const HttpPlan& plan) {
   if (response_ == nullptr) return fail("Cannot initialize http response", 0, true);
   response_->body = http_body_init();
   state_ = static_cast<State*>(mem_calloc(1, sizeof(State)));
-  if (response_->body == nullptr || state_ == nullptr) return fail("Cannot initialize http response body", 0, true);
+  if (response_->body == nullptr || state_ == nullptr)
+    return fail("Cannot initialize http response body", 0, true);
   *state_ = State{&plan, response_, request_->curl, plan.body, plan.body_size, 0, false, false, false};
   state_->carries_private = plan.headers != nullptr || plan.get_token != nullptr;
   CURLcode c = set_method(request_->curl, plan);

@@ -125,8 +125,8 @@ AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* ra
     return AttemptOutcome{false, -1, true};
   }
   UploadSource source{file, upload->opt->stream->read, range_length(range, upload->file_size)};
-  ZELTransferProgress data{upload->progress, 0, upload->user_data, attempt > 0 ? 1 : 0, 0,
-                           upload->opt->progress_callback};
+  ZELTransferProgress data{upload->progress,    0, upload->user_data,
+                           attempt > 0 ? 1 : 0, 0, upload->opt->progress_callback};
   HttpPlan plan = upload_plan(upload, range, url, &source, &data);
   HttpExchange exchange;
   exchange.run(plan);

@@ -17,7 +17,7 @@ struct Task {
 };
 
 struct ThreadPool {
-  zel::mtx_t lock;  // guards the queue and the counters
+  zel::mtx_t lock;      // guards the queue and the counters
   pthread_cond_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;

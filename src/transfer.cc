@@ -144,7 +144,8 @@ bool transfer_backoff(uint32_t retry) {
   deadline.tv_nsec = static_cast<long>(ns % 1000000000u);
   pthread_mutex_lock(&g_wait_lock);
   int waited = 0;
-  while (!stopping() && waited != ETIMEDOUT) waited = pthread_cond_timedwait(&g_wait_cond, &g_wait_lock, &deadline);
+  while (!stopping() && waited != ETIMEDOUT)
+    waited = pthread_cond_timedwait(&g_wait_cond, &g_wait_lock, &deadline);
   pthread_mutex_unlock(&g_wait_lock);
   return !stopping();
 }

@@ -4,8 +4,6 @@
 #include "global.h"
 
 #include <gtest/gtest.h>
-
-#include "threads.h"
 #include <locale.h>
 #include <stdlib.h>
 
@@ -22,6 +20,7 @@
 #include "httppool.h"
 #include "raw_http_server.h"
 #include "threadpool.h"
+#include "threads.h"
 
 using zeltest::CapturedLog;
 using zeltest::RawHttpServer;
@@ -94,9 +93,13 @@ TEST_F(GlobalStartUp, CallerLocaleStaysTheCallersAndLibraryThreadsUseC) {
   // A library thread runs on a locale of its own, so an application's
   // locale never reaches the library's formatting.
   std::atomic<int> own{-1};
-  ASSERT_EQ(thread_pool_push([](void* raw) {
-              static_cast<std::atomic<int>*>(raw)->store(uselocale(static_cast<locale_t>(0)) != LC_GLOBAL_LOCALE);
-            }, &own), 0);
+  ASSERT_EQ(thread_pool_push(
+                [](void* raw) {
+                  static_cast<std::atomic<int>*>(raw)->store(uselocale(static_cast<locale_t>(0)) !=
+                                                             LC_GLOBAL_LOCALE);
+                },
+                &own),
+            0);
   EXPECT_TRUE(eventually([&] { return own.load() != -1; }));
   EXPECT_EQ(own.load(), 1);
   zel_global_cleanup();
@@ -218,8 +221,9 @@ TEST_F(GlobalStartUp, CleanupStopsExchangesInFlightWithoutSpinning) {
   RawHttpServer server;
   server.set_mode(RawHttpServer::Mode::silent);
   ASSERT_EQ(zel_global_init(), 0);
-  ASSERT_EQ(zel_set_environment_url(ZEL_ENV_LOCAL, ("http://127.0.0.1:" + std::to_string(server.port())).c_str()),
-            0);
+  ASSERT_EQ(
+      zel_set_environment_url(ZEL_ENV_LOCAL, ("http://127.0.0.1:" + std::to_string(server.port())).c_str()),
+      0);
   ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, silent_token, nullptr);
   std::atomic<int> code{-1};
   ZELDeleteObjectOpt opt{u"b", u"k", nullptr, count_report, nullptr};

@@ -37,8 +37,9 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
   for (curl_slist* node = x.response->headers; node != nullptr; node = node->next)
     lines.push_back(node->data);
   // Stored without line ends, so the empty line that ends the head is gone.
-  std::vector<std::string> expected = {"HTTP/1.1 201 Created", "X-Trace: abc", "Content-Range: bytes 0-9/1000",
-                                       "Content-Length: 2", "Connection: close"};
+  std::vector<std::string> expected = {"HTTP/1.1 201 Created", "X-Trace: abc",
+                                       "Content-Range: bytes 0-9/1000", "Content-Length: 2",
+                                       "Connection: close"};
   EXPECT_EQ(lines, expected);
   EXPECT_EQ(x.response->size_download, 2.0);
   EXPECT_GT(x.response->total_time, 0.0);

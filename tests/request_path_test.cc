@@ -59,7 +59,7 @@ class RequestPathTest : public zeltest::LibTest {
   xfer::ScratchDir dir_;
 };
 
-const Fault kBodyFaults[] = {Fault::cut_after_status, Fault::shorten_body, Fault::drop_length_and_cut,
+const Fault kBodyFaults[] = {Fault::cut_after_status,  Fault::shorten_body,   Fault::drop_length_and_cut,
                              Fault::short_body_length, Fault::reset_mid_body, Fault::stall};
 
 TEST_F(RequestPathTest, FaultyChunkAnswersAreRetriedAndTheBytesAreRight) {
@@ -121,7 +121,8 @@ TEST_F(RequestPathTest, RedirectLoopsEndAfterFiveHops) {
   store("loop", 10, 5);
   proxy_->add_fault(Fault::redirect_loop, "loop/details", 100);
   Outcome o;
-  ZELGetObjectDetailsOpt opt{u"bkt", u"loop", nullptr, xfer::on_status<ZELGetObjectDetailsResp>, xfer::on_details};
+  ZELGetObjectDetailsOpt opt{u"bkt", u"loop", nullptr, xfer::on_status<ZELGetObjectDetailsResp>,
+                             xfer::on_details};
   zel_get_object_details(h_, &opt, &o);
   ASSERT_TRUE(o.wait_once());
   EXPECT_EQ(o.code, CURLE_TOO_MANY_REDIRECTS) << o.message;
@@ -146,14 +147,18 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   zel_get_object(h_, &g.opt, &get);
   ZELDeleteObjectOpt d{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELDeleteObjectResp>, xfer::on_done};
   zel_delete_object(h_, &d, &del);
-  ZELCopyObjectOpt c{u"bkt", mine.c_str(), u"copy", xfer::on_status<ZELCopyObjectResp>, xfer::on_details, nullptr};
+  ZELCopyObjectOpt c{u"bkt",           mine.c_str(), u"copy", xfer::on_status<ZELCopyObjectResp>,
+                     xfer::on_details, nullptr};
   zel_copy_object(h_, &c, &cp);
-  ZELCopyObjectOpt c2{u"bkt", u"a", mine.c_str(), xfer::on_status<ZELCopyObjectResp>, xfer::on_details, nullptr};
+  ZELCopyObjectOpt c2{u"bkt",           u"a",   mine.c_str(), xfer::on_status<ZELCopyObjectResp>,
+                      xfer::on_details, nullptr};
   Outcome cp2;
   zel_copy_object(h_, &c2, &cp2);
-  ZELGetObjectDetailsOpt de{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELGetObjectDetailsResp>, xfer::on_details};
+  ZELGetObjectDetailsOpt de{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELGetObjectDetailsResp>,
+                            xfer::on_details};
   zel_get_object_details(h_, &de, &details);
-  ZELUndeleteObjectOpt u{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELUndeleteObjectResp>, xfer::on_done};
+  ZELUndeleteObjectOpt u{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELUndeleteObjectResp>,
+                         xfer::on_done};
   zel_undelete_object(h_, &u, &undel);
   for (Outcome* o : {&put, &get, &del, &cp, &cp2, &details, &undel}) {
     ASSERT_TRUE(o->wait_once());
@@ -231,15 +236,16 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   SessionSeen seen;
   g_seen = &seen;
   // The first chunk never landed: its body broke off.
-  zeltest::HttpResult r = zeltest::http(
-      "PUT", server_.api(2) + "/buckets/bkt/objects/big/resumable",
-      {zeltest::kAuthHeader, "Session-Id: s-empty", "Content-Range: bytes 0-99/200"}, "short");
+  zeltest::HttpResult r =
+      zeltest::http("PUT", server_.api(2) + "/buckets/bkt/objects/big/resumable",
+                    {zeltest::kAuthHeader, "Session-Id: s-empty", "Content-Range: bytes 0-99/200"}, "short");
   EXPECT_EQ(r.status, 400);
   server_.kill9();
   ASSERT_TRUE(server_.restart()) << server_.error();
   proxy_->set_upstream(server_.port());
   Outcome o;
-  ZELGetObjectSessionOpt s{u"bkt", u"big", "s-empty", nullptr, xfer::on_status<ZELGetObjectSessionResp>, on_session};
+  ZELGetObjectSessionOpt s{u"bkt",    u"big", "s-empty", nullptr, xfer::on_status<ZELGetObjectSessionResp>,
+                           on_session};
   zel_get_object_session(h_, &s, &o);
   ASSERT_TRUE(o.wait_once()) << o.message;
   EXPECT_EQ(seen.sessions.load(), 1) << o.code << " " << o.message;
@@ -264,7 +270,8 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   EXPECT_EQ(put_empty.details, 1) << put_empty.message;
   seen.ranges.store(-1);
   Outcome o2;
-  ZELGetObjectSessionOpt s2{u"bkt", u"empty", "s-zero", nullptr, xfer::on_status<ZELGetObjectSessionResp>, on_session};
+  ZELGetObjectSessionOpt s2{u"bkt",    u"empty", "s-zero", nullptr, xfer::on_status<ZELGetObjectSessionResp>,
+                            on_session};
   zel_get_object_session(h_, &s2, &o2);
   ASSERT_TRUE(o2.wait_once());
   EXPECT_EQ(seen.sessions.load(), 2) << o2.code << " " << o2.message;
@@ -280,9 +287,9 @@ Overwrite* g_overwrite = nullptr;
 int32_t overwrite_once(uint64_t, uint64_t, void*) {
   if (!g_overwrite->done.exchange(true)) {
     zeltest::http("PUT", g_overwrite->url,
-                  {zeltest::kAuthHeader, "Session-Id: other", "Content-Range: bytes 0-" +
-                                                                  std::to_string(g_overwrite->data.size() - 1) + "/" +
-                                                                  std::to_string(g_overwrite->data.size())},
+                  {zeltest::kAuthHeader, "Session-Id: other",
+                   "Content-Range: bytes 0-" + std::to_string(g_overwrite->data.size() - 1) + "/" +
+                       std::to_string(g_overwrite->data.size())},
                   g_overwrite->data);
   }
   return 0;

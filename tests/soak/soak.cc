@@ -7,6 +7,7 @@
 // wrong byte, extra report or hang.
 //   ZEL_SOAK_MINUTES  run time (default 10)
 //   ZEL_SOAK_SEED     random seed (default: the clock)
+#include <unistd.h>
 #include <zel/zel.h>
 
 #include <atomic>
@@ -22,8 +23,6 @@
 #include <random>
 #include <thread>
 #include <vector>
-
-#include <unistd.h>
 
 #include "fault_proxy.h"
 #include "transfer.h"
@@ -79,7 +78,8 @@ void on_get_status(const ZELGetObjectResp* r, void* u) {
   finish(static_cast<Transfer*>(u), false, r->code, r->message, "");
 }
 void on_details(const ZELObjectDetails* d, void* u) {
-  finish(static_cast<Transfer*>(u), d != nullptr, 0, d != nullptr ? "" : "no details", d && d->sha1 ? d->sha1 : "");
+  finish(static_cast<Transfer*>(u), d != nullptr, 0, d != nullptr ? "" : "no details",
+         d && d->sha1 ? d->sha1 : "");
 }
 void on_done(void* u) {
   auto* t = static_cast<Transfer*>(u);
@@ -148,6 +148,131 @@ void judge(Transfer* t, Counts& c) {
     c.failures[std::to_string(t->code) + " " + t->message]++;
   }
 }
+
+struct Soak {
+  std::mt19937 random;
+  std::string dir;
+  std::vector<Sample> samples;
+  zeltest::ServerProcess server;
+  std::unique_ptr<zeltest::FaultProxy> proxy;
+  ZEL* h = nullptr;
+  std::vector<std::unique_ptr<Transfer>> all;
+  std::vector<Transfer*> running;
+  Counts counts;
+  int serial = 0;
+
+  void make_samples() {
+    samples = {{0, 8, "", ""},          {1, 15, "", ""},          {kChunk - 1, 15, "", ""},
+               {kChunk, 15, "", ""},    {kChunk + 1, 15, "", ""}, {13 * kChunk + 7, 4, "", ""},
+               {64 * kChunk, 1, "", ""}};
+    for (Sample& s : samples) {
+      s.path = dir + "/in-" + std::to_string(s.size);
+      std::string bytes = zeltest::pattern_bytes(s.size, static_cast<uint32_t>(s.size) + 1);
+      std::ofstream(s.path, std::ios::binary) << bytes;
+      s.sha1 = zeltest::sha1_hex(bytes);
+    }
+  }
+
+  Transfer* add(const Sample& s, bool upload, const std::string& key) {
+    all.push_back(std::make_unique<Transfer>());
+    Transfer* t = all.back().get();
+    t->sample = &s;
+    t->upload = upload;
+    t->key = std::u16string(key.begin(), key.end());
+    if (!upload) t->out = dir + "/out-" + std::to_string(serial);
+    serial++;
+    start(h, t);
+    return t;
+  }
+
+  // The objects downloads read: uploaded once, before any fault.
+  bool seed_objects() {
+    for (const Sample& s : samples) {
+      Transfer* t = add(s, true, "d" + std::to_string(s.size));
+      std::unique_lock<std::mutex> lock(g_mutex);
+      g_changed.wait_for(lock, std::chrono::seconds(120), [&] { return t->finals > 0; });
+      if (!t->ok || t->sha1 != s.sha1)
+        return std::fprintf(stderr, "seeding failed: %s\n", t->message.c_str()), false;
+    }
+    all.clear();
+    return true;
+  }
+
+  void launch(std::discrete_distribution<int>& pick_size) {
+    const Sample& s = samples[static_cast<size_t>(pick_size(random))];
+    bool upload = random() % 2 == 0;
+    std::string size = std::to_string(s.size);
+    running.push_back(add(s, upload, upload ? "u" + size + "-" + std::to_string(serial % 4) : "d" + size));
+  }
+
+  // Drops the transfers that have reported (or hang) from the running set.
+  void collect() {
+    for (auto it = running.begin(); it != running.end();) {
+      Transfer* t = *it;
+      int finals;
+      {
+        std::lock_guard<std::mutex> lock(t->mutex);
+        finals = t->finals;
+      }
+      if (finals == 0 && Clock::now() - t->started <= kHangLimit) {
+        ++it;
+        continue;
+      }
+      if (finals == 0) counts.hangs++, std::fprintf(stderr, "HANG: %s\n", t->upload ? "upload" : "download");
+      if (!t->out.empty()) std::remove(t->out.c_str());
+      it = running.erase(it);
+    }
+  }
+
+  bool restart_server() {
+    server.kill9();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    if (!server.restart()) return std::fprintf(stderr, "restart: %s\n", server.error().c_str()), false;
+    proxy->set_upstream(server.port());
+    add_rules(server);
+    counts.restarts++;
+    return true;
+  }
+
+  bool run(double minutes) {
+    std::vector<int> weights;
+    for (const Sample& s : samples) weights.push_back(s.weight);
+    std::discrete_distribution<int> pick_size(weights.begin(), weights.end());
+    auto deadline = Clock::now() + std::chrono::duration<double>(minutes * 60);
+    auto next_kill = Clock::now() + std::chrono::seconds(15);
+    while (Clock::now() < deadline || !running.empty()) {
+      while (Clock::now() < deadline && running.size() < kInFlight) launch(pick_size);
+      {
+        std::unique_lock<std::mutex> lock(g_mutex);
+        g_changed.wait_for(lock, std::chrono::milliseconds(200));
+      }
+      collect();
+      if (Clock::now() > next_kill && Clock::now() < deadline) {
+        if (!restart_server()) return false;
+        next_kill = Clock::now() + std::chrono::seconds(10 + random() % 20);
+      }
+    }
+    // Time for any stray second report, then the verdict.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    for (auto& t : all) judge(t.get(), counts);
+    return true;
+  }
+
+  void print(uint32_t seed, double minutes) const {
+    const Counts& c = counts;
+    std::printf(
+        "soak: seed %u, %.1f min, %d transfers: %d ok, %d failed; wrong bytes %d, extra reports %d, hangs "
+        "%d; "
+        "server restarts %d\n",
+        seed, minutes, c.transfers, c.ok, c.failed, c.wrong, c.extra, c.hangs, c.restarts);
+    std::printf("proxy faults:");
+    for (int f = 1; f < 8; f++)
+      std::printf(" %s %d", zeltest::fault_name(static_cast<zeltest::Fault>(f)),
+                  proxy->applied(static_cast<zeltest::Fault>(f)));
+    std::printf("\nfailures by code and message:\n");
+    for (const auto& f : c.failures) std::printf("  %5d  %s\n", f.second, f.first.c_str());
+  }
+};
 }  // namespace
 
 int main() {
@@ -156,113 +281,32 @@ int main() {
   const char* seed_env = std::getenv("ZEL_SOAK_SEED");
   uint32_t seed = seed_env ? static_cast<uint32_t>(std::atoi(seed_env))
                            : static_cast<uint32_t>(Clock::now().time_since_epoch().count());
-  std::mt19937 random(seed);
+  Soak soak;
+  soak.random.seed(seed);
   char dir_template[] = "/tmp/zel-soak.XXXXXX";
-  std::string dir = mkdtemp(dir_template);
-  std::vector<Sample> samples = {{0, 8, "", ""},          {1, 15, "", ""},         {kChunk - 1, 15, "", ""},
-                                 {kChunk, 15, "", ""},    {kChunk + 1, 15, "", ""}, {13 * kChunk + 7, 4, "", ""},
-                                 {64 * kChunk, 1, "", ""}};
-  for (Sample& s : samples) {
-    s.path = dir + "/in-" + std::to_string(s.size);
-    std::string bytes = zeltest::pattern_bytes(s.size, static_cast<uint32_t>(s.size) + 1);
-    std::ofstream(s.path, std::ios::binary) << bytes;
-    s.sha1 = zeltest::sha1_hex(bytes);
-  }
-  zeltest::ServerProcess server;
-  if (!server.start()) return std::fprintf(stderr, "zel-server: %s\n", server.error().c_str()), 2;
-  zeltest::FaultProxy proxy(server.port());
+  soak.dir = mkdtemp(dir_template);
+  soak.make_samples();
+  if (!soak.server.start()) return std::fprintf(stderr, "zel-server: %s\n", soak.server.error().c_str()), 2;
+  soak.proxy = std::make_unique<zeltest::FaultProxy>(soak.server.port());
   zel_global_init();
-  zel_set_environment_url(ZEL_ENV_LOCAL, proxy.base_url().c_str());
+  zel_set_environment_url(ZEL_ENV_LOCAL, soak.proxy->base_url().c_str());
   transfer_set_backoff(100, 1000);
-  ZEL* h = zel_init(ZEL_ENV_LOCAL, 2, token, free_token);
-  h->chunk_size = kChunk;
-  h->auto_create_bucket = 1;
-  h->low_speed_limit = 1024;  // a stalled answer is given up after two seconds
-  h->low_speed_time = 2;
-  // The objects downloads read; uploaded once, before any fault.
-  std::vector<std::unique_ptr<Transfer>> all;
-  Counts c;
-  for (const Sample& s : samples) {
-    all.push_back(std::make_unique<Transfer>());
-    Transfer* t = all.back().get();
-    std::string key = "d" + std::to_string(s.size);
-    t->upload = true;
-    t->sample = &s;
-    t->key = std::u16string(key.begin(), key.end());
-    start(h, t);
-    std::unique_lock<std::mutex> lock(g_mutex);
-    g_changed.wait_for(lock, std::chrono::seconds(120), [&] { return t->finals > 0; });
-    if (!t->ok || t->sha1 != s.sha1) return std::fprintf(stderr, "seeding failed: %s\n", t->message.c_str()), 2;
-  }
-  all.clear();
-  add_rules(server);
-  proxy.set_random_faults(0.04, seed);
-  std::vector<int> weights;
-  for (const Sample& s : samples) weights.push_back(s.weight);
-  std::discrete_distribution<int> pick_size(weights.begin(), weights.end());
-  auto deadline = Clock::now() + std::chrono::duration<double>(minutes * 60);
-  auto next_kill = Clock::now() + std::chrono::seconds(15);
-  std::vector<Transfer*> running;
-  int serial = 0;
-  while (Clock::now() < deadline || !running.empty()) {
-    while (Clock::now() < deadline && running.size() < kInFlight) {
-      all.push_back(std::make_unique<Transfer>());
-      Transfer* t = all.back().get();
-      t->sample = &samples[static_cast<size_t>(pick_size(random))];
-      t->upload = random() % 2 == 0;
-      std::string size = std::to_string(t->sample->size);
-      std::string key = t->upload ? "u" + size + "-" + std::to_string(serial % 4) : "d" + size;
-      t->key = std::u16string(key.begin(), key.end());
-      t->out = dir + "/out-" + std::to_string(serial++);
-      start(h, t);
-      running.push_back(t);
-    }
-    {
-      std::unique_lock<std::mutex> lock(g_mutex);
-      g_changed.wait_for(lock, std::chrono::milliseconds(200));
-    }
-    for (auto it = running.begin(); it != running.end();) {
-      Transfer* t = *it;
-      int finals;
-      {
-        std::lock_guard<std::mutex> lock(t->mutex);
-        finals = t->finals;
-      }
-      if (finals > 0 || Clock::now() - t->started > kHangLimit) {
-        if (finals == 0) c.hangs++, std::fprintf(stderr, "HANG: %s\n", t->upload ? "upload" : "download");
-        it = running.erase(it);
-      } else {
-        ++it;
-      }
-    }
-    if (Clock::now() > next_kill && Clock::now() < deadline) {
-      server.kill9();
-      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      if (!server.restart()) return std::fprintf(stderr, "restart: %s\n", server.error().c_str()), 2;
-      proxy.set_upstream(server.port());
-      add_rules(server);
-      c.restarts++;
-      next_kill = Clock::now() + std::chrono::seconds(10 + random() % 20);
-    }
-  }
-  // Time for any stray second report, then the verdict.
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  for (auto& t : all) judge(t.get(), c);
+  soak.h = zel_init(ZEL_ENV_LOCAL, 2, token, free_token);
+  soak.h->chunk_size = kChunk;
+  soak.h->auto_create_bucket = 1;
+  soak.h->low_speed_limit = 1024;  // a stalled answer is given up after two seconds
+  soak.h->low_speed_time = 2;
+  if (!soak.seed_objects()) return 2;
+  add_rules(soak.server);
+  soak.proxy->set_random_faults(0.04, seed);
+  bool ran = soak.run(minutes);
   zel_global_cleanup();
-  zel_cleanup(h);
-  for (auto& t : all) {
-    zel_stream_cleanup(t->stream);
-    if (!t->out.empty()) std::remove(t->out.c_str());
-  }
-  for (const Sample& s : samples) std::remove(s.path.c_str());
-  rmdir(dir.c_str());
-  std::printf("soak: seed %u, %.1f min, %d transfers: %d ok, %d failed; wrong bytes %d, extra reports %d, hangs %d; "
-              "server restarts %d\n",
-              seed, minutes, c.transfers, c.ok, c.failed, c.wrong, c.extra, c.hangs, c.restarts);
-  std::printf("proxy faults:");
-  for (int f = 1; f < 8; f++)
-    std::printf(" %s %d", zeltest::fault_name(static_cast<zeltest::Fault>(f)), proxy.applied(static_cast<zeltest::Fault>(f)));
-  std::printf("\nfailures by code and message:\n");
-  for (const auto& f : c.failures) std::printf("  %5d  %s\n", f.second, f.first.c_str());
+  zel_cleanup(soak.h);
+  for (auto& t : soak.all) zel_stream_cleanup(t->stream);
+  for (const Sample& s : soak.samples) std::remove(s.path.c_str());
+  rmdir(soak.dir.c_str());
+  if (!ran) return 2;
+  soak.print(seed, minutes);
+  const Counts& c = soak.counts;
   return c.wrong == 0 && c.extra == 0 && c.hangs == 0 ? 0 : 1;
 }

@@ -76,8 +76,9 @@ std::string rewrite_head(const std::string& head, const std::vector<std::string>
     if (line.empty()) break;
     bool dropped = false;
     for (const std::string& name : drop)
-      dropped = dropped || (line.size() > name.size() && strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 &&
-                            line[name.size()] == ':');
+      dropped =
+          dropped || (line.size() > name.size() &&
+                      strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 && line[name.size()] == ':');
     if (!dropped) out += line + "\r\n";
   }
   return out + extra + "\r\n";
@@ -133,8 +134,9 @@ int connect_loopback(int port) {
 }  // namespace
 
 const char* fault_name(Fault fault) {
-  static const char* names[] = {"none",  "cut_after_status", "shorten_body",   "drop_length_and_cut",
-                                "short_body_length", "stall",  "reset_mid_body", "redirect_loop"};
+  static const char* names[] = {
+      "none",  "cut_after_status", "shorten_body", "drop_length_and_cut", "short_body_length",
+      "stall", "reset_mid_body",   "redirect_loop"};
   return names[static_cast<int>(fault)];
 }
 
@@ -245,7 +247,8 @@ void FaultProxy::serve(int client) {
 }
 
 // One request and its answer; false when the connection must end.
-bool FaultProxy::relay_one(int client, int upstream, std::string* client_pending, std::string* upstream_pending) {
+bool FaultProxy::relay_one(int client, int upstream, std::string* client_pending,
+                           std::string* upstream_pending) {
   std::string request;
   if (!read_head(client, client_pending, &request)) return false;
   std::string request_line = request.substr(0, request.find("\r\n"));
@@ -265,7 +268,8 @@ bool FaultProxy::relay_one(int client, int upstream, std::string* client_pending
     return send_all(client, "HTTP/1.1 302 Found\r\nLocation: " + target + "\r\nContent-Length: 0\r\n\r\n");
   }
   exchanges_++;
-  if (!send_all(upstream, request) || !relay_body(client, upstream, client_pending, request_body, request_body))
+  if (!send_all(upstream, request) ||
+      !relay_body(client, upstream, client_pending, request_body, request_body))
     return false;
   std::string head;
   if (!read_head(upstream, upstream_pending, &head)) return false;
@@ -289,12 +293,14 @@ bool FaultProxy::relay_one(int client, int upstream, std::string* client_pending
           relay_body(upstream, client, upstream_pending, length, half);
       return false;
     case Fault::short_body_length:
-      send_all(client, rewrite_head(head, {"Content-Length"}, "Content-Length: " +
-                                                                  std::to_string(std::min<uint64_t>(5, length)) + "\r\n")) &&
+      send_all(client,
+               rewrite_head(head, {"Content-Length"},
+                            "Content-Length: " + std::to_string(std::min<uint64_t>(5, length)) + "\r\n")) &&
           relay_body(upstream, client, upstream_pending, length, 5);
       return false;
     case Fault::stall:
-      if (send_all(client, head) && relay_body(upstream, client, upstream_pending, length, std::min<uint64_t>(half, 1024)))
+      if (send_all(client, head) &&
+          relay_body(upstream, client, upstream_pending, length, std::min<uint64_t>(half, 1024)))
         wait_for_close(client, stop_);
       return false;
     case Fault::reset_mid_body: {
