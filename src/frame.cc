@@ -38,7 +38,7 @@ bool Exchange::run(const ExchangePlan& p) {
 EscapedName::EscapedName(const char16_t* name) : text_(http_url_escape(name)) {}
 
 EscapedName::~EscapedName() {
-  if (text_ != nullptr) curl_free(text_);
+  if (text_ != nullptr) http_text_free(text_);
 }
 
 bool parse_object_details(const char* tag, const char* body, uint32_t api_version,

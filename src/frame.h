@@ -66,7 +66,7 @@ void report_failure(void (*callback)(const Resp*, void*), const HttpExchange& ex
 // URL unaltered.
 constexpr const char* kCannotEscapeKeys = "Cannot encode the keys for the request URL";
 
-// URL-escaped UTF-8 form of a wide name, released with curl_free.
+// URL-escaped UTF-8 form of a wide name, released with http_text_free.
 class EscapedName {
  public:
   explicit EscapedName(const char16_t* name);

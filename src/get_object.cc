@@ -185,7 +185,7 @@ char* download_url_utf8(const char16_t* download_url) {
   char* escaped = http_url_escape(download_url);
   if (escaped == nullptr) return nullptr;
   char* url = http_url_unescape(escaped);
-  curl_free(escaped);
+  http_text_free(escaped);
   return url;
 }
 
@@ -314,7 +314,7 @@ uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* d, int* foun
     return AttemptOutcome{verdict.success(), code, !verdict.success() && verdict.retryable()};
   });
   if (message != nullptr) report(opt->callback, code, message, d->user_data);
-  curl_free(url);
+  http_text_free(url);
   return *found ? size : 0;
 }
 

@@ -87,5 +87,5 @@ void download_free(ZELDownloadDecorator* download);
 // (logged) when a copy fails.
 ZELGetObjectOpt* get_object_opt_from_url(const ZELGetObjectByURLOpt* opt);
 // The UTF-8 form of a download URL (escaped, then unescaped), freed with
-// curl_free; NULL when it cannot be made.
+// http_text_free; NULL when it cannot be made.
 char* download_url_utf8(const char16_t* download_url);

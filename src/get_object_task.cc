@@ -329,6 +329,17 @@ void get_object_task(void* raw) {
 }
 
 namespace {
+// The size (learnt or given); false when the download ends here, reported.
+bool by_url_size(ZELGetObjectByURLDecorator* u, const Plan& p, uint64_t* size) {
+  const ZELGetObjectByURLOpt* opt = u->opt;
+  if (opt->range != nullptr) return range_size(p, opt->range, size);
+  if (p.size_unknown) return true;
+  int found = 0;
+  *size = query_object_size_by_url(u, &found);
+  if (!found) report(opt->callback, 0, "Cannot get object size", u->user_data);
+  return found != 0;
+}
+
 void get_object_by_url_run(ZELGetObjectByURLDecorator* u) {
   const ZELGetObjectByURLOpt* opt = u->opt;
   ZELGetObjectOpt* made = get_object_opt_from_url(opt);
@@ -336,24 +347,18 @@ void get_object_by_url_run(ZELGetObjectByURLDecorator* u) {
          opt->authenticate, u->user_data, nullptr,       nullptr, 0};
   if (made == nullptr)
     return report(opt->callback, 0, "Cannot allocate memory for ZELDownloadDecorator", u->user_data);
-  if (opt->range != nullptr) {
-    if (!range_size(p, opt->range, &p.size)) return get_object_opt_cleanup(made);
-  } else if (!p.size_unknown) {
-    int found = 0;
-    p.size = query_object_size_by_url(u, &found);
-    if (!found) {
-      report(opt->callback, 0, "Cannot get object size", u->user_data);
-      return get_object_opt_cleanup(made);
-    }
-  }
   char* url = download_url_utf8(opt->download_url);
   if (url == nullptr) {
     report(opt->callback, 0, "Cannot encode the download URL", u->user_data);
-  } else {
+  } else if (!http_url_fits(static_cast<long>(strlen(url)))) {
+    // Refused before the size query, so nothing at all is sent.
+    ZLOG("%s", kHttpUrlTooLong);
+    report(opt->callback, 0, kHttpUrlTooLong, u->user_data);
+  } else if (by_url_size(u, p, &p.size)) {
     p.url = url;
     download_run(p);
-    curl_free(url);
   }
+  if (url != nullptr) http_text_free(url);
   get_object_opt_cleanup(made);  // NULL once the download record took it
 }
 }  // namespace

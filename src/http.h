@@ -118,6 +118,8 @@ char* http_response_content_range_total(const HttpResponse* response);
 // Percent-encoding of a wide name, and decoding; results freed with curl_free.
 char* http_url_escape(const char16_t* text);
 char* http_url_unescape(const char* text);
+// Frees a text made by the two functions above (libcurl's own allocation).
+void http_text_free(char* text);
 
 // CA bundle beside the host executable.
 constexpr size_t kCaPathMax = 260;
