@@ -275,6 +275,27 @@ bool range_size(const Plan& p, const ZELByteRange* range, uint64_t* size) {
   return true;
 }
 
+// The download and details URLs; false (reported) when either would have
+// to be cut or a header line would add lines of its own. Nothing is sent,
+// and the output file is left alone, then.
+bool build_urls(const ZELGetObjectDecorator* g, char* url, char* details, long* details_length) {
+  const ZELGetObjectOpt* opt = g->opt;
+  EscapedName bucket(opt->bucket_key), key(opt->key);
+  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, g->user_data), false;
+  long length = zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
+  *details_length =
+      zel_api_url(g->handle, details, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
+  if (!http_url_fits(length) || !http_url_fits(*details_length)) {
+    ZLOG("%s", kHttpUrlTooLong);
+    return report(opt->callback, 0, kHttpUrlTooLong, g->user_data), false;
+  }
+  HttpPlan texts;
+  texts.headers = opt->headers;
+  const char* refused = http_plan_refusal(texts);
+  if (refused != nullptr) report(opt->callback, 0, refused, g->user_data);
+  return refused == nullptr;
+}
+
 void get_object_run(ZELGetObjectDecorator* g) {
   const ZELGetObjectOpt* opt = g->opt;
   const char* missing = opt->bucket_key == nullptr ? "ZELGetObjectOpt bucket_key is (null)"
@@ -283,19 +304,9 @@ void get_object_run(ZELGetObjectDecorator* g) {
   if (missing != nullptr) return report(opt->callback, 0, missing, g->user_data);
   Plan p{&g->handle, &g->opt, nullptr, nullptr, 0, 0, true, g->user_data, nullptr, nullptr, 0};
   p.size_unknown = opt->size_unknown != 0 || has_delta_header(opt->headers) ? 1 : 0;
-  EscapedName bucket(opt->bucket_key), key(opt->key);
-  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, g->user_data);
   char url[kUrlBuffer] = {0};
   char details[kUrlBuffer] = {0};
-  long length = zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
-  p.details_url_length =
-      zel_api_url(g->handle, details, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
-  // Nothing is sent, and the output file is left alone, for a URL that
-  // would have to be cut.
-  if (!http_url_fits(length) || !http_url_fits(p.details_url_length)) {
-    ZLOG("%s", kHttpUrlTooLong);
-    return report(opt->callback, 0, kHttpUrlTooLong, g->user_data);
-  }
+  if (!build_urls(g, url, details, &p.details_url_length)) return;
   char* sha1 = nullptr;
   if (opt->range != nullptr) {
     if (!range_size(p, opt->range, &p.size)) return;

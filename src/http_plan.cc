@@ -22,7 +22,7 @@ std::atomic<bool> g_stop{false};
 bool has_line_break(const char* text) { return text != nullptr && std::strpbrk(text, "\r\n") != nullptr; }
 
 // Names the first text of the plan that would add lines of its own.
-const char* refused_text(const HttpPlan& plan) {
+const char* refused_text_of(const HttpPlan& plan) {
   if (has_line_break(plan.session_id)) return "The session id contains CR or LF";
   if (has_line_break(plan.content_type)) return "The content type contains CR or LF";
   for (size_t i = 0; i < plan.field_count; i++) {
@@ -273,7 +273,7 @@ bool HttpExchange::prepare(const HttpPlan& plan) {
     ZLOG("%s", kHttpUrlTooLong);
     return fail(kHttpUrlTooLong, 0, false);
   }
-  if (const char* refused = refused_text(plan)) return fail(refused, 0, false);
+  if (const char* refused = http_plan_refusal(plan)) return fail(refused, 0, false);
   pooled_ = plan.pooled;
   request_ = pooled_ ? http_pool_acquire() : http_request_init();
   if (request_ == nullptr) return fail("Cannot initialize http request", 0, true);
@@ -334,6 +334,8 @@ bool HttpExchange::finish(const HttpPlan& plan, int curl_code) {
   }
   return true;
 }
+
+const char* http_plan_refusal(const HttpPlan& plan) { return refused_text_of(plan); }
 
 bool http_status_retryable(int32_t status) { return status >= 500 || status == 408 || status == 429; }
 

@@ -216,6 +216,12 @@ class HttpVerdict {
 // True when a status may be worth another attempt: 5xx, 408 and 429.
 bool http_status_retryable(int32_t status);
 
+// The texts of `plan` that would add header lines of their own (the bearer
+// token aside, which is only known when the request is built): the message
+// naming the first one, or none. run() refuses such a plan; engines ask
+// first so that nothing at all starts.
+const char* http_plan_refusal(const HttpPlan& plan);
+
 // True when a URL builder's result `length` is a URL that was not cut.
 inline bool http_url_fits(long length) { return length >= 0 && length <= kHttpUrlMax; }
 

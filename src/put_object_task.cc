@@ -252,6 +252,32 @@ bool task_checks(ZELPutObjectDecorator* d) {
   return missing == nullptr;
 }
 
+// The upload's URL; false (reported) when it cannot be sent faithfully, or
+// when a text of the options would add header lines of its own. Both are
+// refused before anything is sent, the bucket creation included.
+bool build_url(const ZELPutObjectDecorator* d, bool resumable, char* url) {
+  EscapedName bucket(d->opt->bucket_key), key(d->opt->key);
+  if (!bucket.ok() || !key.ok()) {
+    report(d->opt->callback, 0, kCannotEscapeKeys, d->user_data);
+    return false;
+  }
+  long length = zel_upload_url(d->handle, url,
+                               resumable ? "/buckets/%s/objects/%s/resumable" : "/buckets/%s/objects/%s",
+                               bucket.get(), key.get());
+  if (!http_url_fits(length)) {
+    ZLOG("%s", kHttpUrlTooLong);
+    report(d->opt->callback, 0, kHttpUrlTooLong, d->user_data);
+    return false;
+  }
+  HttpPlan texts;
+  texts.session_id = d->opt->session_id;
+  texts.content_type = d->opt->content_type;
+  texts.headers = d->opt->headers;
+  const char* refused = http_plan_refusal(texts);
+  if (refused != nullptr) report(d->opt->callback, 0, refused, d->user_data);
+  return refused == nullptr;
+}
+
 // Runs the upload described by the decorator, whose copies it may take.
 void put_object_run(ZELPutObjectDecorator* d) {
   if (!task_checks(d)) return;
@@ -262,22 +288,8 @@ void put_object_run(ZELPutObjectDecorator* d) {
     report(d->opt->callback, 0, "Cannot allocate memory for ZELByteRangeIterator", d->user_data);
     return;
   }
-  EscapedName bucket(d->opt->bucket_key), key(d->opt->key);
-  if (!bucket.ok() || !key.ok()) {
-    report(d->opt->callback, 0, kCannotEscapeKeys, d->user_data);
-    return;
-  }
   char url[kUrlBuffer] = {0};
-  bool resumable = d->opt->range != nullptr || chunks > 1;
-  long length = zel_upload_url(d->handle, url,
-                               resumable ? "/buckets/%s/objects/%s/resumable" : "/buckets/%s/objects/%s",
-                               bucket.get(), key.get());
-  // Refused before anything is sent, the bucket creation included.
-  if (!http_url_fits(length)) {
-    ZLOG("%s", kHttpUrlTooLong);
-    report(d->opt->callback, 0, kHttpUrlTooLong, d->user_data);
-    return;
-  }
+  if (!build_url(d, d->opt->range != nullptr || chunks > 1, url)) return;
   if (ensure_bucket_exists(d->handle, d->opt, d->user_data) < 0) return;
   ZELByteRangeIterator* iterator = nullptr;
   if (chunks > 1) {
