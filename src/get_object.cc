@@ -89,15 +89,8 @@ bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, FILE*
 
 HttpPlan fetch_plan(const ZELDownloadDecorator* d, const ZELByteRange* range, DownloadSink* sink,
                     ZELTransferProgress* data) {
-  HttpPlan plan;
-  plan.url = d->url;
-  plan.settings = http_settings_from(d->handle);
-  plan.pooled = true;
+  HttpPlan plan = transfer_plan(d->handle, d->url, d->authenticate);
   plan.bulk = true;
-  if (d->authenticate) {
-    plan.get_token = d->handle->get_token;
-    plan.free_token = d->handle->free_token;
-  }
   bool sent = range_header_sent(d);
   plan.range = HttpByteRange{sent, range->start, range->end};
   plan.headers = d->opt->headers;
@@ -109,15 +102,7 @@ HttpPlan fetch_plan(const ZELDownloadDecorator* d, const ZELByteRange* range, Do
   return plan;
 }
 
-HttpVerdictRules download_rules() {
-  HttpVerdictRules rules;
-  rules.success = kRangedOk;
-  rules.success_count = 2;
-  rules.not_found_text = true;
-  rules.gateway_text = true;
-  rules.other_text = "Chunk Download Failed";
-  return rules;
-}
+constexpr HttpVerdictRules kDownloadRules{kRangedOk, 2, true, true, "Chunk Download Failed", true};
 
 void report_stats(const ZELDownloadDecorator* d, const HttpResponse* r) {
   if (d->opt->stats_callback == nullptr) return;
@@ -146,7 +131,7 @@ AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* ran
   // A write that only fails at close would otherwise pass for a download.
   int closed = fclose(file);
   int close_error = errno;
-  HttpVerdict verdict(exchange, download_rules());
+  HttpVerdict verdict(exchange, kDownloadRules);
   if (verdict.success() && closed != 0) {
     *error_status = close_error;
     *error_message = transfer_error_text(close_error);
@@ -207,24 +192,13 @@ void query_with_retries(const HttpPlan& plan, uint32_t max_retries, Judge judge)
 }
 
 HttpPlan details_plan(const ZEL* handle, const char* url, long url_length, const ZELHeaders* headers) {
-  HttpPlan plan;
-  plan.url = url;
+  HttpPlan plan = transfer_plan(handle, url, true);
   plan.url_length = url_length;
-  plan.settings = http_settings_from(handle);
-  plan.pooled = true;
-  plan.get_token = handle->get_token;
-  plan.free_token = handle->free_token;
   plan.headers = headers;
   return plan;
 }
 
-HttpVerdictRules details_rules() {
-  HttpVerdictRules rules;
-  rules.success = kDetailsOk;
-  rules.success_count = 1;
-  rules.gateway_text = true;
-  return rules;
-}
+constexpr HttpVerdictRules kDetailsRules{kDetailsOk, 1, false, true, nullptr, true};
 }  // namespace
 
 int object_facts_query(const ZEL* handle, const char* url, long url_length, const ZELHeaders* headers,
@@ -234,7 +208,7 @@ int object_facts_query(const ZEL* handle, const char* url, long url_length, cons
   *code = 0;
   *message = nullptr;
   query_with_retries(plan, handle->max_retries, [&](const HttpExchange& exchange) {
-    HttpVerdict verdict(exchange, details_rules());
+    HttpVerdict verdict(exchange, kDetailsRules);
     mem_free(*message);
     *message = nullptr;
     ZELObjectDetails* details = verdict.success() ? zel_object_details_init() : nullptr;
@@ -287,21 +261,14 @@ uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* d, int* foun
   const ZELGetObjectByURLOpt* opt = d->opt;
   char* url = download_url_utf8(opt->download_url);
   if (url == nullptr) return report(opt->callback, 0, "Cannot encode the download URL", d->user_data), 0;
-  HttpPlan plan;
-  plan.url = url;
-  plan.settings = http_settings_from(d->handle);
-  plan.pooled = true;
+  HttpPlan plan = transfer_plan(d->handle, url, opt->authenticate);
   // The first two bytes: a 206 names the object's size in Content-Range.
   plan.range = HttpByteRange{true, 0, 1};
-  if (opt->authenticate) {
-    plan.get_token = d->handle->get_token;
-    plan.free_token = d->handle->free_token;
-  }
   uint64_t size = 0;
   int32_t code = 0;
   const char* message = nullptr;  // static: only the fixed texts are reported
   query_with_retries(plan, d->handle->max_retries, [&](const HttpExchange& exchange) {
-    HttpVerdict verdict(exchange, download_rules());
+    HttpVerdict verdict(exchange, kDownloadRules);
     char* total = verdict.success() ? http_response_content_range_total(exchange.response()) : nullptr;
     char* end = nullptr;
     if (total != nullptr && total[0] >= '0' && total[0] <= '9') size = strtoull(total, &end, 10);

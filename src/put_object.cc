@@ -50,14 +50,9 @@ uint64_t range_length(const ZELByteRange* range, uint64_t file_size) {
 
 HttpPlan upload_plan(const ZELUploadDecorator* u, const ZELByteRange* range, const char* url,
                      UploadSource* source, ZELTransferProgress* data) {
-  HttpPlan plan;
+  HttpPlan plan = transfer_plan(u->handle, url, true);
   plan.method = HttpMethod::put;
-  plan.url = url;
-  plan.settings = http_settings_from(u->handle);
-  plan.pooled = true;
   plan.bulk = true;
-  plan.get_token = u->handle->get_token;
-  plan.free_token = u->handle->free_token;
   plan.session_id = u->opt->session_id;
   // An empty file has no first and last byte to name; its whole-object PUT
   // goes without a Content-Range rather than with a wrapped-around one.
@@ -73,14 +68,7 @@ HttpPlan upload_plan(const ZELUploadDecorator* u, const ZELByteRange* range, con
   return plan;
 }
 
-HttpVerdictRules upload_rules() {
-  HttpVerdictRules rules;
-  rules.success = kUploadOk;
-  rules.success_count = 3;
-  rules.not_found_text = true;
-  rules.gateway_text = true;
-  return rules;
-}
+constexpr HttpVerdictRules kUploadRules{kUploadOk, 3, true, true, nullptr, true};
 
 void report_stats(const ZELUploadDecorator* u, const HttpResponse* r) {
   if (u->opt->stats_callback == nullptr) return;
@@ -131,7 +119,7 @@ AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* ra
   HttpExchange exchange;
   exchange.run(plan);
   fclose(file);
-  HttpVerdict verdict(exchange, upload_rules());
+  HttpVerdict verdict(exchange, kUploadRules);
   int32_t status = verdict.code();
   // A 200 or 201 without any body was cut short: the details it carries
   // are what completes the upload, so the attempt is tried again.

@@ -168,4 +168,16 @@ int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_s
   return data->progress_callback(figures.transferred, figures.total, data->user_data);
 }
 
+HttpPlan transfer_plan(const ZEL* handle, const char* url, bool authenticate) {
+  HttpPlan plan;
+  plan.url = url;
+  plan.settings = http_settings_from(handle);
+  plan.pooled = true;
+  if (authenticate) {
+    plan.get_token = handle->get_token;
+    plan.free_token = handle->free_token;
+  }
+  return plan;
+}
+
 const char* transfer_error_text(int error) { return error != 0 ? std::strerror(error) : nullptr; }

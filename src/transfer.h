@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "http.h"
+#include "http_plan.h"
 #include "progress.h"
 #include "threadpool.h"
 
@@ -69,6 +70,10 @@ AttemptOutcome transfer_run_chunk(uint32_t max_retries, Attempt attempt, OnRetry
 // retry or without data it only passes on the worker pool's stop flag, so a
 // shutdown aborts every running request.
 int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_shrink);
+
+// The plan every transfer request starts from: a pooled request to `url`
+// with the handle's settings and, when `authenticate`, its token.
+HttpPlan transfer_plan(const ZEL* handle, const char* url, bool authenticate);
 
 // The system's text for an error number, or nullptr when it has none.
 const char* transfer_error_text(int error);

@@ -71,10 +71,8 @@ void finish(Transfer* t, bool ok, int32_t code, const std::string& message, cons
   g_changed.notify_all();
 }
 
-void on_put_status(const ZELPutObjectResp* r, void* u) {
-  finish(static_cast<Transfer*>(u), false, r->code, r->message, "");
-}
-void on_get_status(const ZELGetObjectResp* r, void* u) {
+template <class Resp>
+void on_status(const Resp* r, void* u) {
   finish(static_cast<Transfer*>(u), false, r->code, r->message, "");
 }
 void on_details(const ZELObjectDetails* d, void* u) {
@@ -91,24 +89,26 @@ void on_done(void* u) {
 char* token() { return strdup("local-dev-token"); }
 void free_token(char* t) { free(t); }
 
+template <class Opt, class Resp>
+Opt options(Transfer* t) {
+  Opt opt{};
+  opt.bucket_key = t->bucket.c_str();
+  opt.key = t->key.c_str();
+  opt.stream = t->stream;
+  opt.callback = on_status<Resp>;
+  return opt;
+}
+
 void start(ZEL* h, Transfer* t) {
   t->stream = zel_stream_init(std::u16string(t->upload ? t->sample->path.begin() : t->out.begin(),
                                              t->upload ? t->sample->path.end() : t->out.end())
                                   .c_str());
   if (t->upload) {
-    ZELPutObjectOpt opt{};
-    opt.bucket_key = t->bucket.c_str();
-    opt.key = t->key.c_str();
-    opt.stream = t->stream;
-    opt.callback = on_put_status;
+    ZELPutObjectOpt opt = options<ZELPutObjectOpt, ZELPutObjectResp>(t);
     opt.details_callback = on_details;
     zel_put_object(h, &opt, t);
   } else {
-    ZELGetObjectOpt opt{};
-    opt.bucket_key = t->bucket.c_str();
-    opt.key = t->key.c_str();
-    opt.stream = t->stream;
-    opt.callback = on_get_status;
+    ZELGetObjectOpt opt = options<ZELGetObjectOpt, ZELGetObjectResp>(t);
     opt.done_callback = on_done;
     zel_get_object(h, &opt, t);
   }
