@@ -228,8 +228,9 @@ int object_facts_query(const ZEL* handle, const char* url, long url_length, cons
       *message = mem_strdup(verdict.message());
     }
     zel_object_details_cleanup(details);
-    // A 200 without any body was cut short and is worth another attempt.
-    bool cut = verdict.success() && exchange.body() == nullptr;
+    // A 200 whose body does not read as details was most likely cut short
+    // (an answer without Content-Length ends where the connection did).
+    bool cut = verdict.success() && result != 0;
     return AttemptOutcome{result == 0, verdict.code(), cut || (!verdict.success() && verdict.retryable())};
   });
   return result;

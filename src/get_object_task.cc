@@ -313,6 +313,9 @@ void get_object_run(ZELGetObjectDecorator* g) {
   } else if (!p.size_unknown) {
     int found = 0;
     p.size = query_object_size(g, &found, &sha1);
+    // A size query stopped by shut-down has reported that already; the
+    // second report is kept for the service's refusals.
+    if (!found && http_stopping()) return;
     if (!found) return report(opt->callback, 0, "Cannot get object size", g->user_data);
     if (p.size > kHttpMaxOffset) {
       mem_free(sha1);

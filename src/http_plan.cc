@@ -337,7 +337,7 @@ bool HttpExchange::finish(const HttpPlan& plan, int curl_code) {
 
 const char* http_plan_refusal(const HttpPlan& plan) { return refused_text_of(plan); }
 
-bool http_status_retryable(int32_t status) { return status >= 500 || status == 408 || status == 429; }
+bool http_status_retryable(int32_t status) { return status >= 500 && status <= 599; }
 
 bool http_range_length(uint64_t first, uint64_t last, uint64_t* length) {
   if (last < first || last - first >= kHttpMaxOffset || last >= kHttpMaxOffset) return false;

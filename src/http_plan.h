@@ -213,7 +213,8 @@ class HttpVerdict {
   char* reason_ = nullptr;
 };
 
-// True when a status may be worth another attempt: 5xx, 408 and 429.
+// True when a status may be worth another attempt: 5xx. A 4xx is the
+// service refusing this very request, and asking again changes nothing.
 bool http_status_retryable(int32_t status);
 
 // The texts of `plan` that would add header lines of their own (the bearer
