@@ -420,3 +420,27 @@ TEST_F(RetryWaitTest, ShutdownInterruptsTheWait) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
   ASSERT_EQ(zel_global_init(), 0);  // for the fixture's own shut-down
 }
+
+// A redirect to another host is followed only when the request carries
+// nothing private: no token and none of the caller's lines.
+TEST(RequestPathRedirects, PrivateHeadersNeverFollowToAnotherHost) {
+  zeltest::RawHttpServer other;
+  other.set_fallback(zeltest::RawHttpServer::reply(200, "OK", "{}"));
+  zeltest::RawHttpServer first;
+  first.set_fallback(zeltest::RawHttpServer::reply(302, "Found", "", {"Location: " + other.url("/there")}));
+  std::string url = first.url("/here");
+  ZELHeaders* headers = zel_headers_append(nullptr, "X-Secret", "s3cret");
+  HttpPlan plan;
+  plan.url = url.c_str();
+  plan.headers = headers;
+  HttpExchange refused;
+  EXPECT_FALSE(refused.run(plan));
+  EXPECT_STREQ(refused.error(), "The answer redirects to another host, where the request's headers must not go");
+  EXPECT_TRUE(other.requests().empty());
+  plan.headers = nullptr;
+  HttpExchange followed;
+  EXPECT_TRUE(followed.run(plan));
+  EXPECT_EQ(followed.status(), 200);
+  ASSERT_EQ(other.requests().size(), 1u);
+  zel_headers_cleanup(headers);
+}
