@@ -444,3 +444,28 @@ TEST(RequestPathRedirects, PrivateHeadersNeverFollowToAnotherHost) {
   ASSERT_EQ(other.requests().size(), 1u);
   zel_headers_cleanup(headers);
 }
+
+// A details answer claiming a size of -1 reads as 2^64-1: refused, nothing
+// fetched, no file of that size reserved.
+TEST_F(RequestPathTest, ClaimedSizesBeyondWhatAFileCanHoldAreRefused) {
+  store("claim", 1000, 13);
+  std::string details =
+      zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/claim/details", {zeltest::kAuthHeader}).body;
+  size_t at = details.find("\"size\":1000");
+  ASSERT_NE(at, std::string::npos) << details;
+  details.replace(at, 11, "\"size\":-1");
+  json_t* rule = json_pack("{s:s, s:s, s:i, s:s}", "method", "GET", "path", "claim/details", "status", 200,
+                           "body", details.c_str());
+  char* text = json_dumps(rule, 0);
+  ASSERT_TRUE(server_.add_fault(text));
+  free(text);
+  json_decref(rule);
+  server_.clear_requests();
+  GetOptions g("bkt", "claim", dir_.file("claim"));
+  Outcome o;
+  zel_get_object(h_, &g.opt, &o);
+  ASSERT_TRUE(o.wait_once());
+  EXPECT_EQ(o.done, 0);
+  EXPECT_EQ(o.message, "The object size is out of range");
+  EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/objects/claim").size(), 1u) << "the details only";
+}
