@@ -435,7 +435,8 @@ TEST(RequestPathRedirects, PrivateHeadersNeverFollowToAnotherHost) {
   plan.headers = headers;
   HttpExchange refused;
   EXPECT_FALSE(refused.run(plan));
-  EXPECT_STREQ(refused.error(), "The answer redirects to another host, where the request's headers must not go");
+  EXPECT_STREQ(refused.error(),
+               "The answer redirects to another host, where the request's headers must not go");
   EXPECT_TRUE(other.requests().empty());
   plan.headers = nullptr;
   HttpExchange followed;
@@ -450,7 +451,8 @@ TEST(RequestPathRedirects, PrivateHeadersNeverFollowToAnotherHost) {
 TEST_F(RequestPathTest, ClaimedSizesBeyondWhatAFileCanHoldAreRefused) {
   store("claim", 1000, 13);
   std::string details =
-      zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/claim/details", {zeltest::kAuthHeader}).body;
+      zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/claim/details", {zeltest::kAuthHeader})
+          .body;
   size_t at = details.find("\"size\":1000");
   ASSERT_NE(at, std::string::npos) << details;
   details.replace(at, 11, "\"size\":-1");
