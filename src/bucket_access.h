@@ -77,9 +77,10 @@ int run_access_worker(void* raw, const AccessNames& n, char* (*to_json)(const Op
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, n.path, key.get());
+  const long url_length = zel_api_url(decorator->handle, url, n.path, key.get());
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::post, url, "application/json", body};
+  ExchangePlan plan{decorator->handle,  opt->headers, HttpMethod::post, url,
+                    "application/json", body,         url_length};
   bool answered = exchange.run(plan);
   mem_free(body);
   if (answered && exchange.status() == 200) {

@@ -108,18 +108,24 @@ void cache_put(const char* bucket_key, uint32_t environment) {
 }
 
 uint32_t cache_get(const char* bucket_key) {
+  uint32_t environment = kCacheMiss;
+  return cache_lookup(bucket_key, &environment) ? environment : kCacheMiss;
+}
+
+bool cache_lookup(const char* bucket_key, uint32_t* found) {
   BucketCache* cache = g_cache.load();
   if (cache == nullptr) {
     ZLOG("Cache not initialized");
-    return kCacheMiss;
+    return false;
   }
-  if (bucket_key == nullptr) return kCacheMiss;
+  if (bucket_key == nullptr) return false;
   BucketCacheEntry* entry = nullptr;
-  uint32_t environment = kCacheMiss;
+  bool hit = false;
   zel::mtx_lock(&cache->lock);
   if (cache->entries != nullptr) HASH_FIND_STR(cache->entries, bucket_key, entry);
   if (entry != nullptr) {
-    environment = entry->environment;
+    *found = entry->environment;
+    hit = true;
     HASH_DEL(cache->entries, entry);
     // Re-adding can allocate (the table is rebuilt when its only entry
     // left it); should that fail, the key is forgotten, which only costs
@@ -127,7 +133,7 @@ uint32_t cache_get(const char* bucket_key) {
     if (!add_entry(cache, entry)) release(entry);
   }
   zel::mtx_unlock(&cache->lock);
-  return environment;
+  return hit;
 }
 
 int cache_count() {

@@ -18,6 +18,9 @@ void cache_put(const char* bucket_key, uint32_t environment);
 // The environment stored for the key, which becomes the most recently used,
 // or kCacheMiss.
 uint32_t cache_get(const char* bucket_key);
+// The same, able to tell a stored 0xFFFFFFFF from a miss: true with
+// *environment set when the key is known.
+bool cache_lookup(const char* bucket_key, uint32_t* environment);
 // Entries held; -1 without a cache.
 int cache_count();
 void cache_cleanup();

@@ -52,7 +52,8 @@ int worker(void* raw) {
   WorkerScope scope;
   auto* decorator = static_cast<Decorator*>(raw);
   DecoratorGuard<ZELCopyObjectOpt, free_opt> guard{decorator};
-  const ZELCopyObjectOpt* opt = worker_options(kLogTag, decorator, "ZELCopyObjectDecorator", "ZELCopyObjectOpt");
+  const ZELCopyObjectOpt* opt =
+      worker_options(kLogTag, decorator, "ZELCopyObjectDecorator", "ZELCopyObjectOpt");
   if (opt == nullptr) return -1;
   if (const char* missing = missing_field(opt)) {
     report(opt->callback, 0, missing, decorator->user_data);
@@ -64,11 +65,11 @@ int worker(void* raw) {
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/copyto/%s", bucket.get(), source.get(),
-              destination.get());
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/copyto/%s",
+                                      bucket.get(), source.get(), destination.get());
   // A PUT without body: application/octet-stream and an upload size of 0.
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::put, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     deliver_object_details(kLogTag, exchange, decorator->handle->api_version, opt->details_callback,

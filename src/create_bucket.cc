@@ -79,9 +79,9 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(handle, url, "/buckets");
+  const long url_length = zel_api_url(handle, url, "/buckets");
   Exchange exchange;
-  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body};
+  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body, url_length};
   bool answered = exchange.run(plan);
   mem_free(body);
   if (!answered) {
@@ -95,8 +95,10 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
     deliver_details(handle, opt, exchange.body(), user_data);
   } else {
     // The service's answer is passed on unchanged (409 included).
-    FailureText failure(status, exchange.body(), false);
-    report(opt->callback, status, failure.text(), user_data);
+    HttpVerdictRules rules;
+    rules.extract_reason = false;
+    HttpVerdict verdict(exchange, rules);
+    report(opt->callback, status, verdict.message(), user_data);
   }
   return status;
 }
@@ -104,7 +106,8 @@ int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* us
 int ensure_bucket_exists(const ZEL* handle, const ZELPutObjectOpt* opt, void* user_data) {
   if (handle->auto_create_bucket == 0) return 0;
   char* key = wide_to_utf8(opt->bucket_key);
-  if (key != nullptr && cache_get(key) == handle->environment) {
+  uint32_t cached = 0;
+  if (key != nullptr && cache_lookup(key, &cached) && cached == handle->environment) {
     mem_free(key);
     return 1;
   }

@@ -1,8 +1,10 @@
 #include "frame.h"
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <cstring>
 
 #include "alloc.h"
 #include "json.h"
@@ -13,84 +15,30 @@
 namespace {
 
 std::atomic<int> g_running_workers{0};
-
-const char* prepare_method(HttpRequest* request, const ExchangePlan& plan) {
-  switch (plan.method) {
-    case HttpMethod::get:
-      return http_request_get(request, plan.url);
-    case HttpMethod::del:
-      return http_request_delete(request, plan.url);
-    case HttpMethod::post:
-      return http_request_post(request, plan.url, plan.content_type, plan.body);
-    case HttpMethod::put:
-      return http_request_put(request, plan.url, plan.content_type);
-  }
-  return "Unknown HTTP method";
-}
+pthread_mutex_t g_workers_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_workers_done = PTHREAD_COND_INITIALIZER;
 
 }  // namespace
 
-Exchange::~Exchange() { http_release(request_, response_); }
-
-bool Exchange::run(const ExchangePlan& plan) {
-  setup_failed_ = true;
-  request_ = http_request_init();
-  if (request_ == nullptr) {
-    error_ = "Cannot initialize http request";
-    return false;
-  }
-  HttpSettings settings = http_settings_from(plan.handle);
-  http_request_configure(request_, &settings);
-  http_request_set_auth(request_, plan.handle->get_token, plan.handle->free_token);
-  for (const ZELHeaders* node = plan.headers; node != nullptr; node = node->next) {
-    http_request_add_header(request_, node->line);
-  }
-  if ((error_ = prepare_method(request_, plan)) != nullptr) return false;
-  response_ = http_response_init();
-  if (response_ == nullptr) {
-    error_ = "Cannot initialize http response";
-    return false;
-  }
-  response_->body = http_body_init();
-  if (response_->body == nullptr) {
-    error_ = "Cannot initialize http response body";
-    return false;
-  }
-  response_->body->callback = http_body_write;
-  setup_failed_ = false;
-  if ((error_ = http_perform(request_, response_)) != nullptr) {
-    code_ = response_->status;
-    return false;
-  }
-  code_ = response_->status;
-  return true;
+bool Exchange::run(const ExchangePlan& p) {
+  HttpPlan plan;
+  plan.method = p.method;
+  plan.url = p.url;
+  plan.url_length = p.url_length;
+  plan.settings = http_settings_from(p.handle);
+  plan.get_token = p.handle->get_token;
+  plan.free_token = p.handle->free_token;
+  plan.headers = p.headers;
+  plan.content_type = p.content_type;
+  plan.body = p.body;
+  plan.body_size = p.body != nullptr ? strlen(p.body) : 0;
+  return HttpExchange::run(plan);
 }
-
-int32_t Exchange::status() const { return response_ != nullptr ? response_->status : -1; }
-
-const char* Exchange::body() const {
-  if (response_ == nullptr || response_->body == nullptr || response_->body->size == 0) return nullptr;
-  return reinterpret_cast<const char*>(response_->body->data);
-}
-
-FailureText::FailureText(int32_t status, const char* body, bool extract_reason) {
-  if (status == 401) {
-    text_ = "Unauthorized";
-  } else if (status == 403) {
-    text_ = "Forbidden";
-  } else if (extract_reason && body != nullptr && err_reason_fromjson(body, &reason_) == 0) {
-    text_ = reason_ != nullptr ? reason_ : "(null)";
-  } else {
-    text_ = body != nullptr ? body : "(null)";
-  }
-}
-
-FailureText::~FailureText() { mem_free(reason_); }
 
 EscapedName::EscapedName(const char16_t* name) : text_(http_url_escape(name)) {}
 
 EscapedName::~EscapedName() {
-  if (text_ != nullptr) curl_free(text_);
+  if (text_ != nullptr) http_text_free(text_);
 }
 
 bool parse_object_details(const char* tag, const char* body, uint32_t api_version,
@@ -108,15 +56,17 @@ bool parse_object_details(const char* tag, const char* body, uint32_t api_versio
 }
 
 void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-                       void (*report_fn)(int32_t, const char*, void*, void*), void* callback,
-                       void* user_data, bool code_is_result) {
+                       void (*report_fn)(int32_t, const char*, void*, void*), void* callback, void* user_data,
+                       bool code_is_result) {
   // The worker may finish and free the decorator before thrd_create returns:
   // everything needed for a later report was copied into the arguments.
   g_running_workers.fetch_add(1);
   zel::thrd_t thread;
   int result = zel::thrd_create(&thread, worker, decorator);
   if (result != zel::thrd_success) {
-    g_running_workers.fetch_sub(1);
+    pthread_mutex_lock(&g_workers_lock);
+    if (g_running_workers.fetch_sub(1) == 1) pthread_cond_broadcast(&g_workers_done);
+    pthread_mutex_unlock(&g_workers_lock);
     report_fn(code_is_result ? result : 0, thread_result_message(result), callback, user_data);
     free_decorator(decorator);
     return;
@@ -129,7 +79,19 @@ void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decora
 
 int frame_running_workers() { return g_running_workers.load(); }
 
-WorkerScope::~WorkerScope() { g_running_workers.fetch_sub(1); }
+void frame_wait_workers() {
+  pthread_mutex_lock(&g_workers_lock);
+  while (g_running_workers.load() > 0) pthread_cond_wait(&g_workers_done, &g_workers_lock);
+  pthread_mutex_unlock(&g_workers_lock);
+}
+
+WorkerScope::~WorkerScope() {
+  // The count changes under the lock so that a waiter cannot miss the
+  // wake-up between its test and its wait.
+  pthread_mutex_lock(&g_workers_lock);
+  if (g_running_workers.fetch_sub(1) == 1) pthread_cond_broadcast(&g_workers_done);
+  pthread_mutex_unlock(&g_workers_lock);
+}
 
 bool copy_wide(const char16_t* source, const char16_t** target) {
   *target = nullptr;

@@ -3,12 +3,13 @@
 // copies on the caller's thread, one detached thread per call, one HTTP
 // exchange on a fresh (unpooled) request, and one judgement of the status.
 // Operation modules only add their URL, method, body and success handling.
-#include <cstdint>
-
 #include <zel/zel.h>
+
+#include <cstdint>
 
 #include "alloc.h"
 #include "http.h"
+#include "http_plan.h"
 #include "log.h"
 
 // The worker's own copies. The decorator owns both copies; whoever finishes
@@ -30,8 +31,6 @@ void report(void (*callback)(const Resp*, void*), int32_t code, const char* mess
   callback(&resp, user_data);
 }
 
-enum class HttpMethod { get, post, put, del };
-
 struct ExchangePlan {
   const ZEL* handle;
   const ZELHeaders* headers;  // caller's extra lines, sent in list order
@@ -39,71 +38,35 @@ struct ExchangePlan {
   const char* url;
   const char* content_type;  // POST: none means no Content-Type line
   const char* body;          // POST only; none sends an empty body
+  long url_length;           // what the URL builder returned
 };
 
-// One exchange and what came of it. Releases request and response.
-class Exchange {
+// One single request on a fresh (unpooled) request, through the library's
+// one request path.
+class Exchange : public HttpExchange {
  public:
-  Exchange() = default;
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
-  ~Exchange();
-
-  // Runs the exchange. True when an HTTP status was received; otherwise
-  // error() names the failed step and code() is 0 before the transfer or
-  // libcurl's code after a failed transfer.
+  // True when an HTTP answer came back; otherwise error() names the failed
+  // step and code() is 0 before the transfer or libcurl's code after it.
   bool run(const ExchangePlan& plan);
-
-  int32_t status() const;
-  // The failure code to report: the HTTP status, libcurl's code, or 0.
-  int32_t code() const { return code_; }
-  const char* error() const { return error_; }
-  // Response body as text, or none when the body is empty.
-  const char* body() const;
-  // True when the failure came before any transfer started.
-  bool setup_failed() const { return setup_failed_; }
-  HttpResponse* response() const { return response_; }
-
- private:
-  HttpRequest* request_ = nullptr;
-  HttpResponse* response_ = nullptr;
-  const char* error_ = nullptr;
-  int32_t code_ = 0;
-  bool setup_failed_ = false;
+  // True when nothing went on the wire.
+  bool setup_failed() const { return !sent(); }
 };
 
-// Message of a failed status: "Unauthorized", "Forbidden", else the error
-// body's reason, the raw body, or "(null)". Owns the reason it extracted.
-class FailureText {
- public:
-  FailureText(int32_t status, const char* body, bool extract_reason = true);
-  ~FailureText();
-  FailureText(const FailureText&) = delete;
-  FailureText& operator=(const FailureText&) = delete;
-  const char* text() const { return text_; }
-
- private:
-  char* reason_ = nullptr;
-  const char* text_ = "(null)";
-};
-
-// Reports a failed exchange or a non-success status through `callback`.
+// Reports a failed exchange or a non-success status through `callback`:
+// "Unauthorized", "Forbidden", else the error body's reason, the raw body,
+// or "(null)".
 template <class Resp>
-void report_failure(void (*callback)(const Resp*, void*), const Exchange& exchange, void* user_data) {
+void report_failure(void (*callback)(const Resp*, void*), const HttpExchange& exchange, void* user_data) {
   if (callback == nullptr) return;
-  if (exchange.error() != nullptr) {
-    report(callback, exchange.code(), exchange.error(), user_data);
-    return;
-  }
-  FailureText failure(exchange.status(), exchange.body());
-  report(callback, exchange.status(), failure.text(), user_data);
+  HttpVerdict verdict(exchange, HttpVerdictRules{});
+  report(callback, verdict.code(), verdict.message(), user_data);
 }
 
 // Reported when a key is not well-formed UTF-16 and so cannot be put into a
 // URL unaltered.
 constexpr const char* kCannotEscapeKeys = "Cannot encode the keys for the request URL";
 
-// URL-escaped UTF-8 form of a wide name, released with curl_free.
+// URL-escaped UTF-8 form of a wide name, released with http_text_free.
 class EscapedName {
  public:
   explicit EscapedName(const char16_t* name);
@@ -141,8 +104,7 @@ void deliver_object_details(const char* tag, const Exchange& exchange, uint32_t 
 // or cannot be detached.
 using FreeFn = void (*)(void*);
 void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-                       void (*report_fn)(int32_t code, const char* message, void* callback,
-                                         void* user_data),
+                       void (*report_fn)(int32_t code, const char* message, void* callback, void* user_data),
                        void* callback, void* user_data, bool code_is_result);
 
 // Adapter so dispatch_detached can report through any typed callback.
@@ -154,8 +116,8 @@ void report_erased(int32_t code, const char* message, void* callback, void* user
 template <class Resp>
 void dispatch(int (*worker)(void*), void* decorator, FreeFn free_decorator,
               void (*callback)(const Resp*, void*), void* user_data, bool code_is_result) {
-  dispatch_detached(worker, decorator, free_decorator, report_erased<Resp>,
-                    reinterpret_cast<void*>(callback), user_data, code_is_result);
+  dispatch_detached(worker, decorator, free_decorator, report_erased<Resp>, reinterpret_cast<void*>(callback),
+                    user_data, code_is_result);
 }
 
 // Copies for options clones. Absent stays absent; false when memory ran out.
@@ -169,6 +131,8 @@ void free_text(const char* text);
 // Number of operation threads started and not yet finished. Lets tests
 // (and a careful shutdown) wait until detached workers are gone.
 int frame_running_workers();
+// Blocks, without spinning, until no operation thread is running.
+void frame_wait_workers();
 
 // Held by every worker for its whole run.
 class WorkerScope {
@@ -222,8 +186,7 @@ const Opt* worker_options(const char* tag, const OpDecorator<Opt>* decorator, co
 }
 
 template <class Opt, Opt* (*Clone)(const Opt*), void (*FreeOpt)(Opt*)>
-OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt,
-                                 void* user_data) {
+OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt, void* user_data) {
   auto* decorator = static_cast<OpDecorator<Opt>*>(mem_calloc(1, sizeof(OpDecorator<Opt>)));
   if (decorator == nullptr) {
     zel_log(nullptr, cfg.tag, __LINE__, "Cannot allocate memory for %s", cfg.decorator_name);
@@ -272,10 +235,10 @@ void start_operation(const EntryConfig& cfg, ZEL* handle, const Opt* opt, void* 
 // of the texts in the order the operation's messages give.
 struct KeyPairMessages {
   const char* record;
-  const char* first;    // message when the first key copy fails
-  const char* second;   // message when the second key copy fails
+  const char* first;   // message when the first key copy fails
+  const char* second;  // message when the second key copy fails
   const char* headers;
-  bool key_first;       // copy the object key before the bucket key
+  bool key_first;  // copy the object key before the bucket key
 };
 
 template <class Opt>

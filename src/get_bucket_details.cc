@@ -50,7 +50,8 @@ void on_success(const Exchange& exchange, const Decorator& decorator) {
   if (opt->details_callback == nullptr) return;
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* body = exchange.body();
-  if (details != nullptr && body != nullptr && bucket_details_fromjson(body, details, handle->api_version) == 0) {
+  if (details != nullptr && body != nullptr &&
+      bucket_details_fromjson(body, details, handle->api_version) == 0) {
     opt->details_callback(details, decorator.user_data);
   } else {
     ZLOG("Cannot unmarshal json response: %s", body != nullptr ? body : "(null)");
@@ -74,9 +75,9 @@ int worker(void* raw) {
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/details", key.get());
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/details", key.get());
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     on_success(exchange, *decorator);

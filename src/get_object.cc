@@ -8,6 +8,7 @@
 
 #include "alloc.h"
 #include "frame.h"
+#include "http_plan.h"
 #include "httppool.h"
 #include "json.h"
 #include "log.h"
@@ -18,6 +19,8 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\get_object";
+constexpr int kRangedOk[] = {200, 206};
+constexpr int kDetailsOk[] = {200};
 
 // Where a response body goes. Only the body of the expected answer reaches
 // the file: an error page must never overwrite downloaded bytes, and a
@@ -26,28 +29,17 @@ struct DownloadSink {
   FILE* file;
   ZELStreamWriteFn write;
   uint64_t count;  // bytes written
-  CURL* curl;
   uint64_t limit;  // bytes the range holds; UINT64_MAX when unknown
   bool whole;      // a 200 carrying the whole object is what was asked for
-  int mode;        // 0 undecided, 1 write, 2 discard
 };
 
-int sink_mode(DownloadSink* sink) {
-  long code = 0;
-  curl_easy_getinfo(sink->curl, CURLINFO_RESPONSE_CODE, &code);
-  if (code == 206 || (code == 200 && sink->whole)) return 1;
-  return code == 200 ? 0 : 2;
-}
-
-size_t download_write(char* bytes, size_t size, size_t count, void* raw) {
-  auto* sink = reinterpret_cast<DownloadSink*>(static_cast<HttpBody*>(raw)->data);
-  size_t n = size * count;
-  if (sink->mode == 0 && (sink->mode = sink_mode(sink)) == 0) return 0;
-  if (sink->mode == 2) return n;
+size_t download_write(const char* bytes, size_t n, int32_t status, void* raw) {
+  auto* sink = static_cast<DownloadSink*>(raw);
+  if (status != 206 && !(status == 200 && sink->whole)) return status == 200 ? 0 : n;
   if (n > sink->limit - sink->count) return 0;
-  size_t written = sink->write(bytes, size, count, sink->file);
-  sink->count += written * size;
-  return written * size;
+  size_t written = sink->write(const_cast<char*>(bytes), 1, n, sink->file);
+  sink->count += written;
+  return written;
 }
 
 // libcurl hands the body over in 16 KiB pieces. Written one by one, each
@@ -72,73 +64,45 @@ void use_write_block(FILE* file) {
   if (block.data != nullptr) setvbuf(file, block.data, _IOFBF, kWriteBlock);
 }
 
-int download_progress(void* raw, curl_off_t total, curl_off_t now, curl_off_t, curl_off_t) {
+int download_progress(void* raw, uint64_t total, uint64_t now, uint64_t, uint64_t) {
   auto* data = static_cast<ZELTransferProgress*>(raw);
-  if (data != nullptr && data->total_from_transfer)
-    progress_set_total(data->progress, static_cast<uint64_t>(total));
-  return transfer_progress_step(data, static_cast<uint64_t>(now), true);
+  if (data->total_from_transfer && data->progress != nullptr) progress_set_total(data->progress, total);
+  return transfer_progress_step(data, now, true);
 }
-
-// One GET's state, released on every path.
-struct Fetch {
-  HttpRequest* request = nullptr;
-  HttpResponse* response = nullptr;
-  FILE* file = nullptr;
-  ~Fetch() {
-    if (file != nullptr) fclose(file);
-    http_pool_release(request);
-    http_response_cleanup(response);
-  }
-};
 
 bool range_header_sent(const ZELDownloadDecorator* d) { return d->range_flag || !d->size_unknown; }
 
-// Opens the output file at the chunk's place and attaches the sink.
-const char* attach_sink(const ZELDownloadDecorator* d, const ZELByteRange* range, Fetch& f, int32_t* status) {
+// Opens the output file at the chunk's place; false with the system's
+// error number and text when it cannot.
+bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, FILE** file, int32_t* status,
+                 const char** message) {
   const ZELStream* stream = d->opt->stream;
   uint64_t base = d->range_flag ? d->opt->range->start : 0;
-  f.file = file_open(stream->filename, "rb+");
-  if (f.file != nullptr) use_write_block(f.file);
-  if (f.file == nullptr || stream->seek(f.file, static_cast<int64_t>(range->start - base), 0) < 0) {
-    *status = errno;
-    return transfer_error_text(errno);
-  }
-  HttpBody* body = http_body_init();
-  if (body == nullptr) return "Cannot initialize http response body";
-  f.response->body = body;
-  auto* sink = static_cast<DownloadSink*>(mem_calloc(1, sizeof(DownloadSink)));
-  if (sink == nullptr) return "Cannot initialize http response body stream";
-  bool sent = range_header_sent(d);
-  sink->file = f.file;
-  sink->write = stream->write;
-  sink->curl = f.request->curl;
-  sink->limit = sent ? range->end - range->start + 1 : UINT64_MAX;
-  sink->whole = !sent || (!d->range_flag && range->start == 0 && range->end + 1 == d->size);
-  body->data = reinterpret_cast<char*>(sink);
-  body->callback = download_write;
-  return nullptr;
+  *file = file_open(stream->filename, "rb+");
+  if (*file != nullptr) use_write_block(*file);
+  if (*file != nullptr && stream->seek(*file, static_cast<int64_t>(range->start - base), 0) >= 0) return true;
+  int error = errno;
+  *status = error;
+  *message = transfer_error_text(error);
+  return false;
 }
 
-const char* prepare_fetch(const ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt,
-                          Fetch& f, int32_t* status) {
-  HttpSettings settings = http_settings_from(d->handle);
-  http_request_configure(f.request, &settings);
-  transfer_tune_download(f.request);
-  if (d->authenticate) http_request_set_auth(f.request, d->handle->get_token, d->handle->free_token);
-  if (range_header_sent(d)) http_request_add_range(f.request, range->start, range->end);
-  for (const ZELHeaders* h = d->opt->headers; h != nullptr; h = h->next)
-    http_request_add_header(f.request, h->line);
-  if (const char* error = attach_sink(d, range, f, status)) return error;
-  ZELTransferProgress* data = nullptr;
-  if (d->progress != nullptr) {
-    data = transfer_progress_init(d->progress, d->user_data, attempt >= 1 ? 1 : 0, d->opt->size_unknown,
-                                  d->opt->progress_callback);
-    if (data == nullptr) return "Cannot initialize http progress data";
-  }
-  // Always hooked, so that a shutting-down pool aborts the transfer.
-  if (const char* error = transfer_attach_hook(f.request, download_progress, data)) return error;
-  return http_request_get(f.request, d->url);
+HttpPlan fetch_plan(const ZELDownloadDecorator* d, const ZELByteRange* range, DownloadSink* sink,
+                    ZELTransferProgress* data) {
+  HttpPlan plan = transfer_plan(d->handle, d->url, d->authenticate);
+  plan.bulk = true;
+  bool sent = range_header_sent(d);
+  plan.range = HttpByteRange{sent, range->start, range->end};
+  plan.headers = d->opt->headers;
+  plan.sink = download_write;
+  plan.sink_data = sink;
+  if (sent) plan.expect_length = range->end - range->start + 1;
+  plan.progress = download_progress;
+  plan.progress_data = data;
+  return plan;
 }
+
+constexpr HttpVerdictRules kDownloadRules{kRangedOk, 2, true, true, "Chunk Download Failed", true};
 
 void report_stats(const ZELDownloadDecorator* d, const HttpResponse* r) {
   if (d->opt->stats_callback == nullptr) return;
@@ -147,44 +111,40 @@ void report_stats(const ZELDownloadDecorator* d, const HttpResponse* r) {
 }
 }  // namespace
 
-int download_request(ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt,
-                     int32_t* error_status, const char** error_message) {
+AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* range, uint32_t attempt,
+                                int32_t* error_status, const char** error_message) {
   *error_status = 0;
   *error_message = nullptr;
-  Fetch f;
-  f.request = http_pool_acquire();
-  f.response = f.request != nullptr ? http_response_init() : nullptr;
-  if (f.response == nullptr) {
-    *error_status = -1;
-    *error_message =
-        f.request == nullptr ? "Cannot initialize http request" : "Cannot initialize http response";
-    return 0;
+  FILE* file = nullptr;
+  if (!open_output(d, range, &file, error_status, error_message)) {
+    if (file != nullptr) fclose(file);
+    return AttemptOutcome{false, *error_status, true};
   }
-  const char* error = prepare_fetch(d, range, attempt, f, error_status);
-  if (error == nullptr) error = http_perform(f.request, f.response);
+  bool sent = range_header_sent(d);
+  DownloadSink sink{file, d->opt->stream->write, 0, sent ? range->end - range->start + 1 : UINT64_MAX,
+                    !sent || (!d->range_flag && range->start == 0 && range->end + 1 == d->size)};
+  ZELTransferProgress data{
+      d->progress, 0, d->user_data, attempt >= 1 ? 1 : 0, d->opt->size_unknown, d->opt->progress_callback};
+  HttpPlan plan = fetch_plan(d, range, &sink, &data);
+  HttpExchange exchange;
+  exchange.run(plan);
   // A write that only fails at close would otherwise pass for a download.
-  int closed = f.file != nullptr ? fclose(f.file) : 0;
+  int closed = fclose(file);
   int close_error = errno;
-  f.file = nullptr;
-  if (error != nullptr) {
-    if (*error_status == 0) *error_status = f.response->status;
-    *error_message = error;
-    return f.response->status;
-  }
-  int status = f.response->status;
-  if ((status == 200 || status == 206) && closed != 0) {
+  HttpVerdict verdict(exchange, kDownloadRules);
+  if (verdict.success() && closed != 0) {
     *error_status = close_error;
     *error_message = transfer_error_text(close_error);
-    return 0;
+    return AttemptOutcome{false, close_error, true};
   }
-  if (status == 200 || status == 206) {
-    report_stats(d, f.response);
-    return status;
+  if (verdict.success()) {
+    report_stats(d, exchange.response());
+    return AttemptOutcome{true, verdict.code(), false};
   }
-  *error_status = status;
-  const char* text = transfer_status_text(status);
-  *error_message = text != nullptr ? text : "Chunk Download Failed";
-  return status;
+  transfer_note_failure(verdict.code());
+  *error_status = verdict.code();
+  *error_message = verdict.message();
+  return AttemptOutcome{false, verdict.code(), verdict.retryable()};
 }
 
 void download_report(const ZELDownloadDecorator* d, int32_t code, const char* message) {
@@ -199,6 +159,8 @@ void download_free(ZELDownloadDecorator* d) {
   zel::mtx_destroy(&d->mutex);
   progress_cleanup(d->progress);
   mem_free(d->url);
+  mem_free(d->details_url);
+  mem_free(d->sha1);
   zel_cleanup(d->handle);
   get_object_opt_cleanup(d->opt);
   mem_free(d);
@@ -208,111 +170,120 @@ char* download_url_utf8(const char16_t* download_url) {
   char* escaped = http_url_escape(download_url);
   if (escaped == nullptr) return nullptr;
   char* url = http_url_unescape(escaped);
-  curl_free(escaped);
+  http_text_free(escaped);
   return url;
 }
 
 namespace {
-// The size query's exchange on a pooled request; false (reported) when no
-// HTTP status came back.
-template <class Resp>
-bool size_exchange(const char* url, Fetch& f, void (*callback)(const Resp*, void*), void* user_data) {
-  if (f.request == nullptr) return report(callback, 0, "Cannot initialize http request", user_data), false;
-  if (const char* error = http_request_get(f.request, url))
-    return report(callback, 0, error, user_data), false;
-  f.response = http_response_init();
-  if (f.response == nullptr) return report(callback, 0, "Cannot initialize http response", user_data), false;
-  f.response->body = http_body_init();
-  if (f.response->body == nullptr) {
-    return report(callback, 0, "Cannot initialize http response body", user_data), false;
-  }
-  f.response->body->callback = http_body_write;
-  if (const char* error = http_perform(f.request, f.response)) {
-    return report(callback, f.response->status, error, user_data), false;
-  }
-  return true;
+// Runs a size query's plan with the chunk's retries and backoff; the
+// verdict of the last attempt is judged by `judge`, which returns the
+// attempt's outcome and reports nothing.
+template <class Judge>
+void query_with_retries(const HttpPlan& plan, uint32_t max_retries, Judge judge) {
+  auto attempt = [&](uint32_t) {
+    HttpExchange exchange;
+    exchange.run(plan);
+    return judge(exchange);
+  };
+  auto on_retry = [&](int status, uint32_t n) {
+    ZLOG("Object size query failed (status: %d) - retry #%d", status, static_cast<int>(n));
+  };
+  transfer_run_chunk(max_retries, attempt, on_retry);
 }
 
-const char* body_of(const HttpResponse* r) {
-  return r->body != nullptr && r->body->size > 0 ? r->body->data : nullptr;
+HttpPlan details_plan(const ZEL* handle, const char* url, long url_length, const ZELHeaders* headers) {
+  HttpPlan plan = transfer_plan(handle, url, true);
+  plan.url_length = url_length;
+  plan.headers = headers;
+  return plan;
 }
 
-// 401, 403 and 504 have texts of their own; true when `status` was one.
-template <class Resp>
-bool report_refusal(int status, void (*callback)(const Resp*, void*), void* user_data) {
-  if (status != 401 && status != 403 && status != 504) return false;
-  report(callback, status, transfer_status_text(status), user_data);
-  return true;
-}
+constexpr HttpVerdictRules kDetailsRules{kDetailsOk, 1, false, true, nullptr, true};
 }  // namespace
 
-uint64_t query_object_size(const ZELGetObjectDecorator* d, int* found) {
-  *found = 0;
-  const ZELGetObjectOpt* opt = d->opt;
-  ZELObjectDetails* details = zel_object_details_init();
-  if (details == nullptr)
-    return report(opt->callback, 0, "Cannot initialize ZELObjectDetails", d->user_data), 0;
-  uint64_t size = 0;
-  EscapedName bucket(opt->bucket_key), key(opt->key);
-  char url[kUrlBuffer] = {0};
-  zel_api_url(d->handle, url, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
-  Fetch f;
-  f.request = http_pool_acquire();
-  if (f.request != nullptr) {
-    HttpSettings settings = http_settings_from(d->handle);
-    http_request_configure(f.request, &settings);
-    http_request_set_auth(f.request, d->handle->get_token, d->handle->free_token);
-    for (const ZELHeaders* h = opt->headers; h != nullptr; h = h->next)
-      http_request_add_header(f.request, h->line);
-  }
-  if (!bucket.ok() || !key.ok()) {
-    report(opt->callback, 0, kCannotEscapeKeys, d->user_data);
-  } else if (size_exchange(url, f, opt->callback, d->user_data)) {
-    int status = f.response->status;
-    const char* body = body_of(f.response);
-    if (status == 200 && object_details_fromjson(body, details, d->handle->api_version) == 0) {
-      size = details->size;
-      *found = 1;
-    } else if (status == 200) {
+int object_facts_query(const ZEL* handle, const char* url, long url_length, const ZELHeaders* headers,
+                       ObjectFacts* facts, int32_t* code, char** message) {
+  HttpPlan plan = details_plan(handle, url, url_length, headers);
+  int result = -1;
+  *code = 0;
+  *message = nullptr;
+  query_with_retries(plan, handle->max_retries, [&](const HttpExchange& exchange) {
+    HttpVerdict verdict(exchange, kDetailsRules);
+    mem_free(*message);
+    *message = nullptr;
+    ZELObjectDetails* details = verdict.success() ? zel_object_details_init() : nullptr;
+    if (details != nullptr && object_details_fromjson(exchange.body(), details, handle->api_version) == 0) {
+      facts->size = details->size;
+      facts->sha1 =
+          details->sha1 != nullptr && details->sha1[0] != '\0' ? mem_strdup(details->sha1) : nullptr;
+      result = 0;
+    } else if (verdict.success()) {
+      const char* body = exchange.body();
       ZLOG("Cannot unmarshall json response: %s", body != nullptr ? body : "(null)");
-      report(opt->callback, 200, "Cannot unmarshall json response", d->user_data);
-    } else if (!report_refusal(status, opt->callback, d->user_data)) {
-      FailureText failure(status, body);
-      report(opt->callback, status, failure.text(), d->user_data);
+      *code = 200;
+      *message = mem_strdup("Cannot unmarshall json response");
+    } else {
+      transfer_note_failure(verdict.code());
+      *code = verdict.code();
+      *message = mem_strdup(verdict.message());
     }
+    zel_object_details_cleanup(details);
+    // A 200 whose body does not read as details was most likely cut short
+    // (an answer without Content-Length ends where the connection did).
+    bool cut = verdict.success() && result != 0;
+    return AttemptOutcome{result == 0, verdict.code(), cut || (!verdict.success() && verdict.retryable())};
+  });
+  return result;
+}
+
+uint64_t query_object_size(const ZELGetObjectDecorator* d, int* found, char** sha1) {
+  *found = 0;
+  *sha1 = nullptr;
+  const ZELGetObjectOpt* opt = d->opt;
+  EscapedName bucket(opt->bucket_key), key(opt->key);
+  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, d->user_data), 0;
+  char url[kUrlBuffer] = {0};
+  long length = zel_api_url(d->handle, url, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
+  ObjectFacts facts{0, nullptr};
+  int32_t code = 0;
+  char* message = nullptr;
+  if (object_facts_query(d->handle, url, length, opt->headers, &facts, &code, &message) == 0) {
+    *found = 1;
+    *sha1 = facts.sha1;
+  } else {
+    report(opt->callback, code, message != nullptr ? message : "(null)", d->user_data);
   }
-  zel_object_details_cleanup(details);
-  return size;
+  mem_free(message);
+  return facts.size;
 }
 
 uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* d, int* found) {
   *found = 0;
   const ZELGetObjectByURLOpt* opt = d->opt;
-  Fetch f;
-  f.request = http_pool_acquire();
-  if (f.request != nullptr) {
-    HttpSettings settings = http_settings_from(d->handle);
-    http_request_configure(f.request, &settings);
-    // The first two bytes: a 206 names the object's size in Content-Range.
-    http_request_add_range(f.request, 0, 1);
-    if (opt->authenticate) http_request_set_auth(f.request, d->handle->get_token, d->handle->free_token);
-  }
   char* url = download_url_utf8(opt->download_url);
+  if (url == nullptr) return report(opt->callback, 0, "Cannot encode the download URL", d->user_data), 0;
+  HttpPlan plan = transfer_plan(d->handle, url, opt->authenticate);
+  // The first two bytes: a 206 names the object's size in Content-Range.
+  plan.range = HttpByteRange{true, 0, 1};
   uint64_t size = 0;
-  if (url == nullptr && f.request != nullptr) {
-    report(opt->callback, 0, "Cannot encode the download URL", d->user_data);
-  } else if (size_exchange(url, f, opt->callback, d->user_data)) {
-    int status = f.response->status;
-    char* total = status == 200 || status == 206 ? http_response_content_range_total(f.response) : nullptr;
-    if (total != nullptr) {
-      size = strtoull(total, nullptr, 10);
-      *found = 1;
-    }
+  int32_t code = 0;
+  const char* message = nullptr;  // static: only the fixed texts are reported
+  query_with_retries(plan, d->handle->max_retries, [&](const HttpExchange& exchange) {
+    HttpVerdict verdict(exchange, kDownloadRules);
+    char* total = verdict.success() ? http_response_content_range_total(exchange.response()) : nullptr;
+    char* end = nullptr;
+    if (total != nullptr && total[0] >= '0' && total[0] <= '9') size = strtoull(total, &end, 10);
+    if (end != nullptr && *end == '\0' && size <= kHttpMaxOffset) *found = 1;
     mem_free(total);
-    report_refusal(status, opt->callback, d->user_data);
-  }
-  if (url != nullptr) curl_free(url);
-  return size;
+    if (!verdict.success()) transfer_note_failure(verdict.code());
+    code = verdict.code();
+    message = verdict.message();
+    if (code != 401 && code != 403 && code != 504) message = nullptr;
+    return AttemptOutcome{verdict.success(), code, !verdict.success() && verdict.retryable()};
+  });
+  if (message != nullptr) report(opt->callback, code, message, d->user_data);
+  http_text_free(url);
+  return *found ? size : 0;
 }
 
 ZELGetObjectOpt* get_object_opt_from_url(const ZELGetObjectByURLOpt* opt) {

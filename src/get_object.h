@@ -9,6 +9,7 @@
 #include "object.h"
 #include "progress.h"
 #include "thread.h"
+#include "transfer.h"
 
 // The shared record of one download; owns its handle and options copies.
 struct ZELDownloadDecorator {
@@ -29,6 +30,11 @@ struct ZELDownloadDecorator {
   uint32_t failed_count;  // chunks that failed for good or were never queued
   int32_t last_status;    // 0 until a chunk fails for good, then its status
   const char* fatal;      // why queuing stopped, when it did
+  // By key, when the size query learnt it: the object's SHA-1, checked
+  // against the object's details again once every chunk has arrived.
+  char* sha1;
+  char* details_url;
+  long details_url_length;
   void* user_data;
   bool authenticate;
 };
@@ -48,18 +54,29 @@ void get_object_by_url_task_drop(void* decorator);
 
 // The object's size; *found is 1 when it was learnt. Failures are reported
 // through the options' callback as they happen.
-uint64_t query_object_size(const ZELGetObjectDecorator* decorator, int* found);
+// By key the object's SHA-1 comes along (*sha1, mem_free; none when the
+// service gave none).
+uint64_t query_object_size(const ZELGetObjectDecorator* decorator, int* found, char** sha1);
 uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* decorator, int* found);
 
 // One request, no retry; frees the download record.
 int download_single(ZELDownloadDecorator* download);
 // Queued once per chunk; the last one to finish reports and frees the record.
 void download_chunk_task(void* chunk);
-// One GET of `range` into the output file. The response's status (HTTP
-// status, libcurl's code, or 0 when nothing was performed); on failure the
-// error status and message (static texts) are set.
-int download_request(ZELDownloadDecorator* download, const ZELByteRange* range, uint32_t attempt,
-                     int32_t* error_status, const char** error_message);
+// One GET of `range` into the output file; on failure the error status and
+// message (static texts) are set.
+AttemptOutcome download_request(ZELDownloadDecorator* download, const ZELByteRange* range, uint32_t attempt,
+                                int32_t* error_status, const char** error_message);
+
+// What the details of an object say about its bytes.
+struct ObjectFacts {
+  uint64_t size;
+  char* sha1;  // mem_free; none when the service gave none
+};
+// The object's details through the details URL, with retries. 0, or -1
+// with the code and message (mem_free) of the last attempt's failure.
+int object_facts_query(const ZEL* handle, const char* url, long url_length, const ZELHeaders* headers,
+                       ObjectFacts* facts, int32_t* code, char** message);
 
 // Reports through whichever status callback the download has.
 void download_report(const ZELDownloadDecorator* download, int32_t code, const char* message);
@@ -70,5 +87,5 @@ void download_free(ZELDownloadDecorator* download);
 // (logged) when a copy fails.
 ZELGetObjectOpt* get_object_opt_from_url(const ZELGetObjectByURLOpt* opt);
 // The UTF-8 form of a download URL (escaped, then unescaped), freed with
-// curl_free; NULL when it cannot be made.
+// http_text_free; NULL when it cannot be made.
 char* download_url_utf8(const char16_t* download_url);

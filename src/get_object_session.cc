@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstring>
 
 #include "frame.h"
 #include "object.h"
@@ -74,6 +75,14 @@ const char* missing_field(const ZELGetObjectSessionOpt* opt) {
   if (opt->bucket_key == nullptr) return "ZELGetObjectSessionOpt bucket_key is (null)";
   if (opt->key == nullptr) return "ZELGetObjectSessionOpt object key is (null)";
   if (opt->session_id == nullptr) return "ZELGetObjectSessionOpt session id is (null)";
+  // The id goes into the path as it stands; one that would end the path,
+  // start a query or fragment, or read as an escape would address
+  // something else.
+  for (const char* c = opt->session_id; *c != '\0'; c++) {
+    auto byte = static_cast<unsigned char>(*c);
+    if (byte <= 0x20 || byte == 0x7f || std::strchr("/?#%", byte) != nullptr)
+      return "The session id holds characters a URL path cannot carry as they are";
+  }
   return nullptr;
 }
 
@@ -93,12 +102,11 @@ int worker(void* raw) {
     report(opt->callback, 0, kCannotEscapeKeys, decorator->user_data);
     return -1;
   }
-  // The session id goes into the path as it stands: the service issued it.
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s", bucket.get(), key.get(),
-              opt->session_id);
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s/status/%s",
+                                      bucket.get(), key.get(), opt->session_id);
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && (exchange.status() == 200 || exchange.status() == 202)) {
     deliver_session(exchange, *decorator);

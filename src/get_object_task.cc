@@ -1,7 +1,5 @@
 // The download tasks: size, output file, one request or parallel chunks, and
 // the single report at the end.
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include "alloc.h"
 #include "frame.h"
 #include "get_object.h"
+#include "http_plan.h"
 #include "iterator.h"
 #include "log.h"
 #include "progress.h"
@@ -31,6 +30,9 @@ struct Plan {
   int32_t size_unknown;
   bool authenticate;
   void* user_data;
+  const char* sha1;  // by key, when the size query learnt it
+  const char* details_url;
+  long details_url_length;
 };
 
 void plan_report(const Plan& p, int32_t code, const char* message) {
@@ -41,7 +43,26 @@ void plan_report(const Plan& p, int32_t code, const char* message) {
   }
 }
 
-bool download_succeeded(int status) { return status == 200 || status == 206; }
+// Once every byte has arrived: the object must still be the one whose size
+// and SHA-1 the size query learnt, or the file may mix two versions.
+bool object_unchanged(ZELDownloadDecorator* d) {
+  if (d->sha1 == nullptr) return true;
+  ObjectFacts facts{0, nullptr};
+  int32_t code = 0;
+  char* message = nullptr;
+  bool same = false;
+  if (object_facts_query(d->handle, d->details_url, d->details_url_length, d->opt->headers, &facts, &code,
+                         &message) != 0) {
+    download_report(d, code, message);
+  } else if (facts.size != d->size || facts.sha1 == nullptr || strcmp(facts.sha1, d->sha1) != 0) {
+    download_report(d, 0, "The downloaded bytes do not match the object's SHA-1");
+  } else {
+    same = true;
+  }
+  mem_free(facts.sha1);
+  mem_free(message);
+  return same;
+}
 
 // The single report of a chunked download, by whoever finishes last.
 void download_complete(ZELDownloadDecorator* d) {
@@ -49,7 +70,7 @@ void download_complete(ZELDownloadDecorator* d) {
     download_report(d, 0, d->fatal);
   } else if (d->failed_count > 0 || d->last_status != 0) {
     download_report(d, d->last_status, d->message);
-  } else if (d->opt->done_callback != nullptr) {
+  } else if (object_unchanged(d) && d->opt->done_callback != nullptr) {
     d->opt->done_callback(d->user_data);
   }
 }
@@ -89,8 +110,7 @@ bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
          static_cast<unsigned long long>(d->size), status,
          error_message != nullptr ? error_message : "(null)", static_cast<int>(n));
   };
-  bool ok = false;
-  transfer_run_chunk(d->handle->max_retries, attempt, download_succeeded, on_retry, &ok);
+  bool ok = transfer_run_chunk(d->handle->max_retries, attempt, on_retry).ok;
   if (!ok) {
     zel::mtx_lock(&d->mutex);
     d->message = error_message;
@@ -119,16 +139,17 @@ int download_single(ZELDownloadDecorator* d) {
   if (d->size != 0) range = d->range_flag ? *d->opt->range : ZELByteRange{0, d->size - 1};
   int32_t error_status = 0;
   const char* error_message = nullptr;
-  int status = 200;
+  AttemptOutcome outcome{true, 200, false};
   // An object of no bytes is the empty file already made.
-  if (d->size != 0 || d->size_unknown) status = download_request(d, &range, 0, &error_status, &error_message);
-  if (download_succeeded(status)) {
-    if (d->opt->done_callback != nullptr) d->opt->done_callback(d->user_data);
+  if (d->size != 0 || d->size_unknown)
+    outcome = download_request(d, &range, 0, &error_status, &error_message);
+  if (outcome.ok) {
+    if (object_unchanged(d) && d->opt->done_callback != nullptr) d->opt->done_callback(d->user_data);
   } else {
     download_report(d, error_status, error_message);
   }
   download_free(d);
-  return status;
+  return outcome.status;
 }
 
 namespace {
@@ -163,21 +184,16 @@ ZELDownloadDecorator* download_make(const Plan& p, uint64_t chunks) {
   return d;
 }
 
-// Creates or empties the output file before any byte arrives. Parallel
-// chunks land at scattered offsets; reserving the file's blocks up front
-// spares the file system from allocating them piecemeal out of order, which
-// costs more than the writes themselves. Where reserving is not supported
-// the chunks simply allocate as they write.
-bool create_output(const Plan& p, uint64_t reserve) {
+// Creates or empties the output file before any byte arrives. No space is
+// reserved for the size the service claims: the file only ever grows by
+// bytes that arrived, so a failed download leaves nothing beyond them.
+bool create_output(const Plan& p) {
   FILE* file = file_open((*p.opt)->stream->filename, "wb+");
   if (file == nullptr) {
     int error = errno;
     plan_report(p, error, transfer_error_text(error));
     return false;
   }
-#ifdef __linux__
-  if (reserve > 0) (void)fallocate(fileno(file), 0, 0, static_cast<off_t>(reserve));
-#endif
   fclose(file);
   return true;
 }
@@ -218,13 +234,18 @@ void download_run(const Plan& p) {
   uint64_t chunks = p.size / step + (p.size % step != 0 ? 1 : 0);
   if (chunks > UINT32_MAX) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
   bool chunked = !p.size_unknown && chunks >= 2;
-  if (!create_output(p, chunked ? p.size : 0)) return;
+  if (!create_output(p)) return;
   ZELByteRangeIterator* iterator = nullptr;
   if (chunked) {
     iterator = iterator_init(opt->range != nullptr ? opt->range->start : 0, step, p.size);
     if (iterator == nullptr) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
   }
   ZELDownloadDecorator* d = download_make(p, chunks);
+  if (d != nullptr && p.sha1 != nullptr) {
+    d->sha1 = mem_strdup(p.sha1);
+    d->details_url = mem_strdup(p.details_url);
+    d->details_url_length = p.details_url_length;
+  }
   if (d != nullptr && iterator == nullptr) {
     download_single(d);
   } else if (d != nullptr) {
@@ -240,14 +261,39 @@ bool has_delta_header(const ZELHeaders* headers) {
   return false;
 }
 
-// A caller range is its own size; one that ends before it starts is refused.
+// A caller range is its own size; one that ends before it starts, or that
+// names bytes beyond what a file can hold, is refused.
 bool range_size(const Plan& p, const ZELByteRange* range, uint64_t* size) {
   if (range->end < range->start) {
     plan_report(p, 0, "The range ends before it starts");
     return false;
   }
-  *size = range->end - range->start + 1;
+  if (!http_range_length(range->start, range->end, size)) {
+    plan_report(p, 0, "The range is too large");
+    return false;
+  }
   return true;
+}
+
+// The download and details URLs; false (reported) when either would have
+// to be cut or a header line would add lines of its own. Nothing is sent,
+// and the output file is left alone, then.
+bool build_urls(const ZELGetObjectDecorator* g, char* url, char* details, long* details_length) {
+  const ZELGetObjectOpt* opt = g->opt;
+  EscapedName bucket(opt->bucket_key), key(opt->key);
+  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, g->user_data), false;
+  long length = zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
+  *details_length =
+      zel_api_url(g->handle, details, "/buckets/%s/objects/%s/details", bucket.get(), key.get());
+  if (!http_url_fits(length) || !http_url_fits(*details_length)) {
+    ZLOG("%s", kHttpUrlTooLong);
+    return report(opt->callback, 0, kHttpUrlTooLong, g->user_data), false;
+  }
+  HttpPlan texts;
+  texts.headers = opt->headers;
+  const char* refused = http_plan_refusal(texts);
+  if (refused != nullptr) report(opt->callback, 0, refused, g->user_data);
+  return refused == nullptr;
 }
 
 void get_object_run(ZELGetObjectDecorator* g) {
@@ -256,21 +302,31 @@ void get_object_run(ZELGetObjectDecorator* g) {
                         : opt->key == nullptr      ? "ZELGetObjectOpt key is (null)"
                                                    : nullptr;
   if (missing != nullptr) return report(opt->callback, 0, missing, g->user_data);
-  Plan p{&g->handle, &g->opt, nullptr, nullptr, 0, 0, true, g->user_data};
+  Plan p{&g->handle, &g->opt, nullptr, nullptr, 0, 0, true, g->user_data, nullptr, nullptr, 0};
   p.size_unknown = opt->size_unknown != 0 || has_delta_header(opt->headers) ? 1 : 0;
+  char url[kUrlBuffer] = {0};
+  char details[kUrlBuffer] = {0};
+  if (!build_urls(g, url, details, &p.details_url_length)) return;
+  char* sha1 = nullptr;
   if (opt->range != nullptr) {
     if (!range_size(p, opt->range, &p.size)) return;
   } else if (!p.size_unknown) {
     int found = 0;
-    p.size = query_object_size(g, &found);
+    p.size = query_object_size(g, &found, &sha1);
+    // A size query stopped by shut-down has reported that already; the
+    // second report is kept for the service's refusals.
+    if (!found && http_stopping()) return;
     if (!found) return report(opt->callback, 0, "Cannot get object size", g->user_data);
+    if (p.size > kHttpMaxOffset) {
+      mem_free(sha1);
+      return report(opt->callback, 0, "The object size is out of range", g->user_data);
+    }
   }
-  EscapedName bucket(opt->bucket_key), key(opt->key);
-  if (!bucket.ok() || !key.ok()) return report(opt->callback, 0, kCannotEscapeKeys, g->user_data);
-  char url[kUrlBuffer] = {0};
-  zel_download_url(g->handle, url, "/buckets/%s/objects/%s", bucket.get(), key.get());
   p.url = url;
+  p.sha1 = sha1;
+  p.details_url = details;
   download_run(p);
+  mem_free(sha1);
 }
 }  // namespace
 
@@ -287,31 +343,36 @@ void get_object_task(void* raw) {
 }
 
 namespace {
+// The size (learnt or given); false when the download ends here, reported.
+bool by_url_size(ZELGetObjectByURLDecorator* u, const Plan& p, uint64_t* size) {
+  const ZELGetObjectByURLOpt* opt = u->opt;
+  if (opt->range != nullptr) return range_size(p, opt->range, size);
+  if (p.size_unknown) return true;
+  int found = 0;
+  *size = query_object_size_by_url(u, &found);
+  if (!found) report(opt->callback, 0, "Cannot get object size", u->user_data);
+  return found != 0;
+}
+
 void get_object_by_url_run(ZELGetObjectByURLDecorator* u) {
   const ZELGetObjectByURLOpt* opt = u->opt;
   ZELGetObjectOpt* made = get_object_opt_from_url(opt);
-  Plan p{&u->handle,        &made,       opt->callback, nullptr, 0, opt->size_unknown != 0 ? 1 : 0,
-         opt->authenticate, u->user_data};
+  Plan p{&u->handle,        &made,        opt->callback, nullptr, 0, opt->size_unknown != 0 ? 1 : 0,
+         opt->authenticate, u->user_data, nullptr,       nullptr, 0};
   if (made == nullptr)
     return report(opt->callback, 0, "Cannot allocate memory for ZELDownloadDecorator", u->user_data);
-  if (opt->range != nullptr) {
-    if (!range_size(p, opt->range, &p.size)) return get_object_opt_cleanup(made);
-  } else if (!p.size_unknown) {
-    int found = 0;
-    p.size = query_object_size_by_url(u, &found);
-    if (!found) {
-      report(opt->callback, 0, "Cannot get object size", u->user_data);
-      return get_object_opt_cleanup(made);
-    }
-  }
   char* url = download_url_utf8(opt->download_url);
   if (url == nullptr) {
     report(opt->callback, 0, "Cannot encode the download URL", u->user_data);
-  } else {
+  } else if (!http_url_fits(static_cast<long>(strlen(url)))) {
+    // Refused before the size query, so nothing at all is sent.
+    ZLOG("%s", kHttpUrlTooLong);
+    report(opt->callback, 0, kHttpUrlTooLong, u->user_data);
+  } else if (by_url_size(u, p, &p.size)) {
     p.url = url;
     download_run(p);
-    curl_free(url);
   }
+  if (url != nullptr) http_text_free(url);
   get_object_opt_cleanup(made);  // NULL once the download record took it
 }
 }  // namespace

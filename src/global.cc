@@ -8,10 +8,12 @@
 #include <atomic>
 
 #include "cache.h"
-#include "http.h"
-#include "httppool.h"
 #include "frame.h"
+#include "http.h"
+#include "http_plan.h"
+#include "httppool.h"
 #include "log.h"
+#include "thread.h"
 #include "threadpool.h"
 #include "transfer.h"
 
@@ -21,37 +23,18 @@ constexpr int kCacheCapacity = 128;
 constexpr int kPoolSize = 8;
 
 std::atomic<GlobalStepHook> g_hook{nullptr};
-locale_t g_thread_locale = static_cast<locale_t>(0);
-locale_t g_previous_locale = static_cast<locale_t>(0);
-
-// Gives the calling thread its own copy of the locale it runs on, so that a
-// later setlocale elsewhere in the application cannot change how the
-// library's thread formats and parses numbers mid-way. The copy equals the
-// current setting, so nothing visible changes.
+// The library's own threads format and parse in the "C" locale whatever
+// the application chose; the caller's threads are never touched. The
+// locale object is made once and kept for the life of the process, since a
+// library thread may still be on its way out when shut-down ends.
 bool locale_enter() {
-  if (g_thread_locale != static_cast<locale_t>(0)) return true;
-  locale_t current = uselocale(static_cast<locale_t>(0));
-  locale_t copy = duplocale(current);
-  if (copy == static_cast<locale_t>(0)) return false;
-  g_previous_locale = uselocale(copy);
-  if (g_previous_locale == static_cast<locale_t>(0)) {
-    freelocale(copy);
-    return false;
-  }
-  g_thread_locale = copy;
+  static locale_t c_locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+  if (c_locale == static_cast<locale_t>(0)) return false;
+  zel::thrd_set_locale(c_locale);
   return true;
 }
 
-void locale_leave() {
-  if (g_thread_locale == static_cast<locale_t>(0)) return;
-  // Only the thread that made the copy runs on it. Elsewhere it may still
-  // be in use, and a small leak beats freeing a live locale.
-  if (uselocale(static_cast<locale_t>(0)) == g_thread_locale) {
-    uselocale(g_previous_locale);
-    freelocale(g_thread_locale);
-  }
-  g_thread_locale = static_cast<locale_t>(0);
-}
+void locale_leave() { zel::thrd_set_locale(static_cast<locale_t>(0)); }
 
 bool cache_up() { return cache_init(kCacheCapacity) >= 0; }
 bool transport_up() { return http_global_init() == 0; }
@@ -83,12 +66,8 @@ bool run_step(int index) {
 
 void global_set_step_hook(GlobalStepHook hook) { g_hook.store(hook); }
 
-bool global_thread_locale_active() {
-  return g_thread_locale != static_cast<locale_t>(0) &&
-         uselocale(static_cast<locale_t>(0)) == g_thread_locale;
-}
-
 extern "C" ZEL_EXPORT int zel_global_init(void) {
+  http_stop_all(false);
   for (int i = 0; i < kStepCount; i++) {
     if (run_step(i)) continue;
     if (kSteps[i].failure != nullptr) ZLOG("%s", kSteps[i].failure);
@@ -99,14 +78,18 @@ extern "C" ZEL_EXPORT int zel_global_init(void) {
 }
 
 extern "C" ZEL_EXPORT void zel_global_cleanup(void) {
-  // Single-request operations run on detached threads that still use
-  // libcurl and the bucket cache until they have reported: let them finish
-  // before either goes away.
-  while (frame_running_workers() > 0) zel::thrd_yield();
+  // Every exchange in flight is told to stop, and every retry waiting for
+  // its next attempt is woken. Single-request operations run on detached
+  // threads that still use libcurl and the bucket cache until they have
+  // reported: they are waited for before either goes away.
+  http_stop_all(true);
+  transfer_wake_all();
+  frame_wait_workers();
   // The worker pool goes first: it waits for running workers, which may
   // still hold pooled requests and touch the cache.
   for (int i = kStepCount - 1; i >= 0; i--) kSteps[i].down();
   // Transfer tasks that the stopped pool dropped before they ran still own
   // their records; nothing can run them any more, so they are freed here.
   transfer_release_dropped();
+  http_stop_all(false);
 }

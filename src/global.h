@@ -16,6 +16,3 @@ enum GlobalStep {
 // removes it.
 using GlobalStepHook = int (*)(int step);
 void global_set_step_hook(GlobalStepHook hook);
-
-// True while the calling thread runs on the locale copy made by start-up.
-bool global_thread_locale_active();

@@ -172,3 +172,5 @@ char* http_url_unescape(const char* text) {
   if (text == nullptr) return nullptr;
   return curl_easy_unescape(nullptr, text, 0, nullptr);
 }
+
+void http_text_free(char* text) { curl_free(text); }

@@ -36,7 +36,7 @@ struct HttpRequest {
 
 struct HttpResponse {
   int32_t status;       // HTTP status, or libcurl's code after a failed transfer
-  curl_slist* headers;  // every received line as received, line end included
+  curl_slist* headers;  // the received lines, each without its line end
   HttpBody* body;       // owned; set it (with http_body_write) before performing
   double total_time;
   double namelookup_time;
@@ -89,6 +89,8 @@ size_t http_body_write(char* bytes, size_t size, size_t count, void* body);
 void http_request_configure(HttpRequest* request, const HttpSettings* settings);
 void http_request_set_auth(HttpRequest* request, ZELGetTokenFn get_token, ZELFreeTokenFn free_token);
 void http_request_add_header(HttpRequest* request, const char* line);
+void http_request_add_bearer(HttpRequest* request, const char* token);       // "Authorization:Bearer %s"
+void http_request_add_content_type(HttpRequest* request, const char* type);  // "Content-Type: %s"
 void http_request_add_header_kv(HttpRequest* request, const char* name, const char* value);
 void http_request_add_range(HttpRequest* request, uint64_t first, uint64_t last);
 void http_request_add_content_range(HttpRequest* request, uint64_t first, uint64_t last, uint64_t total);
@@ -108,7 +110,7 @@ CURLoption http_upload_size_option(uint64_t size);
 const char* http_perform(HttpRequest* request, HttpResponse* response);
 
 // Received-header queries. Each returns a new text (mem_free) holding the
-// value exactly as received, leading blank and line end included.
+// value as received, leading blank included, line end removed.
 char* http_response_header(const HttpResponse* response, const char* name);
 char* http_response_range(const HttpResponse* response);
 char* http_response_content_range_total(const HttpResponse* response);
@@ -116,6 +118,8 @@ char* http_response_content_range_total(const HttpResponse* response);
 // Percent-encoding of a wide name, and decoding; results freed with curl_free.
 char* http_url_escape(const char16_t* text);
 char* http_url_unescape(const char* text);
+// Frees a text made by the two functions above (libcurl's own allocation).
+void http_text_free(char* text);
 
 // CA bundle beside the host executable.
 constexpr size_t kCaPathMax = 260;

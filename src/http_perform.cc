@@ -10,24 +10,13 @@
 namespace {
 constexpr const char* kLogTag = "src\\http";
 
-// Keeps every received line, the status line and the closing empty line
-// included, exactly as libcurl delivers it.
 size_t header_callback(char* bytes, size_t size, size_t count, void* raw) {
   auto* list = static_cast<curl_slist**>(raw);
   size_t n = size * count;
-  char* line = strndup_bounded(bytes, n);
-  if (line == nullptr) {
-    ZLOG("Cannot allocate memory for http header");
-    return 0;
-  }
-  bool kept = true;
-  if (*line != '\0') {
-    curl_slist* grown = curl_slist_append(*list, line);
-    if (grown != nullptr) *list = grown;
-    kept = grown != nullptr;
-  }
+  char* line = http_header_text(bytes, n);
+  if (line == nullptr) return 0;
+  bool kept = http_header_store(list, line);
   mem_free(line);
-  if (!kept) ZLOG("Cannot allocate memory for http header");
   return kept ? n : 0;
 }
 
@@ -72,7 +61,9 @@ void read_count(CURL* curl, CURLINFO info, double* out, const char* message) {
   *out = static_cast<double>(value);
 }
 
-void read_results(CURL* curl, HttpResponse* response) {
+}  // namespace
+
+void http_read_results(CURL* curl, HttpResponse* response) {
   long status = 0;
   CURLcode code = curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
   if (code == CURLE_OK) {
@@ -93,6 +84,8 @@ void read_results(CURL* curl, HttpResponse* response) {
              "getinfo(CURLINFO_SIZE_DOWNLOAD): %d (%s)");
 }
 
+namespace {
+
 // Text after the first colon of the first line that holds `name` and a
 // non-empty value; nullptr when no line qualifies.
 const char* find_value(const HttpResponse* response, const char* name) {
@@ -107,6 +100,27 @@ const char* find_value(const HttpResponse* response, const char* name) {
 }
 }  // namespace
 
+char* http_header_text(const char* bytes, size_t n) {
+  // Values are kept without their line end: a value that is empty on the
+  // wire must read as empty. A line holding a zero byte ends there.
+  n = strnlen(bytes, n);
+  while (n > 0 && (bytes[n - 1] == '\n' || bytes[n - 1] == '\r')) n--;
+  char* line = strndup_bounded(bytes, n);
+  if (line == nullptr) ZLOG("Cannot allocate memory for http header");
+  return line;
+}
+
+bool http_header_store(curl_slist** list, const char* line) {
+  if (*line == '\0') return true;
+  curl_slist* grown = curl_slist_append(*list, line);
+  if (grown == nullptr) {
+    ZLOG("Cannot allocate memory for http header");
+    return false;
+  }
+  *list = grown;
+  return true;
+}
+
 const char* http_perform(HttpRequest* request, HttpResponse* response) {
   if (request == nullptr) return "HttpRequest is not initialized";
   if (response == nullptr) return "HttpResponse is not initialized";
@@ -116,7 +130,7 @@ const char* http_perform(HttpRequest* request, HttpResponse* response) {
     response->status = static_cast<int32_t>(code);
     return curl_easy_strerror(code);
   }
-  read_results(request->curl, response);
+  http_read_results(request->curl, response);
   return nullptr;
 }
 

@@ -71,8 +71,18 @@ void http_request_set_auth(HttpRequest* request, ZELGetTokenFn get_token, ZELFre
   if (request == nullptr || get_token == nullptr) return;
   char* token = get_token();
   if (token == nullptr) return;
-  append_line(request, "Authorization:Bearer %s", token);
+  http_request_add_bearer(request, token);
   if (free_token != nullptr) free_token(token);
+}
+
+void http_request_add_bearer(HttpRequest* request, const char* token) {
+  if (request == nullptr || token == nullptr) return;
+  append_line(request, "Authorization:Bearer %s", token);
+}
+
+void http_request_add_content_type(HttpRequest* request, const char* content_type) {
+  if (request == nullptr || content_type == nullptr) return;
+  append_line(request, "Content-Type: %s", content_type);
 }
 
 void http_request_add_header(HttpRequest* request, const char* line) {

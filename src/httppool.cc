@@ -71,8 +71,7 @@ HttpPool* create_pool() {
 void return_slot(HttpPool* pool) {
   zel::mtx_lock(&pool->state);
   pool->in_use--;
-  pool->available++;
-  apply_gate(pool);
+  recount(pool);
   zel::mtx_unlock(&pool->state);
 }
 }  // namespace
@@ -145,15 +144,17 @@ void http_pool_release(HttpRequest* request) {
     http_request_reset(request);
     entry = static_cast<IdleEntry*>(mem_malloc(sizeof(IdleEntry)));
     zel::mtx_lock(&pool->state);
-    if (pool->available < pool->capacity) {
-      pool->available++;
-      pool->in_use--;
-      if (entry != nullptr) {
+    // Every counted release gives its slot back, whatever the capacity did
+    // meanwhile; only whether the request is kept for reuse depends on it.
+    if (pool->in_use > 0) {
+      kept = entry != nullptr && pool->available < pool->capacity;
+      if (kept) {
         entry->request = request;
         entry->next = pool->idle;
         pool->idle = entry;
-        kept = true;
       }
+      pool->in_use--;
+      if (pool->available < pool->capacity) pool->available++;
       apply_gate(pool);
     }
     zel::mtx_unlock(&pool->state);

@@ -92,9 +92,9 @@ int worker(void* raw) {
   char query[kUrlBuffer] = {0};
   build_query(opt, query, ZEL_URL_SIZE);
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets?%s", query);
+  const long url_length = zel_api_url(decorator->handle, url, "/buckets?%s", query);
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
   bool answered = exchange.run(plan);
   if (answered && exchange.status() == 200) {
     on_success(exchange, *decorator);

@@ -42,9 +42,10 @@ int run_key_pair_worker(void* raw, const KeyPairWorker& w,
     return -1;
   }
   char url[kUrlBuffer] = {0};
-  zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s%s", bucket.get(), key.get(), w.suffix);
+  const long url_length =
+      zel_api_url(decorator->handle, url, "/buckets/%s/objects/%s%s", bucket.get(), key.get(), w.suffix);
   Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, w.method, url, w.content_type, nullptr};
+  ExchangePlan plan{decorator->handle, opt->headers, w.method, url, w.content_type, nullptr, url_length};
   if (exchange.run(plan) && exchange.status() == 200) {
     on_success(exchange, *decorator);
   } else {

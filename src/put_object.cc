@@ -9,7 +9,7 @@
 
 #include "alloc.h"
 #include "frame.h"
-#include "httppool.h"
+#include "http_plan.h"
 #include "json.h"
 #include "log.h"
 #include "progress.h"
@@ -20,126 +20,55 @@
 namespace {
 constexpr const char* kLogTag = "src\\put_object";
 
-// What libcurl reads the body from: the open file through the caller's read
-// function, never more than the range holds.
+constexpr int kUploadOk[] = {200, 201, 202};
+
+// What the request body is read from: the open file through the caller's
+// read function, never more than the range holds.
 struct UploadSource {
   FILE* file;
   ZELStreamReadFn read;
   uint64_t remaining;
 };
 
-size_t upload_read(char* buffer, size_t size, size_t count, void* raw) {
-  auto* source = reinterpret_cast<UploadSource*>(static_cast<HttpBody*>(raw)->data);
+size_t upload_read(char* buffer, size_t n, void* raw) {
+  auto* source = static_cast<UploadSource*>(raw);
   if (source->remaining == 0) return 0;
-  size_t got = source->remaining < static_cast<uint64_t>(size) * count
-                   ? source->read(buffer, 1, static_cast<size_t>(source->remaining), source->file)
-                   : source->read(buffer, size, count, source->file);
+  size_t want = source->remaining < n ? static_cast<size_t>(source->remaining) : n;
+  size_t got = source->read(buffer, 1, want, source->file);
   source->remaining -= got < source->remaining ? got : source->remaining;
   return got;
 }
 
-int upload_progress(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t uploaded) {
-  return transfer_progress_step(static_cast<ZELTransferProgress*>(data), static_cast<uint64_t>(uploaded),
-                                false);
+int upload_progress(void* data, uint64_t, uint64_t, uint64_t, uint64_t uploaded) {
+  return transfer_progress_step(static_cast<ZELTransferProgress*>(data), uploaded, false);
 }
-
-// One attempt's state, released by the destructor on every path.
-struct Attempt {
-  ZELUploadDecorator* upload;
-  const ZELByteRange* range;
-  uint32_t number;
-  const char* url;
-  HttpRequest* request = nullptr;
-  HttpResponse* response = nullptr;
-  FILE* file = nullptr;
-  int status = -1;
-  const char* text = nullptr;  // fixed or system text
-  char* owned = nullptr;       // text this attempt allocated
-
-  Attempt(ZELUploadDecorator* u, const ZELByteRange* r, uint32_t n, const char* target)
-      : upload(u), range(r), number(n), url(target) {}
-  ~Attempt() {
-    if (file != nullptr) fclose(file);
-    http_pool_release(request);
-    http_response_cleanup(response);
-    mem_free(owned);
-  }
-  Attempt(const Attempt&) = delete;
-  Attempt& operator=(const Attempt&) = delete;
-  const char* message() const { return owned != nullptr ? owned : text; }
-};
 
 uint64_t range_length(const ZELByteRange* range, uint64_t file_size) {
   // An empty file has no byte to name; its single request sends nothing.
   return file_size == 0 ? 0 : range->end - range->start + 1;
 }
 
-void add_headers(Attempt& a) {
-  const ZELUploadDecorator* u = a.upload;
-  http_request_set_auth(a.request, u->handle->get_token, u->handle->free_token);
-  http_request_add_session_id(a.request, u->opt->session_id);
+HttpPlan upload_plan(const ZELUploadDecorator* u, const ZELByteRange* range, const char* url,
+                     UploadSource* source, ZELTransferProgress* data) {
+  HttpPlan plan = transfer_plan(u->handle, url, true);
+  plan.method = HttpMethod::put;
+  plan.bulk = true;
+  plan.session_id = u->opt->session_id;
   // An empty file has no first and last byte to name; its whole-object PUT
   // goes without a Content-Range rather than with a wrapped-around one.
-  if (u->file_size != 0)
-    http_request_add_content_range(a.request, a.range->start, a.range->end, u->file_size);
-  for (const ZELHeaders* h = u->opt->headers; h != nullptr; h = h->next)
-    http_request_add_header(a.request, h->line);
-  // No "Expect: 100-continue" wait before each chunk's body: the round trip
-  // it costs buys nothing when the body is a few MiB read from a file.
-  http_request_add_header(a.request, "Expect:");
+  plan.content_range = HttpByteRange{u->file_size != 0, range->start, range->end};
+  plan.content_range_total = u->file_size;
+  plan.headers = u->opt->headers;
+  plan.content_type = u->opt->content_type;
+  plan.body_size = source->remaining;
+  plan.source = upload_read;
+  plan.source_data = source;
+  plan.progress = upload_progress;
+  plan.progress_data = data;
+  return plan;
 }
 
-// Opens the file at the range and attaches body and hook; false with the
-// attempt's text set when a step fails.
-bool attach_body(Attempt& a) {
-  const ZELStream* stream = a.upload->opt->stream;
-  a.file = file_open(stream->filename, "rb");
-  if (a.file == nullptr || stream->seek(a.file, static_cast<int64_t>(a.range->start), 0) < 0) {
-    a.text = transfer_error_text(errno);
-    return false;
-  }
-  HttpBody* body = http_body_init();
-  if (body == nullptr) return (a.text = "Cannot initialize http request body"), false;
-  a.request->body = body;
-  auto* source = static_cast<UploadSource*>(mem_malloc(sizeof(UploadSource)));
-  if (source == nullptr) return (a.text = "Cannot initialize http request body stream"), false;
-  *source = {a.file, stream->read, range_length(a.range, a.upload->file_size)};
-  body->data = reinterpret_cast<char*>(source);
-  body->size = source->remaining;
-  body->callback = upload_read;
-  ZELTransferProgress* data = nullptr;
-  if (a.upload->progress != nullptr) {
-    data = transfer_progress_init(a.upload->progress, a.upload->user_data, a.number > 0 ? 1 : 0, 0,
-                                  a.upload->opt->progress_callback);
-    if (data == nullptr) return (a.text = "Cannot initialize http progress data"), false;
-  }
-  // Always hooked, so that a shutting-down pool aborts the transfer.
-  a.text = transfer_attach_hook(a.request, upload_progress, data);
-  return a.text == nullptr;
-}
-
-bool prepare(Attempt& a) {
-  a.request = http_pool_acquire();
-  if (a.request == nullptr) return (a.text = "Cannot initialize http request"), false;
-  HttpSettings settings = http_settings_from(a.upload->handle);
-  http_request_configure(a.request, &settings);
-  transfer_tune_upload(a.request);
-  add_headers(a);
-  if (!attach_body(a)) return false;
-  a.text = http_request_put(a.request, a.url, a.upload->opt->content_type);
-  if (a.text != nullptr) return false;
-  a.response = http_response_init();
-  if (a.response == nullptr) return (a.text = "Cannot initialize http response"), false;
-  a.response->body = http_body_init();
-  if (a.response->body == nullptr) return (a.text = "Cannot initialize http response body"), false;
-  a.response->body->callback = http_body_write;
-  return true;
-}
-
-const char* body_text(const HttpResponse* response) {
-  const HttpBody* body = response->body;
-  return body != nullptr && body->data != nullptr && body->size > 0 ? body->data : nullptr;
-}
+constexpr HttpVerdictRules kUploadRules{kUploadOk, 3, true, true, nullptr, true};
 
 void report_stats(const ZELUploadDecorator* u, const HttpResponse* r) {
   if (u->opt->stats_callback == nullptr) return;
@@ -147,54 +76,66 @@ void report_stats(const ZELUploadDecorator* u, const HttpResponse* r) {
                          u->user_data);
 }
 
-// Turns a completed exchange into the attempt's status and text.
-void judge(Attempt& a) {
-  a.status = a.response->status;
-  const char* body = body_text(a.response);
-  if (a.status == 200 || a.status == 201 || a.status == 202) {
-    report_stats(a.upload, a.response);
-    if (a.status != 202 && body != nullptr) a.owned = mem_strdup(body);
-    return;
-  }
-  if ((a.text = transfer_status_text(a.status)) != nullptr) return;
-  if (err_reason_fromjson(body, &a.owned) == 0) return;
-  a.owned = body != nullptr ? mem_strdup(body) : nullptr;
-}
-
-// A 202 records nothing: the completion must not mistake an accepted chunk
-// for the service's final answer or for a failure.
-void record(Attempt& a) {
-  if (a.status == 202) return;
-  const char* text = a.message();
+// Records an attempt's status and text in the upload record. A 202
+// records nothing: the completion must not mistake an accepted chunk for
+// the service's final answer or for a failure.
+void record(ZELUploadDecorator* u, int32_t status, const char* text, const char* details_body) {
+  if (status == 202) return;
   char* copy = text != nullptr ? mem_strdup(text) : nullptr;
-  char* details = (a.status == 200 || a.status == 201) && copy != nullptr ? mem_strdup(copy) : nullptr;
-  ZELUploadDecorator* u = a.upload;
+  char* details = details_body != nullptr ? mem_strdup(details_body) : nullptr;
   zel::mtx_lock(&u->mutex);
   mem_free(u->message);
   u->message = copy;
-  u->last_status = a.status;
+  u->last_status = status;
   if (details != nullptr) {
     mem_free(u->details);
     u->details = details;
   }
   zel::mtx_unlock(&u->mutex);
 }
+
+// Opens the file at the range; the system's text when it cannot.
+const char* open_source(const ZELUploadDecorator* u, const ZELByteRange* range, FILE** file) {
+  const ZELStream* stream = u->opt->stream;
+  *file = file_open(stream->filename, "rb");
+  if (*file != nullptr && stream->seek(*file, static_cast<int64_t>(range->start), 0) >= 0) return nullptr;
+  const char* text = transfer_error_text(errno);
+  return text != nullptr ? text : "(null)";
+}
 }  // namespace
 
-int upload_request(ZELUploadDecorator* upload, const ZELByteRange* range, uint32_t attempt, const char* url) {
-  Attempt a(upload, range, attempt, url);
-  if (prepare(a)) {
-    a.text = http_perform(a.request, a.response);
-    fclose(a.file);
-    a.file = nullptr;
-    if (a.text != nullptr) {
-      a.status = a.response->status;
-    } else {
-      judge(a);
-    }
+AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* range, uint32_t attempt,
+                              const char* url) {
+  FILE* file = nullptr;
+  if (const char* text = open_source(upload, range, &file)) {
+    if (file != nullptr) fclose(file);
+    record(upload, -1, text, nullptr);
+    return AttemptOutcome{false, -1, true};
   }
-  record(a);
-  return a.status;
+  UploadSource source{file, upload->opt->stream->read, range_length(range, upload->file_size)};
+  ZELTransferProgress data{upload->progress,    0, upload->user_data,
+                           attempt > 0 ? 1 : 0, 0, upload->opt->progress_callback};
+  HttpPlan plan = upload_plan(upload, range, url, &source, &data);
+  HttpExchange exchange;
+  exchange.run(plan);
+  fclose(file);
+  HttpVerdict verdict(exchange, kUploadRules);
+  int32_t status = verdict.code();
+  // A 200 or 201 without any body was cut short: the details it carries
+  // are what completes the upload, so the attempt is tried again.
+  if (verdict.success() && status != 202 && exchange.body() == nullptr) {
+    record(upload, status, "The answer ended before its body arrived", nullptr);
+    return AttemptOutcome{false, status, true};
+  }
+  if (verdict.success()) {
+    report_stats(upload, exchange.response());
+    const char* body = status != 202 ? exchange.body() : nullptr;
+    record(upload, status, body, body);
+    return AttemptOutcome{true, status, false};
+  }
+  transfer_note_failure(status);
+  record(upload, status, verdict.message(), nullptr);
+  return AttemptOutcome{false, status, verdict.retryable()};
 }
 
 char* generate_session_id() {

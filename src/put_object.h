@@ -8,6 +8,7 @@
 #include "object.h"
 #include "progress.h"
 #include "thread.h"
+#include "transfer.h"
 
 // The shared record of one upload. Its handle and options copies are owned.
 struct ZELUploadDecorator {
@@ -43,9 +44,10 @@ int upload_single(ZELUploadDecorator* upload);
 // Queued once per chunk; the task that finishes the last chunk reports and
 // frees the upload record.
 void upload_chunk_task(void* chunk);
-// One PUT of range->start .. range->end: the HTTP status, libcurl's code
-// after a failed transfer, or -1 when no request was made.
-int upload_request(ZELUploadDecorator* upload, const ZELByteRange* range, uint32_t attempt, const char* url);
+// One PUT of range->start .. range->end. Its status is the HTTP status,
+// libcurl's code after a failed transfer, or -1 when no request was made.
+AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* range, uint32_t attempt,
+                              const char* url);
 // 32 lowercase hex digits (each pair a printable character code from 21 to
 // 7e), mem_free'd by the caller; nullptr when memory runs out.
 char* generate_session_id();

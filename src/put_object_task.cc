@@ -5,6 +5,7 @@
 #include "alloc.h"
 #include "create_bucket.h"
 #include "frame.h"
+#include "http_plan.h"
 #include "iterator.h"
 #include "json.h"
 #include "log.h"
@@ -101,8 +102,6 @@ void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, in
   upload_free(upload);
 }
 
-bool upload_succeeded(int status) { return status == 200 || status == 201 || status == 202; }
-
 void chunk_free(ZELChunkUploadDecorator* chunk) {
   byte_range_cleanup(chunk->range);
   mem_free(chunk);
@@ -133,15 +132,14 @@ void upload_chunk_task(void* raw) {
          static_cast<int>(n));
     mem_free(text);
   };
-  bool ok = false;
-  int status = transfer_run_chunk(upload->handle->max_retries, attempt, upload_succeeded, on_retry, &ok);
+  AttemptOutcome outcome = transfer_run_chunk(upload->handle->max_retries, attempt, on_retry);
+  bool ok = outcome.ok;
+  int32_t status = outcome.status;
   if (ok && status == 202 && upload->opt->chunk_done_callback != nullptr) {
     upload->opt->chunk_done_callback(&chunk_opt, upload->user_data);
   } else if (!ok) {
-    const char* fixed =
-        status == 401 || status == 403 || status == 404 ? transfer_status_text(status) : nullptr;
-    char* text = fixed == nullptr ? message_copy(upload) : nullptr;
-    report_chunk_failed(upload, &chunk_opt, status, fixed != nullptr ? fixed : text);
+    char* text = message_copy(upload);
+    report_chunk_failed(upload, &chunk_opt, status, text);
     mem_free(text);
   }
   chunk_free(chunk);
@@ -152,7 +150,7 @@ int upload_single(ZELUploadDecorator* upload) {
   const ZELPutObjectOpt* opt = upload->opt;
   ZELByteRange range{0, upload->file_size - 1};
   if (opt->range != nullptr) range = *opt->range;
-  int status = upload_request(upload, &range, 0, upload->url);
+  int status = upload_request(upload, &range, 0, upload->url).status;
   if (status == 200 || status == 201) {
     deliver_details(upload, upload->details);
   } else if (status == 202) {
@@ -254,9 +252,35 @@ bool task_checks(ZELPutObjectDecorator* d) {
   return missing == nullptr;
 }
 
+// The upload's URL; false (reported) when it cannot be sent faithfully, or
+// when a text of the options would add header lines of its own. Both are
+// refused before anything is sent, the bucket creation included.
+bool build_url(const ZELPutObjectDecorator* d, bool resumable, char* url) {
+  EscapedName bucket(d->opt->bucket_key), key(d->opt->key);
+  if (!bucket.ok() || !key.ok()) {
+    report(d->opt->callback, 0, kCannotEscapeKeys, d->user_data);
+    return false;
+  }
+  long length = zel_upload_url(d->handle, url,
+                               resumable ? "/buckets/%s/objects/%s/resumable" : "/buckets/%s/objects/%s",
+                               bucket.get(), key.get());
+  if (!http_url_fits(length)) {
+    ZLOG("%s", kHttpUrlTooLong);
+    report(d->opt->callback, 0, kHttpUrlTooLong, d->user_data);
+    return false;
+  }
+  HttpPlan texts;
+  texts.session_id = d->opt->session_id;
+  texts.content_type = d->opt->content_type;
+  texts.headers = d->opt->headers;
+  const char* refused = http_plan_refusal(texts);
+  if (refused != nullptr) report(d->opt->callback, 0, refused, d->user_data);
+  return refused == nullptr;
+}
+
 // Runs the upload described by the decorator, whose copies it may take.
 void put_object_run(ZELPutObjectDecorator* d) {
-  if (!task_checks(d) || ensure_bucket_exists(d->handle, d->opt, d->user_data) < 0) return;
+  if (!task_checks(d)) return;
   uint64_t step = d->handle->chunk_size != 0 ? d->handle->chunk_size : kDefaultChunkSize;
   uint64_t amount = 0, chunks = 0;
   if (!measure(d, step, &amount, &chunks)) return;
@@ -264,15 +288,9 @@ void put_object_run(ZELPutObjectDecorator* d) {
     report(d->opt->callback, 0, "Cannot allocate memory for ZELByteRangeIterator", d->user_data);
     return;
   }
-  EscapedName bucket(d->opt->bucket_key), key(d->opt->key);
-  if (!bucket.ok() || !key.ok()) {
-    report(d->opt->callback, 0, kCannotEscapeKeys, d->user_data);
-    return;
-  }
   char url[kUrlBuffer] = {0};
-  bool resumable = d->opt->range != nullptr || chunks > 1;
-  zel_upload_url(d->handle, url, resumable ? "/buckets/%s/objects/%s/resumable" : "/buckets/%s/objects/%s",
-                 bucket.get(), key.get());
+  if (!build_url(d, d->opt->range != nullptr || chunks > 1, url)) return;
+  if (ensure_bucket_exists(d->handle, d->opt, d->user_data) < 0) return;
   ZELByteRangeIterator* iterator = nullptr;
   if (chunks > 1) {
     iterator = iterator_init(d->opt->range != nullptr ? d->opt->range->start : 0, step, amount);

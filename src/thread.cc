@@ -11,6 +11,7 @@ namespace zel {
 namespace {
 
 std::atomic<thrd_create_hook_t> g_create_hook{nullptr};
+std::atomic<locale_t> g_locale{static_cast<locale_t>(0)};
 
 struct StartRecord {
   thrd_start_t function;
@@ -20,6 +21,8 @@ struct StartRecord {
 void* trampoline(void* raw) {
   StartRecord start = *static_cast<StartRecord*>(raw);
   mem_free(raw);
+  locale_t locale = g_locale.load();
+  if (locale != static_cast<locale_t>(0)) uselocale(locale);
   int result = start.function(start.argument);
   return reinterpret_cast<void*>(static_cast<intptr_t>(result));
 }
@@ -27,6 +30,8 @@ void* trampoline(void* raw) {
 }  // namespace
 
 void thrd_set_create_hook(thrd_create_hook_t hook) { g_create_hook.store(hook); }
+
+void thrd_set_locale(locale_t locale) { g_locale.store(locale); }
 
 int thrd_create(thrd_t* thread, thrd_start_t function, void* argument) {
   if (thread == nullptr || function == nullptr) return thrd_error;

@@ -3,6 +3,7 @@
 // result codes of the standard C threads interface, over pthreads. The names
 // live in namespace zel so they never meet the C library's own thrd_* and
 // mtx_* symbols, which may be linked into the same process.
+#include <locale.h>
 #include <pthread.h>
 
 namespace zel {
@@ -47,6 +48,10 @@ void mtx_destroy(mtx_t* mutex);
 // thread starts. nullptr removes the hook.
 using thrd_create_hook_t = int (*)();
 void thrd_set_create_hook(thrd_create_hook_t hook);
+
+// The locale every thread started from now on runs on (its own setting,
+// never the process's); (locale_t)0 leaves new threads on the global one.
+void thrd_set_locale(locale_t locale);
 
 }  // namespace zel
 

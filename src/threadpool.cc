@@ -16,13 +16,25 @@ struct Task {
   Task* next;
 };
 
+struct ThreadPool;
+
+// One started worker. Workers are joined rather than detached, so that
+// shut-down returns only once every one of them has really ended.
+struct WorkerRecord {
+  ThreadPool* pool;
+  zel::thrd_t thread;
+  WorkerRecord* next;
+};
+
 struct ThreadPool {
-  zel::mtx_t lock;  // guards the queue and the counters
+  zel::mtx_t lock;      // guards the queue and the counters
+  pthread_cond_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;
   unsigned limit;
   int running;
   int free_slots;
+  WorkerRecord* finished;  // workers that have left, still to be joined
 };
 
 std::atomic<ThreadPool*> g_pool{nullptr};
@@ -37,9 +49,12 @@ void recount(ThreadPool* pool) {
 }
 
 // With the lock held.
-void leave(ThreadPool* pool) {
+void leave(ThreadPool* pool, WorkerRecord* self) {
+  self->next = pool->finished;
+  pool->finished = self;
   pool->running--;
   recount(pool);
+  if (pool->running == 0) pthread_cond_broadcast(&pool->idle);
 }
 
 // With the lock held: the next task, or nullptr when the queue is empty.
@@ -52,14 +67,15 @@ Task* take(ThreadPool* pool) {
 }
 
 int worker(void* raw) {
-  auto* pool = static_cast<ThreadPool*>(raw);
+  auto* self = static_cast<WorkerRecord*>(raw);
+  ThreadPool* pool = self->pool;
   for (;;) {
     zel::mtx_lock(&pool->lock);
     Task* task = g_stopping.load() ? nullptr : take(pool);
     // The slot goes back in the same hold of the lock in which the queue
     // was found empty, so a task queued right after finds the slot free and
     // starts a worker of its own instead of waiting for the next one.
-    if (task == nullptr) leave(pool);
+    if (task == nullptr) leave(pool, self);
     zel::mtx_unlock(&pool->lock);
     if (task == nullptr) {
       void (*hook)() = g_leave_hook.load();
@@ -90,17 +106,33 @@ void link(ThreadPool* pool, Task* task, bool at_head) {
 // cannot start leaves the task queued for the running ones.
 void start_worker(ThreadPool* pool) {
   if (pool->free_slots <= 0) return;
-  zel::thrd_t thread;
-  int result = zel::thrd_create(&thread, worker, pool);
-  if (result != zel::thrd_success) {
-    ZLOG("Cannot create a new thread: %s", thread_result_message(result));
+  auto* record = static_cast<WorkerRecord*>(mem_calloc(1, sizeof(WorkerRecord)));
+  if (record == nullptr) {
+    ZLOG("Cannot create a new thread: %s", thread_result_message(zel::thrd_nomem));
     return;
   }
-  if (zel::thrd_detach(thread) != zel::thrd_success) {
-    ZLOG("Cannot detach a thread: %s", thread_result_message(zel::thrd_error));
+  record->pool = pool;
+  // The worker can only leave under the lock this caller holds, so the
+  // record is complete before anyone reads its thread.
+  int result = zel::thrd_create(&record->thread, worker, record);
+  if (result != zel::thrd_success) {
+    ZLOG("Cannot create a new thread: %s", thread_result_message(result));
+    mem_free(record);
+    return;
   }
   pool->running++;
   recount(pool);
+}
+
+// Joins the workers taken off the finished list (each has left already, so
+// the joins are short) and frees their records. Called without the lock.
+void join_finished(WorkerRecord* list) {
+  while (list != nullptr) {
+    WorkerRecord* next = list->next;
+    zel::thrd_join(list->thread, nullptr);
+    mem_free(list);
+    list = next;
+  }
 }
 
 int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
@@ -124,7 +156,10 @@ int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
   }
   link(pool, task, at_head);
   start_worker(pool);
+  WorkerRecord* finished = pool->finished;
+  pool->finished = nullptr;
   zel::mtx_unlock(&pool->lock);
+  join_finished(finished);
   return 0;
 }
 
@@ -148,6 +183,12 @@ int thread_pool_init(int limit) {
     }
     if (zel::mtx_init(&pool->lock, zel::mtx_plain) != zel::thrd_success) {
       ZLOG("%s", thread_result_message(zel::thrd_error));
+      mem_free(pool);
+      return -1;
+    }
+    if (pthread_cond_init(&pool->idle, nullptr) != 0) {
+      ZLOG("%s", thread_result_message(zel::thrd_error));
+      zel::mtx_destroy(&pool->lock);
       mem_free(pool);
       return -1;
     }
@@ -199,14 +240,14 @@ void thread_pool_cleanup() {
     mem_free(task);
     task = next;
   }
-  for (;;) {
-    zel::mtx_lock(&pool->lock);
-    int running = pool->running;
-    zel::mtx_unlock(&pool->lock);
-    if (running < 1) break;
-    zel::thrd_yield();
-  }
+  zel::mtx_lock(&pool->lock);
+  while (pool->running > 0) pthread_cond_wait(&pool->idle, &pool->lock.native);
+  WorkerRecord* finished = pool->finished;
+  pool->finished = nullptr;
+  zel::mtx_unlock(&pool->lock);
+  join_finished(finished);
   g_pool.store(nullptr);
+  pthread_cond_destroy(&pool->idle);
   zel::mtx_destroy(&pool->lock);
   mem_free(pool);
 }

@@ -3,19 +3,17 @@
 
 #include <pthread.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "alloc.h"
+#include "http_plan.h"
 #include "httppool.h"
 #include "log.h"
 
 namespace {
-constexpr const char* kLogTag = "src\\transfer";
-
-// Large enough that a 5 MiB chunk moves in a handful of file calls, small
-// enough that eight requests in flight stay far below the memory budget.
-constexpr long kDownloadBuffer = 512L * 1024;
-constexpr long kUploadBuffer = 512L * 1024;
 
 // One queued task that has not started. The worker pool frees its own task
 // records when it drops them at shutdown, but not their arguments; this
@@ -104,26 +102,63 @@ int transfer_pending_count() {
   return count;
 }
 
-const char* transfer_status_text(int status) {
-  switch (status) {
-    case 401:
-      return "Unauthorized";
-    case 403:
-      return "Forbidden";
-    case 404:
-      return "Not Found";
-    case 504:
-      http_pool_shrink(1);
-      return "Gateway Timeout";
-    default:
-      return nullptr;
-  }
+void transfer_note_failure(int32_t status) {
+  if (status == 504) http_pool_shrink(1);
 }
 
-bool transfer_may_retry(int status, uint32_t attempt, uint32_t max_retries) {
-  if (status == 401 || status == 403 || status == 404 || status == kStatusAborted) return false;
-  if (thread_pool_stopping()) return false;
-  return attempt < max_retries;
+namespace {
+pthread_mutex_t g_wait_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_wait_cond = PTHREAD_COND_INITIALIZER;
+std::atomic<uint32_t> g_base_ms{100};
+std::atomic<uint32_t> g_cap_ms{5000};
+
+bool stopping() { return thread_pool_stopping() != 0 || http_stopping(); }
+
+uint32_t backoff_ms(uint32_t retry) {
+  uint64_t delay = g_base_ms.load();
+  uint32_t cap = g_cap_ms.load();
+  for (uint32_t i = 1; i < retry && delay < cap; i++) delay *= 2;
+  if (delay > cap) delay = cap;
+  // Full jitter in the upper half: parallel chunks that failed together do
+  // not come back together.
+  static thread_local uint64_t state = 0;
+  if (state == 0) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    state = (static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(pthread_self()) << 1)) | 1;
+  }
+  state ^= state << 13;  // xorshift64
+  state ^= state >> 7;
+  state ^= state << 17;
+  uint64_t half = delay / 2;
+  return static_cast<uint32_t>(half + (half > 0 ? state % (half + 1) : 0));
+}
+}  // namespace
+
+bool transfer_backoff(uint32_t retry) {
+  uint32_t ms = backoff_ms(retry);
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  uint64_t ns = static_cast<uint64_t>(deadline.tv_nsec) + static_cast<uint64_t>(ms) * 1000000u;
+  deadline.tv_sec += static_cast<time_t>(ns / 1000000000u);
+  deadline.tv_nsec = static_cast<long>(ns % 1000000000u);
+  pthread_mutex_lock(&g_wait_lock);
+  int waited = 0;
+  while (!stopping() && waited != ETIMEDOUT)
+    waited = pthread_cond_timedwait(&g_wait_cond, &g_wait_lock, &deadline);
+  pthread_mutex_unlock(&g_wait_lock);
+  return !stopping();
+}
+
+void transfer_wake_all() {
+  pthread_mutex_lock(&g_wait_lock);
+  pthread_cond_broadcast(&g_wait_cond);
+  pthread_mutex_unlock(&g_wait_lock);
+}
+
+void transfer_set_backoff(uint32_t base_ms, uint32_t cap_ms) {
+  g_base_ms.store(base_ms);
+  g_cap_ms.store(cap_ms);
 }
 
 int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_shrink) {
@@ -133,29 +168,16 @@ int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_s
   return data->progress_callback(figures.transferred, figures.total, data->user_data);
 }
 
-const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook,
-                                 ZELTransferProgress* data) {
-  HttpProgress* progress = http_progress_init();
-  if (progress == nullptr) {
-    mem_free(data);
-    return "Cannot initialize http progress";
+HttpPlan transfer_plan(const ZEL* handle, const char* url, bool authenticate) {
+  HttpPlan plan;
+  plan.url = url;
+  plan.settings = http_settings_from(handle);
+  plan.pooled = true;
+  if (authenticate) {
+    plan.get_token = handle->get_token;
+    plan.free_token = handle->free_token;
   }
-  progress->data = data;
-  progress->function = hook;
-  request->progress = progress;
-  return nullptr;
-}
-
-void transfer_tune_upload(HttpRequest* request) {
-  if (curl_easy_setopt(request->curl, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBuffer) != CURLE_OK) {
-    ZLOG("Cannot enlarge the upload buffer");
-  }
-}
-
-void transfer_tune_download(HttpRequest* request) {
-  if (curl_easy_setopt(request->curl, CURLOPT_BUFFERSIZE, kDownloadBuffer) != CURLE_OK) {
-    ZLOG("Cannot enlarge the download buffer");
-  }
+  return plan;
 }
 
 const char* transfer_error_text(int error) { return error != 0 ? std::strerror(error) : nullptr; }

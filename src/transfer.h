@@ -1,13 +1,13 @@
 #pragma once
 // What the upload and download engines share: queueing that survives a
-// shutdown without leaking, the judgement of one chunk attempt and its
-// retries, the fixed texts of failed statuses, the progress step of both
-// hooks and the tuning of pooled requests for bulk data.
+// shutdown without leaking, the retries of one chunk with their backoff,
+// the failure path of an attempt and the progress step of both hooks.
 #include <zel/zel.h>
 
 #include <cstdint>
 
 #include "http.h"
+#include "http_plan.h"
 #include "progress.h"
 #include "threadpool.h"
 
@@ -31,33 +31,36 @@ int transfer_pending_count();
 // progress_callback or a shutting-down worker pool.
 constexpr int kStatusAborted = 42;
 
-// Fixed text of a status that a transfer reports as such ("Unauthorized",
-// "Forbidden", "Not Found", "Gateway Timeout"), or nullptr. A 504 also lowers
-// the HTTP pool's capacity by one: the service asks for less parallelism.
-const char* transfer_status_text(int status);
+// What one attempt of a chunk (or of a size query) came to.
+struct AttemptOutcome {
+  bool ok;
+  int32_t status;  // HTTP status, libcurl's code, or the local failure's code
+  bool retryable;  // another attempt might succeed
+};
 
-// True when an attempt that ended with `status` may be tried again: not for
-// refusals (401, 403, 404) nor for a cancelled transfer (42), never while
-// the library shuts down, and only while attempts remain.
-bool transfer_may_retry(int status, uint32_t attempt, uint32_t max_retries);
+// The engines' failure path for one attempt: a 504 asks for less
+// parallelism, so the HTTP pool's capacity goes down by one.
+void transfer_note_failure(int32_t status);
 
-// Runs one chunk: attempt(n) for n = 0, 1, ... until succeeded(status) or
-// no retry is allowed; before each retry, on_retry(status, n + 1) logs it.
-// The chunk's last status; *ok tells whether it succeeded.
-template <class Attempt, class Succeeded, class OnRetry>
-int transfer_run_chunk(uint32_t max_retries, Attempt attempt, Succeeded succeeded, OnRetry on_retry,
-                       bool* ok) {
+// Waits before retry number `retry` (1, 2, ...): exponential backoff with
+// jitter, from the base delay doubling up to the cap. False, at once, when
+// the library shuts down meanwhile.
+bool transfer_backoff(uint32_t retry);
+// Wakes every waiting retry (shutdown).
+void transfer_wake_all();
+// Test seam: base delay and cap in milliseconds (defaults 100 and 5000).
+void transfer_set_backoff(uint32_t base_ms, uint32_t cap_ms);
+
+// Runs one chunk: attempt(n) for n = 0, 1, ... until it succeeds, fails
+// for good, or no attempts remain; before each retry on_retry(status,
+// n + 1) logs it and the backoff waits.
+template <class Attempt, class OnRetry>
+AttemptOutcome transfer_run_chunk(uint32_t max_retries, Attempt attempt, OnRetry on_retry) {
   for (uint32_t n = 0;; ++n) {
-    int status = attempt(n);
-    if (succeeded(status)) {
-      *ok = true;
-      return status;
-    }
-    if (!transfer_may_retry(status, n, max_retries)) {
-      *ok = false;
-      return status;
-    }
-    on_retry(status, n + 1);
+    AttemptOutcome outcome = attempt(n);
+    if (outcome.ok || !outcome.retryable || n >= max_retries || thread_pool_stopping()) return outcome;
+    on_retry(outcome.status, n + 1);
+    if (!transfer_backoff(n + 1)) return outcome;
   }
 }
 
@@ -68,15 +71,9 @@ int transfer_run_chunk(uint32_t max_retries, Attempt attempt, Succeeded succeede
 // shutdown aborts every running request.
 int transfer_progress_step(ZELTransferProgress* data, uint64_t count, bool may_shrink);
 
-// Attaches `hook` with `data` (owned by the request from now on, even when
-// this fails). nullptr, or the message of the failed step.
-const char* transfer_attach_hook(HttpRequest* request, curl_xferinfo_callback hook,
-                                 ZELTransferProgress* data);
-
-// Settings of a pooled request that moves bulk data: large transport
-// buffers, so the file sees few large reads and writes.
-void transfer_tune_upload(HttpRequest* request);
-void transfer_tune_download(HttpRequest* request);
+// The plan every transfer request starts from: a pooled request to `url`
+// with the handle's settings and, when `authenticate`, its token.
+HttpPlan transfer_plan(const ZEL* handle, const char* url, bool authenticate);
 
 // The system's text for an error number, or nullptr when it has none.
 const char* transfer_error_text(int error);

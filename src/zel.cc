@@ -103,21 +103,21 @@ int url_build(const ZEL* handle, char* buffer, size_t size, const char* format, 
   return n + m;
 }
 
-#define ZEL_URL_FUNCTIONS(name)                                                                  \
-  extern "C" ZEL_EXPORT int name(const ZEL* handle, char* buffer, const char* format, ...) {     \
-    va_list args;                                                                                \
-    va_start(args, format);                                                                      \
-    int length = url_build(handle, buffer, ZEL_URL_SIZE, format, args);                          \
-    va_end(args);                                                                                \
-    return length;                                                                               \
-  }                                                                                              \
-  extern "C" ZEL_EXPORT int name##_bounded(const ZEL* handle, char* buffer, size_t size,         \
-                                           const char* format, ...) {                            \
-    va_list args;                                                                                \
-    va_start(args, format);                                                                      \
-    int length = url_build(handle, buffer, size, format, args);                                  \
-    va_end(args);                                                                                \
-    return length;                                                                               \
+#define ZEL_URL_FUNCTIONS(name)                                                                              \
+  extern "C" ZEL_EXPORT int name(const ZEL* handle, char* buffer, const char* format, ...) {                 \
+    va_list args;                                                                                            \
+    va_start(args, format);                                                                                  \
+    int length = url_build(handle, buffer, ZEL_URL_SIZE, format, args);                                      \
+    va_end(args);                                                                                            \
+    return length;                                                                                           \
+  }                                                                                                          \
+  extern "C" ZEL_EXPORT int name##_bounded(const ZEL* handle, char* buffer, size_t size, const char* format, \
+                                           ...) {                                                            \
+    va_list args;                                                                                            \
+    va_start(args, format);                                                                                  \
+    int length = url_build(handle, buffer, size, format, args);                                              \
+    va_end(args);                                                                                            \
+    return length;                                                                                           \
   }
 
 // The three services share one base today; separate names let uploads and
@@ -130,8 +130,7 @@ extern "C" ZEL_EXPORT int zel_set_environment_url(uint32_t environment, const ch
   return env_set_url(EnvService::storage, environment, base_url);
 }
 
-extern "C" ZEL_EXPORT ZELHeaders* zel_headers_append(ZELHeaders* list, const char* name,
-                                                     const char* value) {
+extern "C" ZEL_EXPORT ZELHeaders* zel_headers_append(ZELHeaders* list, const char* name, const char* value) {
   if (name == nullptr || value == nullptr) return list;
   int full = snprintf(nullptr, 0, "%s:%s", name, value);
   if (full < 0) return list;
@@ -163,7 +162,7 @@ extern "C" ZEL_EXPORT ZELHeaders* zel_headers_clone(const ZELHeaders* list) {
   for (const ZELHeaders* node = list; node != nullptr; node = node->next) {
     auto* fresh = static_cast<ZELHeaders*>(mem_calloc(1, sizeof(ZELHeaders)));
     char* line = fresh != nullptr ? mem_strdup(node->line) : nullptr;
-    if (line == nullptr && node->line != nullptr) {
+    if (fresh == nullptr || (line == nullptr && node->line != nullptr)) {
       mem_free(fresh);  // skipped without a message; callers judge the result
       continue;
     }

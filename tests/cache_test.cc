@@ -149,3 +149,15 @@ TEST_F(BucketCache, ConcurrentPutsAndGetsStayBounded) {
   EXPECT_LE(cache_count(), 16);
   EXPECT_GT(cache_count(), 0);
 }
+
+// The environment 0xFFFFFFFF is a value like any other: a miss must not
+// read as "known for it".
+TEST_F(BucketCache, LookupTellsTheLastEnvironmentFromAMiss) {
+  ASSERT_EQ(cache_init(4), 0);
+  uint32_t found = 7;
+  EXPECT_FALSE(cache_lookup("never-put", &found));
+  EXPECT_EQ(found, 7u);
+  cache_put("all-ones", 0xFFFFFFFFu);
+  EXPECT_TRUE(cache_lookup("all-ones", &found));
+  EXPECT_EQ(found, 0xFFFFFFFFu);
+}

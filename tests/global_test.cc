@@ -4,9 +4,8 @@
 #include "global.h"
 
 #include <gtest/gtest.h>
-
-#include "threads.h"
 #include <locale.h>
+#include <stdlib.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,6 +20,7 @@
 #include "httppool.h"
 #include "raw_http_server.h"
 #include "threadpool.h"
+#include "threads.h"
 
 using zeltest::CapturedLog;
 using zeltest::RawHttpServer;
@@ -70,8 +70,7 @@ bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
 TEST_F(GlobalStartUp, BringsUpEveryServiceAndTakesThemDown) {
   ASSERT_TRUE(nothing_left());
   ASSERT_EQ(zel_global_init(), 0);
-  EXPECT_TRUE(global_thread_locale_active());
-  EXPECT_FALSE(locale_is_global());
+  EXPECT_TRUE(locale_is_global()) << "start-up leaves the caller's thread on the process locale";
   EXPECT_TRUE(http_global_ready());
   EXPECT_EQ(http_pool_available(), 8);
   EXPECT_EQ(thread_pool_free_slots(), 8);
@@ -82,6 +81,28 @@ TEST_F(GlobalStartUp, BringsUpEveryServiceAndTakesThemDown) {
   EXPECT_TRUE(nothing_left());
   zel_global_cleanup();  // a second shut-down finds nothing to do
   EXPECT_TRUE(nothing_left());
+}
+
+TEST_F(GlobalStartUp, CallerLocaleStaysTheCallersAndLibraryThreadsUseC) {
+  ASSERT_EQ(zel_global_init(), 0);
+  // setlocale on the caller's thread must still change that thread.
+  ASSERT_NE(setlocale(LC_ALL, "C.UTF-8"), nullptr);
+  EXPECT_GT(MB_CUR_MAX, 1u);
+  setlocale(LC_ALL, "C");
+  EXPECT_EQ(MB_CUR_MAX, 1u);
+  // A library thread runs on a locale of its own, so an application's
+  // locale never reaches the library's formatting.
+  std::atomic<int> own{-1};
+  ASSERT_EQ(thread_pool_push(
+                [](void* raw) {
+                  static_cast<std::atomic<int>*>(raw)->store(uselocale(static_cast<locale_t>(0)) !=
+                                                             LC_GLOBAL_LOCALE);
+                },
+                &own),
+            0);
+  EXPECT_TRUE(eventually([&] { return own.load() != -1; }));
+  EXPECT_EQ(own.load(), 1);
+  zel_global_cleanup();
 }
 
 TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
@@ -179,4 +200,44 @@ TEST_F(GlobalStartUp, NoWorkerOrRequestOutlivesShutDown) {
   EXPECT_EQ(thread_pool_push(pooled_exchange, &work), -1);
   EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }, 2000ms))
       << thread_count() << " threads, " << baseline << " before start-up";
+}
+
+namespace {
+char* silent_token() { return nullptr; }
+void count_report(const ZELDeleteObjectResp* resp, void* raw) {
+  static_cast<std::atomic<int>*>(raw)->store(resp->code);
+}
+
+double cpu_seconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+}  // namespace
+
+// A delete hanging on a server that never answers: shut-down stops the
+// exchange in flight, waits without spinning, and is back within a second.
+TEST_F(GlobalStartUp, CleanupStopsExchangesInFlightWithoutSpinning) {
+  RawHttpServer server;
+  server.set_mode(RawHttpServer::Mode::silent);
+  ASSERT_EQ(zel_global_init(), 0);
+  ASSERT_EQ(
+      zel_set_environment_url(ZEL_ENV_LOCAL, ("http://127.0.0.1:" + std::to_string(server.port())).c_str()),
+      0);
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, silent_token, nullptr);
+  std::atomic<int> code{-1};
+  ZELDeleteObjectOpt opt{u"b", u"k", nullptr, count_report, nullptr};
+  zel_delete_object(handle, &opt, &code);
+  ASSERT_TRUE(server.wait_for(1, 5000)) << "the delete never reached the server";
+  double cpu_before = cpu_seconds();
+  auto start = std::chrono::steady_clock::now();
+  zel_global_cleanup();
+  auto took = std::chrono::steady_clock::now() - start;
+  double cpu = cpu_seconds() - cpu_before;
+  EXPECT_LT(took, 1500ms);
+  EXPECT_LT(cpu, 0.3) << "shut-down must wait, not spin";
+  EXPECT_EQ(code.load(), 42) << "the stopped delete reports once, as aborted";
+  EXPECT_TRUE(nothing_left());
+  zel_cleanup(handle);
+  zel_set_environment_url(ZEL_ENV_LOCAL, nullptr);
 }

@@ -152,3 +152,16 @@ TEST(TextHelpers, FileSizeByWideName) {
 }
 
 }  // namespace
+
+// A node without a line whose copy cannot be allocated is skipped, never
+// written through.
+TEST(HeaderList, CloneSurvivesAFailedNodeForAMissingLine) {
+  ZELHeaders bare{nullptr, nullptr};
+  mem_fail_at(1);
+  EXPECT_EQ(zel_headers_clone(&bare), nullptr);
+  mem_fail_at(0);
+  ZELHeaders* copy = zel_headers_clone(&bare);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(copy->line, nullptr);
+  zel_headers_cleanup(copy);
+}

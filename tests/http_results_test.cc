@@ -39,9 +39,10 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
   std::vector<std::string> lines;
   for (curl_slist* node = x.response->headers; node != nullptr; node = node->next)
     lines.push_back(node->data);
-  std::vector<std::string> expected = {
-      "HTTP/1.1 201 Created\r\n", "X-Trace: abc\r\n",      "Content-Range: bytes 0-9/1000\r\n",
-      "Content-Length: 2\r\n",    "Connection: close\r\n", "\r\n"};
+  // Stored without line ends, so the empty line that ends the head is gone.
+  std::vector<std::string> expected = {"HTTP/1.1 201 Created", "X-Trace: abc",
+                                       "Content-Range: bytes 0-9/1000", "Content-Length: 2",
+                                       "Connection: close"};
   EXPECT_EQ(lines, expected);
   EXPECT_EQ(x.response->size_download, 2.0);
   EXPECT_GT(x.response->total_time, 0.0);
@@ -49,13 +50,13 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
 
   std::unique_ptr<char, void (*)(void*)> trace(http_response_header(x.response, "X-Trace"), mem_free);
   ASSERT_NE(trace, nullptr);
-  EXPECT_STREQ(trace.get(), " abc\r\n");
+  EXPECT_STREQ(trace.get(), " abc");
   std::unique_ptr<char, void (*)(void*)> range(http_response_range(x.response), mem_free);
   ASSERT_NE(range, nullptr);
-  EXPECT_STREQ(range.get(), " bytes 0-9/1000\r\n") << "a Content-Range line also answers Range";
+  EXPECT_STREQ(range.get(), " bytes 0-9/1000") << "a Content-Range line also answers Range";
   std::unique_ptr<char, void (*)(void*)> total(http_response_content_range_total(x.response), mem_free);
   ASSERT_NE(total, nullptr);
-  EXPECT_STREQ(total.get(), "1000\r\n");
+  EXPECT_STREQ(total.get(), "1000");
 }
 
 TEST(HttpResponseRecord, HeaderQueriesOnCraftedLines) {

@@ -144,6 +144,26 @@ TEST_F(HttpPool, SetSizeWhileAllAreOut) {
   for (HttpRequest* request : out) http_pool_release(request);
 }
 
+TEST_F(HttpPool, ShrinkWhileAllAreOutLosesNoSlot) {
+  ASSERT_EQ(http_pool_init(4), 4);
+  std::vector<HttpRequest*> out;
+  for (int i = 0; i < 4; i++) out.push_back(http_pool_acquire());
+  // Three 504s while every request is out: the capacity bottoms out at 1.
+  for (int i = 0; i < 3; i++) http_pool_shrink(1);
+  for (HttpRequest* request : out) http_pool_release(request);
+  EXPECT_EQ(http_pool_in_use(), 0) << "every counted release lowers the in-use count";
+  EXPECT_EQ(http_pool_idle_count(), 1) << "a shrunk pool keeps no more than its capacity";
+  // Nothing is out, so an acquire must never wait; and a new size counts
+  // from nothing out.
+  auto first = acquire_async();
+  ASSERT_EQ(first.wait_for(2s), std::future_status::ready);
+  HttpRequest* taken = first.get();
+  EXPECT_EQ(http_pool_set_size(4), 4);
+  EXPECT_EQ(http_pool_available(), 3);
+  http_pool_release(taken);
+  EXPECT_EQ(http_pool_available(), 4);
+}
+
 TEST_F(HttpPool, ReleaseBeyondCapacityDestroysTheRequest) {
   ASSERT_EQ(http_pool_init(2), 2);
   // Taken before the pool existed, so the pool has room for nothing more.

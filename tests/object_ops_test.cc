@@ -110,16 +110,24 @@ TEST_P(ObjectOps, SessionStatusListsHeldRangesNewestFirst) {
             "/zel/v" + std::to_string(version()) + "/buckets/sess/objects/big.bin/status/abc-def_1");
 
   // The session id is sent as it stands, not percent-encoded: the service
-  // issued it.
+  // issued it. One that would read as an escape is refused instead.
   Recorder unknown;
-  opt.session_id = "id%2Fx";
+  opt.session_id = "id.x~1";
   server_.clear_requests();
   zel_get_object_session(handle(version()), &opt, &unknown);
   e = unknown.only();
   EXPECT_EQ(e.kind, "callback");
   requests = server_.requests();
   ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].target.substr(requests[0].target.size() - 7), "/id%2Fx");
+  EXPECT_EQ(requests[0].target.substr(requests[0].target.size() - 7), "/id.x~1");
+  Recorder escaped;
+  opt.session_id = "id%2Fx";
+  server_.clear_requests();
+  zel_get_object_session(handle(version()), &opt, &escaped);
+  e = escaped.only();
+  EXPECT_EQ(e.code, 0);
+  EXPECT_EQ(e.message, "The session id holds characters a URL path cannot carry as they are");
+  EXPECT_TRUE(server_.requests().empty());
 }
 
 TEST_P(ObjectOps, WireFormatOfEveryRequest) {

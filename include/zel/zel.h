@@ -169,10 +169,14 @@ ZEL_EXPORT const char* zel_headers_find(const ZELHeaders* list, const char* name
 /* Process-wide start-up                                                     */
 /* ------------------------------------------------------------------------ */
 
-/* 0 on success, -1 on failure (nothing is left initialised then). */
+/* 0 on success, -1 on failure (nothing is left initialised then). The
+ * caller's thread is left as it was (its locale included); the library's
+ * own threads run in the "C" locale. */
 ZEL_EXPORT int zel_global_init(void);
-/* Waits for running operations and transfer workers, then removes the
- * pools and caches. */
+/* Stops every exchange in flight (an operation stopped so reports once,
+ * with code 42) and every retry waiting for its next attempt, waits for
+ * running operations and transfer workers, then removes the pools and
+ * caches. */
 ZEL_EXPORT void zel_global_cleanup(void);
 
 /* ------------------------------------------------------------------------ */
@@ -445,8 +449,12 @@ struct ZELPutObjectOpt {
 
 /* Files up to chunk_size go up in one PUT, larger ones (and any range) in
  * parallel chunks of one resumable session, each retried up to max_retries
- * times. The upload ends with details_callback or callback; the chunk
- * callbacks report each chunk of a chunked or ranged upload. */
+ * times after transport failures and 5xx answers, with exponential backoff
+ * and jitter (100 ms doubling to 5 s) between attempts. The upload ends
+ * with details_callback or callback; the chunk callbacks report each chunk
+ * of a chunked or ranged upload. A key whose URL would not fit, or a
+ * content type, session id, header line or token holding CR or LF, is
+ * refused with code 0 before anything is sent. */
 ZEL_EXPORT void zel_put_object(ZEL* handle, const ZELPutObjectOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectResp {
@@ -467,11 +475,15 @@ typedef struct ZELGetObjectOpt {
   ZELStatsFn stats_callback;
 } ZELGetObjectOpt;
 
-/* Learns the size, then fetches the object in parallel ranged chunks written
- * at their offsets. Ends with done_callback (the file is complete) or
- * callback. When the size cannot be learnt, callback comes twice: first
- * with the size query's own failure (when it had one), then with
- * (0, "Cannot get object size"). */
+/* Learns the size (and SHA-1), then fetches the object in parallel ranged
+ * chunks written at their offsets, each retried as for uploads. Ends with
+ * done_callback only when every chunk delivered exactly its range and the
+ * object's details are still the ones learnt at the start; a download that
+ * spanned an overwrite ends with callback (0, "The downloaded bytes do not
+ * match the object's SHA-1"). On failure the file holds no more than the
+ * bytes that arrived. When the size cannot be learnt, callback comes
+ * twice: first with the size query's own failure (when it had one), then
+ * with (0, "Cannot get object size"). */
 ZEL_EXPORT void zel_get_object(ZEL* handle, const ZELGetObjectOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectByURLResp {
