@@ -29,7 +29,7 @@ int finish(Context& c, const char* what, int32_t result, char* message) {
   if (result < 0) {
     std::fprintf(stderr, "zel diff %s: %s\n", what, message != nullptr ? message : "failed");
     free_err_msg(&message);
-    return kFailed;
+    return kLocalFailed;
   }
   free_err_msg(&message);
   (void)c;
@@ -47,7 +47,7 @@ int run_match(Context& c, const DiffArgs& a) {
   int32_t r = diff_file_match(wide(a.sig).c_str(), wide(a.file).c_str(), nullptr, a.ratio);
   if (r < 0) {
     std::fprintf(stderr, "zel diff match: cannot compare '%s' with '%s'\n", a.file.c_str(), a.sig.c_str());
-    return kFailed;
+    return kLocalFailed;
   }
   Json doc(json_pack("{s:b, s:f}", "match", r > 0, "ratio", a.ratio));
   c.out.result(doc.get(), r > 0 ? "match" : "differs");
