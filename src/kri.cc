@@ -1,6 +1,6 @@
 // Delta-engine client: the KRI handle, its URLs, and the synchronous job
 // requests. Every exchange goes through KriExchange, the one place where
-// this module touches the HTTP layer.
+// this module touches the library's request path.
 #include <jansson.h>
 
 #include <cstdarg>
@@ -10,6 +10,7 @@
 #include "alloc.h"
 #include "environment.h"
 #include "http.h"
+#include "http_plan.h"
 #include "log.h"
 #include "util.h"
 #include "zel_internal.h"
@@ -67,53 +68,64 @@ class KriExchange {
   KriExchange() = default;
   KriExchange(const KriExchange&) = delete;
   KriExchange& operator=(const KriExchange&) = delete;
-  ~KriExchange() { http_release(request_, response_); }
 
   const char* open(const KRI* kri) {
-    request_ = http_request_init();
-    if (request_ == nullptr) return "Cannot initialize http request";
     // A job request is short; a stalled one ends by the timeout alone.
-    HttpSettings settings{kri->timeout_ms,
-                          0,
-                          0,
-                          kri->ssl_verify_peer,
-                          kri->max_send_speed,
-                          kri->max_recv_speed,
-                          kri->proxy,
-                          kri->proxy_username,
-                          kri->proxy_password};
-    http_request_configure(request_, &settings);
+    plan_.settings = HttpSettings{kri->timeout_ms,
+                                  0,
+                                  0,
+                                  kri->ssl_verify_peer,
+                                  kri->max_send_speed,
+                                  kri->max_recv_speed,
+                                  kri->proxy,
+                                  kri->proxy_username,
+                                  kri->proxy_password};
     return nullptr;
   }
-  void authorize(const KRI* kri) { http_request_set_auth(request_, kri->get_token, kri->free_token); }
-  void add_header(const char* name, const char* value) { http_request_add_header_kv(request_, name, value); }
+  void authorize(const KRI* kri) {
+    plan_.get_token = kri->get_token;
+    plan_.free_token = kri->free_token;
+  }
+  // A header whose value is none is left out.
+  void add_header(const char* name, const char* value) {
+    if (value != nullptr && field_count_ < kMaxFields) fields_[field_count_++] = HttpField{name, value};
+  }
   const char* post_json(const char* url, const char* body) {
-    return http_request_post(request_, url, "application/json", body);
+    plan_.method = HttpMethod::post;
+    plan_.url = url;
+    plan_.content_type = "application/json";
+    plan_.body = body;
+    plan_.body_size = std::strlen(body);
+    return nullptr;
   }
-  const char* get(const char* url) { return http_request_get(request_, url); }
+  const char* get(const char* url) {
+    plan_.method = HttpMethod::get;
+    plan_.url = url;
+    return nullptr;
+  }
 
-  // Creates the response with an in-memory body and performs. Every
-  // answer is caught in memory: without a body, libcurl would copy it to
-  // the host process's standard output.
+  // Runs the request on a fresh, never pooled request. Every answer is
+  // caught in memory: without a body, libcurl would copy it to the host
+  // process's standard output.
   const char* perform() {
-    response_ = http_response_init();
-    if (response_ == nullptr) return "Cannot initialize http response";
-    response_->body = http_body_init();
-    if (response_->body == nullptr) return "Cannot initialize http response body";
-    response_->body->callback = http_body_write;
-    return http_perform(request_, response_);
+    plan_.fields = fields_;
+    plan_.field_count = field_count_;
+    return exchange_.run(plan_) ? nullptr : exchange_.error();
   }
 
-  int32_t status() const { return response_->status; }
+  int32_t status() const { return exchange_.status(); }
   // The body as text; "" when nothing arrived.
   const char* body() const {
-    const HttpBody* b = response_->body;
-    return b != nullptr && b->data != nullptr ? b->data : "";
+    const char* text = exchange_.body();
+    return text != nullptr ? text : "";
   }
 
  private:
-  HttpRequest* request_ = nullptr;
-  HttpResponse* response_ = nullptr;
+  static constexpr size_t kMaxFields = 3;  // the access-control lines
+  HttpPlan plan_;
+  HttpField fields_[kMaxFields] = {};
+  size_t field_count_ = 0;
+  HttpExchange exchange_;
 };
 
 // ---------------------------------------------------------------------------
