@@ -374,7 +374,9 @@ void WireServer::deepen_backlog() {
 
 bool WireServer::run() {
   pool_ = std::make_unique<httplib::ThreadPool>(limits_.threads);
-  bool ok = heads_.start() && listen_after_bind();
+  // A stop that came before the listening loop started would otherwise be
+  // lost: the HTTP library ignores a stop while it is not yet running.
+  bool ok = !closing_ && heads_.start() && listen_after_bind();
   halt();
   heads_.stop();
   pool_->shutdown();
