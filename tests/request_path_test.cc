@@ -227,7 +227,9 @@ SessionSeen* g_seen = nullptr;
 void on_session(const ZELObjectSession* session, void* user_data) {
   g_seen->ranges.store(session->ranges != nullptr ? static_cast<int>(session->ranges->count) : 0);
   g_seen->sessions++;
-  static_cast<Outcome*>(user_data)->finish();
+  auto* o = static_cast<Outcome*>(user_data);
+  std::lock_guard<std::mutex> lock(o->mutex);
+  o->finish();
 }
 
 // A session that holds no byte yet, across a server killed and restarted,

@@ -73,6 +73,7 @@ struct Outcome {
   int stats = 0;
   double stats_bytes = 0;
 
+  // Called with `mutex` held.
   void finish() {
     finals++;
     changed.notify_all();
