@@ -30,7 +30,7 @@ std::string object_location(const std::string &host, int version, const std::str
                             const std::string &key);
 
 // Runs one job; called on a job thread with no lock held.
-JobOutcome run_delta_job(App &app, const JobSpec &spec, JobControl &control);
+JobOutcome run_delta_job(App &app, const JobOrder &order, JobControl &control);
 
 // Starts the job threads once the stores are open.
 bool start_delta_engine(App &app, std::string &err);

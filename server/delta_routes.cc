@@ -119,15 +119,15 @@ void create_job(Ctx &c, const std::string &kind) {
   DeltaRequest r;
   if (!parse_delta_request(kind, body, r, why)) return c.error(400, why);
   if (!may_use(c, kind, r)) return;
-  JobSpec spec;
-  spec.kind = kind;
-  spec.request = body;
-  spec.principal = c.principal;
-  spec.host = request_host(c);
-  spec.acm = acm_json();
-  if (!c.app.jobs.submit(spec, "http://" + spec.host + "/kri/api/v1/public/"))
+  JobOrder order;
+  order.kind = kind;
+  order.request = body;
+  order.principal = c.principal;
+  order.host = request_host(c);
+  order.acm = acm_json();
+  if (!c.app.jobs.submit(order, "http://" + order.host + "/kri/api/v1/public/"))
     return c.error(500, "Cannot register the job");
-  c.reply(200, Jobs::answer_json(0, kJobQueued, spec.public_url, spec.id));
+  c.reply(200, Jobs::answer_json(0, kJobQueued, order.public_url, order.id));
 }
 
 bool job_kind(const std::string &s) {
@@ -234,8 +234,8 @@ void delta_uploaded(Ctx &c, const ObjectMeta &m) {
 
 bool start_delta_engine(App &app, std::string &err) {
   if (!app.deltas.open(err) || !app.jobs.open(err)) return false;
-  app.jobs.start(app.opts.delta_threads, [&app](const JobSpec &spec, JobControl &control) {
-    return run_delta_job(app, spec, control);
+  app.jobs.start(app.opts.delta_threads, [&app](const JobOrder &order, JobControl &control) {
+    return run_delta_job(app, order, control);
   });
   return true;
 }

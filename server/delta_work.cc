@@ -124,7 +124,7 @@ bool apply_into(App &app, const Snapshot &base, const Snapshot &patch, std::stri
   return hashed;
 }
 
-JobOutcome run_apply(App &app, const JobSpec &spec, const DeltaRequest &r, JobControl &control) {
+JobOutcome run_apply(App &app, const JobOrder &order, const DeltaRequest &r, JobControl &control) {
   PendingPatch pending;
   if (!app.deltas.pending(r.bucket, r.other, pending))
     return failed("No patch waits to be applied to " + r.other);
@@ -148,7 +148,7 @@ JobOutcome run_apply(App &app, const JobSpec &spec, const DeltaRequest &r, JobCo
   ObjectMeta result;
   bool published = app.deltas.publish_applied(
       r.bucket, r.other, pending.blob, made, sha1, size, result, [&](const ObjectMeta &m) {
-        std::string where = object_location(spec.host, pending.version, m.bucket, m.key);
+        std::string where = object_location(order.host, pending.version, m.bucket, m.key);
         details = object_details_json(m, where, pending.version);
         control.record_finished_locked(details);
       });
@@ -169,13 +169,13 @@ bool valid_sha1(const std::string &text) {
   return true;
 }
 
-JobOutcome run_delta_job(App &app, const JobSpec &spec, JobControl &control) {
+JobOutcome run_delta_job(App &app, const JobOrder &order, JobControl &control) {
   DeltaRequest r;
   std::string why;
-  if (!parse_delta_request(spec.kind, spec.request, r, why)) return failed(why);
-  if (spec.kind == "createsignature") return run_signature(app, r, control);
-  if (spec.kind == "createdelta") return run_delta(app, r, control);
-  return run_apply(app, spec, r, control);
+  if (!parse_delta_request(order.kind, order.request, r, why)) return failed(why);
+  if (order.kind == "createsignature") return run_signature(app, r, control);
+  if (order.kind == "createdelta") return run_delta(app, r, control);
+  return run_apply(app, order, r, control);
 }
 
 bool parse_delta_request(const std::string &kind, const std::string &body, DeltaRequest &out,

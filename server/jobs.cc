@@ -61,8 +61,8 @@ bool Jobs::open(std::string &err) {
             " FROM delta_jobs ORDER BY created");
     while (st.row()) {
       Job j;
-      j.spec = JobSpec{st.text(0), st.text(1), st.text(2), st.text(5), st.text(6),
-                       st.text(7), st.text(8), st.text(9), st.i64(10)};
+      j.order = JobOrder{st.text(0), st.text(1), st.text(2), st.text(5), st.text(6),
+                         st.text(7), st.text(8), st.text(9), st.i64(10)};
       j.code = static_cast<int>(st.i64(3));
       j.description = st.text(4);
       loaded.push_back(j);
@@ -75,18 +75,18 @@ bool Jobs::open(std::string &err) {
 // A job that was queued or running when the server stopped starts over, or
 // fails once it has been cut short too often.
 void Jobs::recover_row(Job &job, int state) {
-  const std::string id = job.spec.id;
+  const std::string id = job.order.id;
   bool open_job = state == kJobQueued || state == kJobRunning;
-  if (open_job && job.spec.runs >= kMaxRuns) {
+  if (open_job && job.order.runs >= kMaxRuns) {
     job.code = kJobFailed;
-    job.description = "The job was interrupted by a restart " + std::to_string(job.spec.runs) + " times";
+    job.description = "The job was interrupted by a restart " + std::to_string(job.order.runs) + " times";
     std::lock_guard<std::mutex> lock(store_.mutex());
     write_end_locked(id, kJobFailed, job.description);
   } else if (open_job) {
     job.code = kJobQueued;
     queue_.push_back(id);
   }
-  by_token_[job.spec.token] = id;
+  by_token_[job.order.token] = id;
   jobs_[id] = job;
 }
 
@@ -106,10 +106,10 @@ void Jobs::stop() {
   threads_.clear();
 }
 
-bool Jobs::submit(JobSpec &spec, const std::string &status_base) {
-  spec.id = random_hex_id();
-  spec.token = random_hex_id() + random_hex_id();
-  spec.public_url = status_base + spec.token;
+bool Jobs::submit(JobOrder &order, const std::string &status_base) {
+  order.id = random_hex_id();
+  order.token = random_hex_id() + random_hex_id();
+  order.public_url = status_base + order.token;
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
     store_.set_durable(true);
@@ -117,14 +117,14 @@ bool Jobs::submit(JobSpec &spec, const std::string &status_base) {
         Stmt(store_,
              "INSERT INTO delta_jobs(id, token, kind, state, description, request, principal, public_url,"
              " host, acm, runs, created) VALUES(?,?,?,0,'',?,?,?,?,?,0,?)")
-            .bind(1, spec.id)
-            .bind(2, spec.token)
-            .bind(3, spec.kind)
-            .bind(4, spec.request)
-            .bind(5, spec.principal)
-            .bind(6, spec.public_url)
-            .bind(7, spec.host)
-            .bind(8, spec.acm)
+            .bind(1, order.id)
+            .bind(2, order.token)
+            .bind(3, order.kind)
+            .bind(4, order.request)
+            .bind(5, order.principal)
+            .bind(6, order.public_url)
+            .bind(7, order.host)
+            .bind(8, order.acm)
             .bind(9, now_ms())
             .done();
     if (!ok) return false;
@@ -132,11 +132,11 @@ bool Jobs::submit(JobSpec &spec, const std::string &status_base) {
   {
     std::lock_guard<std::mutex> lock(mu_);
     Job job;
-    job.spec = spec;
+    job.order = order;
     apply_script(job);
-    by_token_[spec.token] = spec.id;
-    jobs_[spec.id] = job;
-    queue_.push_back(spec.id);
+    by_token_[order.token] = order.id;
+    jobs_[order.id] = job;
+    queue_.push_back(order.id);
   }
   cv_.notify_one();
   return true;
@@ -144,7 +144,7 @@ bool Jobs::submit(JobSpec &spec, const std::string &status_base) {
 
 void Jobs::apply_script(Job &job) {
   for (auto it = scripts_.begin(); it != scripts_.end(); ++it) {
-    if (!it->kind.empty() && it->kind != job.spec.kind) continue;
+    if (!it->kind.empty() && it->kind != job.order.kind) continue;
     job.empty_polls = it->empty_polls;
     job.fail = it->fail;
     job.delay_ms = it->delay_ms;
@@ -158,18 +158,18 @@ std::string Jobs::status_locked(Job &job) {
   ++job.polls;
   if (job.empty_polls > 0) {
     --job.empty_polls;
-    return answer_json(job.progress, kJobRunning, "", job.spec.id);
+    return answer_json(job.progress, kJobRunning, "", job.order.id);
   }
   bool ended = job.code == kJobFinished || job.code == kJobFailed;
   // While a job is under way its Description is its status address, so
   // that a client can tell a live job from an empty answer.
-  return answer_json(job.progress, job.code, ended ? job.description : job.spec.public_url, job.spec.id);
+  return answer_json(job.progress, job.code, ended ? job.description : job.order.public_url, job.order.id);
 }
 
 bool Jobs::status_by_id(const std::string &kind, const std::string &id, std::string &json) {
   std::lock_guard<std::mutex> lock(mu_);
   auto it = jobs_.find(id);
-  if (it == jobs_.end() || it->second.spec.kind != kind) return false;
+  if (it == jobs_.end() || it->second.order.kind != kind) return false;
   json = status_locked(it->second);
   return true;
 }
@@ -182,7 +182,7 @@ bool Jobs::status_by_token(const std::string &token, std::string &json) {
   return true;
 }
 
-bool Jobs::next(std::string &id, JobSpec &spec, std::string &fail, int64_t &delay_ms) {
+bool Jobs::next(std::string &id, JobOrder &order, std::string &fail, int64_t &delay_ms) {
   std::unique_lock<std::mutex> lock(mu_);
   cv_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
   if (stopping_) return false;
@@ -190,8 +190,8 @@ bool Jobs::next(std::string &id, JobSpec &spec, std::string &fail, int64_t &dela
   queue_.pop_front();
   Job &job = jobs_[id];
   job.code = kJobRunning;
-  job.spec.runs++;
-  spec = job.spec;
+  job.order.runs++;
+  order = job.order;
   fail = job.fail;
   delay_ms = job.delay_ms;
   return true;
@@ -199,16 +199,16 @@ bool Jobs::next(std::string &id, JobSpec &spec, std::string &fail, int64_t &dela
 
 void Jobs::worker(Runner run) {
   std::string id, fail;
-  JobSpec spec;
+  JobOrder order;
   int64_t delay_ms = 0;
-  while (next(id, spec, fail, delay_ms)) {
+  while (next(id, order, fail, delay_ms)) {
     {
       // The run count is durable before the work starts, so a job that
       // keeps taking the server down is given up in the end.
       std::lock_guard<std::mutex> lock(store_.mutex());
       store_.set_durable(true);
       Stmt(store_, "UPDATE delta_jobs SET state = 1, runs = ? WHERE id = ?")
-          .bind(1, spec.runs)
+          .bind(1, order.runs)
           .bind(2, id)
           .done();
     }
@@ -221,7 +221,7 @@ void Jobs::worker(Runner run) {
       continue;
     }
     JobControl control(*this, id);
-    JobOutcome outcome = run(spec, control);
+    JobOutcome outcome = run(order, control);
     end(id, outcome.ok ? kJobFinished : kJobFailed, outcome.text, outcome.recorded);
   }
 }
@@ -263,11 +263,11 @@ std::string Jobs::report_json() {
   for (const auto &entry : jobs_) {
     const Job &j = entry.second;
     json_array_append_new(
-        list, json_pack("{s:s, s:s, s:i, s:i, s:s, s:I, s:I, s:o, s:o}", "DocumentID", j.spec.id.c_str(),
-                        "Kind", j.spec.kind.c_str(), "Code", j.code, "Progress", j.progress, "Description",
+        list, json_pack("{s:s, s:s, s:i, s:i, s:s, s:I, s:I, s:o, s:o}", "DocumentID", j.order.id.c_str(),
+                        "Kind", j.order.kind.c_str(), "Code", j.code, "Progress", j.progress, "Description",
                         j.description.c_str(), "Polls", static_cast<json_int_t>(j.polls), "Runs",
-                        static_cast<json_int_t>(j.spec.runs), "Acm", json_or_string(j.spec.acm), "Request",
-                        json_or_string(j.spec.request)));
+                        static_cast<json_int_t>(j.order.runs), "Acm", json_or_string(j.order.acm), "Request",
+                        json_or_string(j.order.request)));
   }
   return dump(json_pack("{s:I, s:o}", "polls", static_cast<json_int_t>(polls_), "jobs", list));
 }

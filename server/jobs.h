@@ -26,7 +26,7 @@ constexpr int kJobFinished = 5;
 constexpr int kJobFailed = -1;
 
 // What a job was asked to do: durable, and all a run needs.
-struct JobSpec {
+struct JobOrder {
   std::string id;       // "DocumentID"
   std::string token;    // unguessable part of the public status address
   std::string kind;     // "createsignature", "createdelta" or "applypatch"
@@ -72,7 +72,7 @@ class JobControl {
 
 class Jobs {
  public:
-  using Runner = std::function<JobOutcome(const JobSpec &, JobControl &)>;
+  using Runner = std::function<JobOutcome(const JobOrder &, JobControl &)>;
 
   explicit Jobs(Store &store) : store_(store) {}
   ~Jobs() { stop(); }
@@ -88,7 +88,7 @@ class Jobs {
 
   // Registers the job durably and queues it; fills id, token and public_url
   // (from `status_base`, which the token is appended to).
-  bool submit(JobSpec &spec, const std::string &status_base);
+  bool submit(JobOrder &order, const std::string &status_base);
   // The status body of a job by kind and id, or by public token; false when
   // there is no such job.
   bool status_by_id(const std::string &kind, const std::string &id, std::string &json);
@@ -106,7 +106,7 @@ class Jobs {
  private:
   friend class JobControl;
   struct Job {
-    JobSpec spec;
+    JobOrder order;
     int code = kJobQueued;
     int progress = 0;
     std::string description;  // of an ended job
@@ -117,7 +117,7 @@ class Jobs {
   };
 
   void worker(Runner run);
-  bool next(std::string &id, JobSpec &spec, std::string &fail, int64_t &delay_ms);
+  bool next(std::string &id, JobOrder &order, std::string &fail, int64_t &delay_ms);
   void end(const std::string &id, int code, const std::string &text, bool recorded);
   void write_end_locked(const std::string &id, int code, const std::string &text);
   std::string status_locked(Job &job);
