@@ -614,6 +614,119 @@ typedef struct ZELCopyObjectOpt {
 ZEL_EXPORT void zel_copy_object(ZEL* handle, const ZELCopyObjectOpt* opt, void* user_data);
 
 /* ------------------------------------------------------------------------ */
+/* Delta synchronisation: keep a local file and a stored object in step by   */
+/* exchanging signatures and patches instead of whole files. The local work  */
+/* (signatures, matching, patches, applying them) is done by the delta       */
+/* library. Each call copies the handle and the options and reports exactly  */
+/* once through its callbacks, on a worker thread: a failure through         */
+/* `callback`, success through the operation's own callback. A missing       */
+/* handle, token function or options record is only logged. The delta        */
+/* operations' own failures carry negative codes (see each operation).       */
+/* ------------------------------------------------------------------------ */
+
+typedef struct ZELMatchObjectResp {
+  int32_t code; /* 0, or the signature download's own code */
+  const char* message;
+} ZELMatchObjectResp;
+
+typedef struct ZELMatchObjectOpt {
+  const char16_t* bucket_key;
+  const char16_t* orig_key; /* the stored object whose signature is fetched */
+  const char16_t* sig_path; /* where the signature is written; removed at the end */
+  const char16_t* dest;     /* the local file compared with the stored object */
+  const char16_t* temp_dir; /* for the delta library's temporary files */
+  double ratio;             /* largest share of difference that still matches, 0.0 to 1.0 */
+  ZELHeaders* headers;      /* optional extra header lines */
+  void (*callback)(const ZELMatchObjectResp* resp, void* user_data);
+  /* The comparison ran: result 0 means "differs by more than ratio", a
+   * positive value "within ratio". */
+  void (*match_callback)(int32_t result, void* user_data);
+} ZELMatchObjectOpt;
+
+/* Downloads the signature of `orig_key` and asks the delta library whether
+ * the local file `dest` is within `ratio` of it. */
+ZEL_EXPORT void zel_match_object(ZEL* handle, const ZELMatchObjectOpt* opt, void* user_data);
+
+/* Outcome codes of zel_put_patch besides 0 (bad options, no memory, a local
+ * thread that cannot start) and the upload's own codes. */
+#define ZEL_PATCH_TOO_DIFFERENT (-101)
+#define ZEL_PATCH_CREATE_FAILED (-102)
+#define ZEL_PATCH_APPLY_FAILED (-103)
+#define ZEL_PATCH_REMOVE_FAILED (-104)
+#define ZEL_PATCH_NO_SHA1 (-201)
+#define ZEL_PATCH_SHA1_FAILED (-202)
+#define ZEL_PATCH_EMPTY_RESPONSES (-301)
+#define ZEL_PATCH_ABORTED (-302)
+/* Outcome codes of zel_get_patch besides 0 and the two above it shares
+ * (-101 patch too large for `ratio`, -103 patch could not be applied). */
+#define ZEL_PATCH_NO_DETAILS (-203)
+#define ZEL_PATCH_DOWNLOAD_FAILED (-401)
+#define ZEL_PATCH_NOT_FOUND (-404)
+
+typedef struct ZELPutPatchResp {
+  int32_t code; /* ZEL_PATCH_*, 0, the upload's code or the apply job's code */
+  const char* message;
+} ZELPutPatchResp;
+
+/* Returns non-zero to abort a patch upload (during the upload and between
+ * polls of the apply job). */
+typedef int32_t (*ZELAbortFn)(void* user_data);
+
+typedef struct ZELPutPatchOpt {
+  ZELStream* origin_stream;       /* the origin file (equal to origin_key); only its filename is used */
+  ZELStream* derv_stream;         /* the new file; its functions serve the patch upload */
+  const char16_t* signature_path; /* where the origin's signature is written; removed again */
+  const char16_t* patch_path;     /* where the patch is written; removed again */
+  const char16_t* bucket_key;
+  const char16_t* origin_key; /* the stored object the origin file equals */
+  const char16_t* derv_key;   /* receives the patch and becomes the new version */
+  const char16_t* temp_dir;
+  int32_t process_type; /* passed through to the delta library and the service */
+  double ratio;         /* largest share of difference for which a patch is made */
+  ZELHeaders* headers;  /* optional; also holds the x-pmw-acm-* values of the apply job */
+  void (*callback)(const ZELPutPatchResp* resp, void* user_data);
+  /* The new object once the service applied the patch; freed on return. */
+  void (*details_callback)(const ZELObjectDetails* details, void* user_data);
+  ZELAbortFn abort_callback;
+} ZELPutPatchOpt;
+
+/* Stores derv_stream as the new content of derv_key by uploading only a
+ * patch against origin_key. Blocks the caller while the signature, the match
+ * decision, the patch and the new file's SHA-1 are computed locally; then
+ * uploads the patch on the worker pool and has the delta engine apply it,
+ * polling its job. Failures before the upload are reported on the calling
+ * thread. */
+ZEL_EXPORT void zel_put_patch(ZEL* handle, const ZELPutPatchOpt* opt, void* user_data);
+
+typedef struct ZELGetPatchResp {
+  int32_t code; /* 0 or ZEL_PATCH_* */
+  const char* message;
+} ZELGetPatchResp;
+
+typedef struct ZELGetPatchOpt {
+  const char16_t* bucket_key;
+  const char16_t* orig_key; /* the stored object the local file `orig` equals */
+  const char16_t* dest_key; /* the stored object whose content is wanted */
+  const char16_t* orig;     /* local base file */
+  const char16_t* patch;    /* where the patch is downloaded; removed at the end */
+  const char16_t* dest;     /* result file, written by the delta library */
+  const char16_t* temp_dir;
+  int32_t apply_mode; /* handed to the delta library unchanged */
+  int32_t preprocess; /* 0 or more; the service's process type */
+  double ratio;       /* patches of this share of dest_key's size or more are refused */
+  ZELHeaders* headers; /* optional; also holds the x-pmw-acm-* values of the create-delta job */
+  void (*callback)(const ZELGetPatchResp* resp, void* user_data);
+  void (*done_callback)(void* user_data);
+} ZELGetPatchOpt;
+
+/* Writes the content of dest_key to `dest` by downloading the service's
+ * patch from orig_key to dest_key and applying it to `orig`. When the
+ * service has no such patch yet, a create-delta job is registered (not
+ * awaited) and the call fails with ZEL_PATCH_NO_DETAILS or
+ * ZEL_PATCH_NOT_FOUND; a later call can succeed. */
+ZEL_EXPORT void zel_get_patch(ZEL* handle, const ZELGetPatchOpt* opt, void* user_data);
+
+/* ------------------------------------------------------------------------ */
 /* Delta-engine client. Every request function is synchronous: it performs   */
 /* one exchange on the calling thread and returns NULL on success or a       */
 /* constant message (never freed by the caller) on failure. The jobs run on  */
