@@ -43,6 +43,19 @@ FILE* file_open(const char16_t* path, const char* mode) {
   return file;
 }
 
+int file_remove(const char16_t* path) {
+  char* name = wide_to_utf8(path);
+  if (name == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  int result = std::remove(name);
+  int saved = errno;
+  mem_free(name);
+  errno = saved;
+  return result;
+}
+
 int file_seek64(FILE* file, int64_t offset, int origin) {
   return fseeko(file, static_cast<off_t>(offset), origin);
 }

@@ -27,5 +27,7 @@ char* str_split(char** cursor, const char* separators);
 FILE* file_open(const char16_t* path, const char* mode);
 // Size of the file named by `path`; 0 on success, -1 on failure.
 int file_size(const char16_t* path, uint64_t* size);
+// Removes the file named by a wide path; 0, or -1 with errno set.
+int file_remove(const char16_t* path);
 // Standard-library stream functions with the shapes of ZELStream.
 int file_seek64(FILE* file, int64_t offset, int origin);

@@ -1,0 +1,180 @@
+// zel_match_object: fetches the signature of a stored object and asks the
+// delta library whether a local file is close enough to it for a delta
+// exchange to pay off.
+#include <zel/diff.h>
+#include <zel/zel.h>
+
+#include <cstdio>
+
+#include "alloc.h"
+#include "frame.h"
+#include "log.h"
+#include "util.h"
+
+namespace {
+constexpr const char* kLogTag = "src\\match_object";
+constexpr const char* kEntryTag = "src\\object";
+constexpr int kSignatureBlock = 2048;
+
+struct ZELMatchObjectDecorator {
+  ZEL* handle;
+  ZELMatchObjectOpt* opt;
+  void* user_data;
+};
+
+void free_match_opt(ZELMatchObjectOpt* opt) {
+  if (opt == nullptr) return;
+  free_wide(opt->bucket_key);
+  free_wide(opt->orig_key);
+  free_wide(opt->sig_path);
+  free_wide(opt->dest);
+  free_wide(opt->temp_dir);
+  zel_headers_cleanup(opt->headers);
+  mem_free(opt);
+}
+
+ZELMatchObjectOpt* clone_match_opt(const ZELMatchObjectOpt* source) {
+  auto* copy = static_cast<ZELMatchObjectOpt*>(mem_calloc(1, sizeof(ZELMatchObjectOpt)));
+  if (copy == nullptr) {
+    ZLOG("Cannot allocate memory for clone ZELMatchObjectOpt");
+    return nullptr;
+  }
+  copy->ratio = source->ratio;
+  copy->callback = source->callback;
+  copy->match_callback = source->match_callback;
+  const char* failure = nullptr;
+  if (!copy_wide(source->bucket_key, &copy->bucket_key)) {
+    failure = "Cannot allocate memory for ZELMatchObjectOpt bucket key";
+  } else if (!copy_wide(source->orig_key, &copy->orig_key)) {
+    failure = "Cannot allocate memory for ZELMatchObjectOpt key";
+  } else if (!copy_wide(source->sig_path, &copy->sig_path)) {
+    failure = "Cannot allocate memory for ZELMatchObjectOpt sig";
+  } else if (!copy_wide(source->dest, &copy->dest)) {
+    failure = "Cannot allocate memory for ZELMatchObjectOpt dest";
+  } else if (!copy_wide(source->temp_dir, &copy->temp_dir)) {
+    failure = "Cannot allocate memory for ZELMatchObjectOpt temp dir";
+  } else if (!copy_headers(source->headers, &copy->headers)) {
+    failure = "Cannot allocate memory for ZEL Headers";
+  }
+  if (failure == nullptr) return copy;
+  ZLOG("%s", failure);
+  free_match_opt(copy);
+  return nullptr;
+}
+
+void free_match_decorator(ZELMatchObjectDecorator* decorator) {
+  if (decorator == nullptr) return;
+  zel_cleanup(decorator->handle);
+  free_match_opt(decorator->opt);
+  mem_free(decorator);
+}
+
+ZELMatchObjectDecorator* make_match_decorator(const ZEL* handle, const ZELMatchObjectOpt* opt,
+                                              void* user_data) {
+  auto* decorator = static_cast<ZELMatchObjectDecorator*>(mem_calloc(1, sizeof(ZELMatchObjectDecorator)));
+  if (decorator == nullptr) {
+    ZLOG("Cannot allocate memory for ZELMatchObjectDecorator");
+    return nullptr;
+  }
+  decorator->user_data = user_data;
+  decorator->handle = zel_clone(handle);
+  decorator->opt = decorator->handle != nullptr ? clone_match_opt(opt) : nullptr;
+  if (decorator->opt == nullptr) {
+    free_match_decorator(decorator);
+    return nullptr;
+  }
+  // The signature request is the object's download with this header.
+  char value[89];
+  std::snprintf(value, sizeof value, "signature:@%d", kSignatureBlock);
+  ZELHeaders* with = zel_headers_append(decorator->opt->headers, "x-pmw-delta-object", value);
+  if (with == decorator->opt->headers) {
+    free_match_decorator(decorator);
+    return nullptr;
+  }
+  decorator->opt->headers = with;
+  return decorator;
+}
+
+// The decorator's copies are complete and the ratio in range; otherwise
+// reports (code 0) the first thing missing.
+bool check_decorator(const ZELMatchObjectDecorator* d) {
+  if (d == nullptr) {
+    ZLOG("ZELMatchObjectDecorator pointer is (null)");
+    return false;
+  }
+  const ZELMatchObjectOpt* o = d->opt;
+  if (o == nullptr) {
+    ZLOG("ZELMatchObjectOpt pointer is (null)");
+    return false;
+  }
+  const char* why = d->handle == nullptr          ? "Cannot find the zel configuration"
+                    : o->bucket_key == nullptr    ? "ZELMatchObjectOpt bucket key is (null)"
+                    : o->orig_key == nullptr      ? "ZELMatchObjectOpt orig key is (null)"
+                    : o->sig_path == nullptr      ? "ZELMatchObjectOpt sig path is (null)"
+                    : o->dest == nullptr          ? "ZELMatchObjectOpt dest is (null)"
+                    : o->temp_dir == nullptr      ? "ZELMatchObjectOpt temp dir is (null)"
+                    : !(o->ratio >= 0.0 && o->ratio <= 1.0) ? "ZELMatchObjectOpt ratio is invalid"
+                                                            : nullptr;
+  if (why == nullptr) return true;
+  report(o->callback, 0, why, d->user_data);
+  return false;
+}
+
+// The signature download failed.
+void on_download_failed(const ZELGetObjectResp* resp, void* user_data) {
+  auto* d = static_cast<ZELMatchObjectDecorator*>(user_data);
+  if (check_decorator(d)) report(d->opt->callback, resp->code, resp->message, d->user_data);
+  if (d != nullptr && d->opt != nullptr) (void)file_remove(d->opt->sig_path);
+  free_match_decorator(d);
+}
+
+// The signature arrived: compare.
+void on_signature(void* user_data) {
+  auto* d = static_cast<ZELMatchObjectDecorator*>(user_data);
+  if (!check_decorator(d)) {
+    free_match_decorator(d);
+    return;
+  }
+  const ZELMatchObjectOpt* o = d->opt;
+  int32_t result = diff_file_match(o->sig_path, o->dest, o->temp_dir, o->ratio);
+  if (result < 0) {
+    report(o->callback, 0, "Failed to find file match", d->user_data);
+  } else if (o->match_callback != nullptr) {
+    o->match_callback(result, d->user_data);
+  }
+  if (file_remove(o->sig_path) != 0) ZLOG("Cannot remove signature file");
+  free_match_decorator(d);
+}
+
+}  // namespace
+
+extern "C" ZEL_EXPORT void zel_match_object(ZEL* handle, const ZELMatchObjectOpt* opt, void* user_data) {
+  if (handle == nullptr || handle->get_token == nullptr) {
+    zel_log(nullptr, kEntryTag, __LINE__, "ZEL is not initialized");
+    return;
+  }
+  if (opt == nullptr || opt->bucket_key == nullptr || opt->orig_key == nullptr || opt->dest == nullptr ||
+      opt->temp_dir == nullptr || opt->sig_path == nullptr) {
+    zel_log(nullptr, kEntryTag, __LINE__, "ZELMatchObjectOpt is not initialized");
+    return;
+  }
+  ZELMatchObjectDecorator* d = make_match_decorator(handle, opt, user_data);
+  ZELStream* stream = d != nullptr ? zel_stream_init(d->opt->sig_path) : nullptr;
+  if (stream == nullptr) {
+    free_match_decorator(d);
+    report(opt->callback, 0, "Cannot initialize ZELMatchObjectDecorator", user_data);
+    return;
+  }
+  ZELGetObjectOpt get{};
+  get.bucket_key = d->opt->bucket_key;
+  get.key = d->opt->orig_key;
+  get.stream = stream;
+  get.headers = d->opt->headers;
+  get.size_unknown = 1;  // one request: a signature's size is not the object's
+  get.callback = on_download_failed;
+  get.done_callback = on_signature;
+  // The download copies what it needs before it returns; from here on the
+  // decorator belongs to whichever of the two handlers runs.
+  zel_get_object(handle, &get, d);
+  zel_stream_cleanup(stream);
+}
