@@ -3,7 +3,10 @@
 //                                    and the number of status requests answered
 //   POST   /_emulator/delta/scripts  one script or an array of them:
 //          {"kind": "applypatch", "empty_polls": N, "fail": "reason",
-//           "delay_ms": N, "times": N}; every key optional
+//           "delay_ms": N, "times": N, "gap_after": N, "description": "text"};
+//          every key optional. "gap_after": one answer with the status
+//          address after that many empty ones; "description": what a
+//          finished job answers as its Description.
 //   DELETE /_emulator/delta/scripts  drops the scripts not yet taken
 #include <jansson.h>
 
@@ -16,14 +19,15 @@ namespace {
 
 bool parse_script(json_t *o, JobScript &s, std::string &why) {
   json_error_t err;
-  const char *kind = "", *fail = "";
-  json_int_t empty = 0, delay = 0, times = 1;
-  if (json_unpack_ex(o, &err, JSON_STRICT, "{s?:s, s?:I, s?:s, s?:I, s?:I}", "kind", &kind, "empty_polls",
-                     &empty, "fail", &fail, "delay_ms", &delay, "times", &times) != 0) {
+  const char *kind = "", *fail = "", *description = nullptr;
+  json_int_t empty = 0, delay = 0, times = 1, gap = 0;
+  if (json_unpack_ex(o, &err, JSON_STRICT, "{s?:s, s?:I, s?:s, s?:I, s?:I, s?:I, s?:s}", "kind", &kind,
+                     "empty_polls", &empty, "fail", &fail, "delay_ms", &delay, "times", &times, "gap_after",
+                     &gap, "description", &description) != 0) {
     why = std::string("Bad job script: ") + err.text;
     return false;
   }
-  s = JobScript{kind, empty, fail, delay, times};
+  s = JobScript{kind, empty, fail, delay, times, gap, description != nullptr, description ? description : ""};
   return true;
 }
 

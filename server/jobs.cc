@@ -148,6 +148,9 @@ void Jobs::apply_script(Job &job) {
     job.empty_polls = it->empty_polls;
     job.fail = it->fail;
     job.delay_ms = it->delay_ms;
+    job.gap_after = it->gap_after;
+    job.replace_description = it->replace_description;
+    job.scripted_description = it->description;
     if (it->times > 0 && --it->times == 0) scripts_.erase(it);
     return;
   }
@@ -157,10 +160,17 @@ std::string Jobs::status_locked(Job &job) {
   ++polls_;
   ++job.polls;
   if (job.empty_polls > 0) {
+    if (job.gap_due) {
+      job.gap_due = false;
+      return answer_json(job.progress, kJobRunning, job.order.public_url, job.order.id);
+    }
     --job.empty_polls;
+    if (job.gap_after > 0 && --job.gap_after == 0) job.gap_due = true;
     return answer_json(job.progress, kJobRunning, "", job.order.id);
   }
   bool ended = job.code == kJobFinished || job.code == kJobFailed;
+  if (job.code == kJobFinished && job.replace_description)
+    return answer_json(job.progress, job.code, job.scripted_description, job.order.id);
   // While a job is under way its Description is its status address, so
   // that a client can tell a live job from an empty answer.
   return answer_json(job.progress, job.code, ended ? job.description : job.order.public_url, job.order.id);

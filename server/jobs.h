@@ -48,10 +48,13 @@ struct JobOutcome {
 // next job of its kind (any kind when empty), `times` jobs in all.
 struct JobScript {
   std::string kind;
-  int64_t empty_polls = 0;  // answer "running" with an empty Description this often
-  std::string fail;         // end the job failed with this reason instead of running it
-  int64_t delay_ms = 0;     // pause before running
-  int64_t times = 1;        // negative: every job
+  int64_t empty_polls = 0;           // answer "running" with an empty Description this often
+  std::string fail;                  // end the job failed with this reason instead of running it
+  int64_t delay_ms = 0;              // pause before running
+  int64_t times = 1;                 // negative: every job
+  int64_t gap_after = 0;             // after this many empty answers, one with the status address
+  bool replace_description = false;  // a finished job answers `description` instead
+  std::string description;
 };
 
 class Jobs;
@@ -112,8 +115,12 @@ class Jobs {
     std::string description;  // of an ended job
     int64_t polls = 0;
     int64_t empty_polls = 0;
+    int64_t gap_after = 0;
+    bool gap_due = false;
     std::string fail;
     int64_t delay_ms = 0;
+    bool replace_description = false;
+    std::string scripted_description;
   };
 
   void worker(Runner run);

@@ -48,7 +48,8 @@ void free_get_patch_opt(ZELGetPatchOpt* opt) {
 }
 
 const char* copy_get_patch_texts(const ZELGetPatchOpt* s, ZELGetPatchOpt* c) {
-  if (!copy_wide(s->bucket_key, &c->bucket_key)) return "Cannot allocate memory for the ZELGetPatchOpt bucket_key";
+  if (!copy_wide(s->bucket_key, &c->bucket_key))
+    return "Cannot allocate memory for the ZELGetPatchOpt bucket_key";
   if (!copy_wide(s->orig_key, &c->orig_key)) return "Cannot allocate memory for the ZELGetPatchOpt orig_key";
   if (!copy_wide(s->dest_key, &c->dest_key)) return "Cannot allocate memory for the ZELGetPatchOpt dest_key";
   if (!copy_wide(s->orig, &c->orig)) return "Cannot allocate for the ZELGetPatchOpt orig";
@@ -85,7 +86,8 @@ void free_get_patch_decorator(void* raw) {
   mem_free(d);
 }
 
-ZELGetPatchDecorator* make_get_patch_decorator(const ZEL* handle, const ZELGetPatchOpt* opt, void* user_data) {
+ZELGetPatchDecorator* make_get_patch_decorator(const ZEL* handle, const ZELGetPatchOpt* opt,
+                                               void* user_data) {
   auto* d = static_cast<ZELGetPatchDecorator*>(mem_calloc(1, sizeof(ZELGetPatchDecorator)));
   if (d == nullptr) {
     ZLOG("Cannot allocate memory for ZELGetPatchDecorator");
@@ -343,7 +345,8 @@ extern "C" ZEL_EXPORT void zel_get_patch(ZEL* handle, const ZELGetPatchOpt* opt,
     return;
   }
   ZELGetPatchDecorator* d = make_get_patch_decorator(handle, opt, user_data);
-  if (d == nullptr) return report(opt->callback, 0, "Cannot allocate memory for ZELGetPatchDecorator", user_data);
+  if (d == nullptr)
+    return report(opt->callback, 0, "Cannot allocate memory for ZELGetPatchDecorator", user_data);
   http_pool_set_size(static_cast<int>(handle->http_pool_size));
   thread_pool_set_size(static_cast<int>(handle->thread_pool_size));
   if (transfer_enqueue(get_patch_task, d, free_get_patch_decorator, true) < 0) {

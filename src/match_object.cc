@@ -1,6 +1,8 @@
 // zel_match_object: fetches the signature of a stored object and asks the
 // delta library whether a local file is close enough to it for a delta
 // exchange to pay off.
+#include "match_object.h"
+
 #include <zel/diff.h>
 #include <zel/zel.h>
 
@@ -15,12 +17,6 @@ namespace {
 constexpr const char* kLogTag = "src\\match_object";
 constexpr const char* kEntryTag = "src\\object";
 constexpr int kSignatureBlock = 2048;
-
-struct ZELMatchObjectDecorator {
-  ZEL* handle;
-  ZELMatchObjectOpt* opt;
-  void* user_data;
-};
 
 void free_match_opt(ZELMatchObjectOpt* opt) {
   if (opt == nullptr) return;
@@ -95,9 +91,9 @@ ZELMatchObjectDecorator* make_match_decorator(const ZEL* handle, const ZELMatchO
   return decorator;
 }
 
-// The decorator's copies are complete and the ratio in range; otherwise
-// reports (code 0) the first thing missing.
-bool check_decorator(const ZELMatchObjectDecorator* d) {
+}  // namespace
+
+bool match_decorator_check(const ZELMatchObjectDecorator* d) {
   if (d == nullptr) {
     ZLOG("ZELMatchObjectDecorator pointer is (null)");
     return false;
@@ -107,12 +103,12 @@ bool check_decorator(const ZELMatchObjectDecorator* d) {
     ZLOG("ZELMatchObjectOpt pointer is (null)");
     return false;
   }
-  const char* why = d->handle == nullptr          ? "Cannot find the zel configuration"
-                    : o->bucket_key == nullptr    ? "ZELMatchObjectOpt bucket key is (null)"
-                    : o->orig_key == nullptr      ? "ZELMatchObjectOpt orig key is (null)"
-                    : o->sig_path == nullptr      ? "ZELMatchObjectOpt sig path is (null)"
-                    : o->dest == nullptr          ? "ZELMatchObjectOpt dest is (null)"
-                    : o->temp_dir == nullptr      ? "ZELMatchObjectOpt temp dir is (null)"
+  const char* why = d->handle == nullptr                    ? "Cannot find the zel configuration"
+                    : o->bucket_key == nullptr              ? "ZELMatchObjectOpt bucket key is (null)"
+                    : o->orig_key == nullptr                ? "ZELMatchObjectOpt orig key is (null)"
+                    : o->sig_path == nullptr                ? "ZELMatchObjectOpt sig path is (null)"
+                    : o->dest == nullptr                    ? "ZELMatchObjectOpt dest is (null)"
+                    : o->temp_dir == nullptr                ? "ZELMatchObjectOpt temp dir is (null)"
                     : !(o->ratio >= 0.0 && o->ratio <= 1.0) ? "ZELMatchObjectOpt ratio is invalid"
                                                             : nullptr;
   if (why == nullptr) return true;
@@ -120,10 +116,11 @@ bool check_decorator(const ZELMatchObjectDecorator* d) {
   return false;
 }
 
+namespace {
 // The signature download failed.
 void on_download_failed(const ZELGetObjectResp* resp, void* user_data) {
   auto* d = static_cast<ZELMatchObjectDecorator*>(user_data);
-  if (check_decorator(d)) report(d->opt->callback, resp->code, resp->message, d->user_data);
+  if (match_decorator_check(d)) report(d->opt->callback, resp->code, resp->message, d->user_data);
   if (d != nullptr && d->opt != nullptr) (void)file_remove(d->opt->sig_path);
   free_match_decorator(d);
 }
@@ -131,7 +128,7 @@ void on_download_failed(const ZELGetObjectResp* resp, void* user_data) {
 // The signature arrived: compare.
 void on_signature(void* user_data) {
   auto* d = static_cast<ZELMatchObjectDecorator*>(user_data);
-  if (!check_decorator(d)) {
+  if (!match_decorator_check(d)) {
     free_match_decorator(d);
     return;
   }

@@ -140,13 +140,16 @@ const char* copy_patch_opt_texts(const ZELPutPatchOpt* s, ZELPutPatchOpt* c) {
     return "Cannot allocate memory for ZELPutPatchOpt origin stream";
   if ((c->derv_stream = stream_clone(s->derv_stream)) == nullptr && s->derv_stream != nullptr)
     return "Cannot allocate memory for ZELPutPatchOpt derv stream";
-  if (!copy_wide(s->bucket_key, &c->bucket_key)) return "Cannot allocate memory for ZELPutPatchOpt bucket key";
+  if (!copy_wide(s->bucket_key, &c->bucket_key))
+    return "Cannot allocate memory for ZELPutPatchOpt bucket key";
   if (!copy_wide(s->origin_key, &c->origin_key))
     return "Cannot allocate memory for ZELPutPatchOpt origin object key";
-  if (!copy_wide(s->derv_key, &c->derv_key)) return "Cannot allocate memory for ZELPutPatchOpt derv object key";
+  if (!copy_wide(s->derv_key, &c->derv_key))
+    return "Cannot allocate memory for ZELPutPatchOpt derv object key";
   if (!copy_wide(s->signature_path, &c->signature_path))
     return "Cannot allocate memory for ZELPutPatchOpt signature path";
-  if (!copy_wide(s->patch_path, &c->patch_path)) return "Cannot allocate memory for ZELPutPatchOpt patch path";
+  if (!copy_wide(s->patch_path, &c->patch_path))
+    return "Cannot allocate memory for ZELPutPatchOpt patch path";
   if (!copy_wide(s->temp_dir, &c->temp_dir)) return "Cannot allocate memory for ZELPutPatchOpt temp dir";
   if (!copy_headers(s->headers, &c->headers)) return "Cannot allocate memory for ZEL Headers";
   return nullptr;
@@ -186,8 +189,8 @@ bool prepend_header(ZELHeaders** list, const char* name, const char* value) {
   return true;
 }
 
-ZELPutPatchDecorator* make_patch_decorator(const ZEL* handle, const ZELPutPatchOpt* opt, const char* origin_sha1,
-                                           const char* derv_sha1, void* user_data) {
+ZELPutPatchDecorator* make_patch_decorator(const ZEL* handle, const ZELPutPatchOpt* opt,
+                                           const char* origin_sha1, const char* derv_sha1, void* user_data) {
   auto* d = static_cast<ZELPutPatchDecorator*>(mem_calloc(1, sizeof(ZELPutPatchDecorator)));
   if (d == nullptr) {
     ZLOG("Cannot allocate memory for ZELPutPatchDecorator");
@@ -244,7 +247,8 @@ int32_t abort_check(uint64_t, uint64_t, void* user_data) {
 void on_upload_failed(const ZELPutObjectResp* resp, void* user_data) {
   auto* d = static_cast<ZELPutPatchDecorator*>(user_data);
   if (check_decorator(d)) report(d->opt->callback, resp->code, resp->message, d->user_data);
-  if (d != nullptr && d->opt != nullptr && d->opt->patch_path != nullptr && file_remove(d->opt->patch_path) != 0)
+  if (d != nullptr && d->opt != nullptr && d->opt->patch_path != nullptr &&
+      file_remove(d->opt->patch_path) != 0)
     ZLOG("Cannot remove patch file");
   free_patch_decorator(d);
 }
@@ -289,7 +293,8 @@ void report_apply(const ZELPutPatchDecorator* d, const PollResult& r, int32_t at
   if (r.message != nullptr) return report(o->callback, r.status.code, r.message, d->user_data);
   if (r.aborted && r.empty >= attempts)
     return report(o->callback, -301, "An empty response was received from the KRI server", d->user_data);
-  if (r.aborted) return report(o->callback, -302, "Operation was aborted by an application callback", d->user_data);
+  if (r.aborted)
+    return report(o->callback, -302, "Operation was aborted by an application callback", d->user_data);
   if (r.status.code != KRI_JOB_FINISHED || r.status.description == nullptr)
     return report(o->callback, -103, "Failed to apply the patch", d->user_data);
   ZELObjectDetails* details = zel_object_details_init();
@@ -391,7 +396,8 @@ extern "C" ZEL_EXPORT void zel_put_patch(ZEL* handle, const ZELPutPatchOpt* opt,
   ThrdOpt b{opt, &derv_sha1};
   zel::thrd_t thread_a{}, thread_b{};
   int started = zel::thrd_create(&thread_a, make_patch, &a);
-  if (started != zel::thrd_success) return report(opt->callback, 0, thread_result_message(started), user_data);
+  if (started != zel::thrd_success)
+    return report(opt->callback, 0, thread_result_message(started), user_data);
   int result_a = 0, result_b = 0;
   started = zel::thrd_create(&thread_b, hash_new_file, &b);
   if (started != zel::thrd_success) report(opt->callback, 0, thread_result_message(started), user_data);
@@ -403,7 +409,8 @@ extern "C" ZEL_EXPORT void zel_put_patch(ZEL* handle, const ZELPutPatchOpt* opt,
     join(&thread_b, &result_b);
     if (result_a < 1) {
       report(opt->callback, result_a < 0 ? -102 : -101,
-             result_a < 0 ? "Failed to create signature and patch" : "Difference between files is greater than ratio",
+             result_a < 0 ? "Failed to create signature and patch"
+                          : "Difference between files is greater than ratio",
              user_data);
       (void)file_remove(opt->patch_path);
     } else if (result_b < 0) {
