@@ -3,6 +3,7 @@
 // outcome; plus the signature SHA-1 reader and the match handlers' checks.
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <zel/diff.h>
 #include <zel/zel.h>
 
@@ -27,6 +28,9 @@ struct DeltaOutcome : xfer::Outcome {
   int matches = 0;
   int32_t match_result = -99;
   std::atomic<bool> abort{false};
+  // Run once by the abort check, on the worker, while the patch goes up.
+  std::function<void()> during_upload;
+  std::once_flag upload_seen;
 };
 
 void on_match(int32_t result, void* user_data) {
@@ -37,7 +41,11 @@ void on_match(int32_t result, void* user_data) {
   o->finish();
 }
 
-int32_t on_abort(void* user_data) { return static_cast<DeltaOutcome*>(user_data)->abort.load() ? 1 : 0; }
+int32_t on_abort(void* user_data) {
+  auto* o = static_cast<DeltaOutcome*>(user_data);
+  if (o->during_upload) std::call_once(o->upload_seen, o->during_upload);
+  return o->abort.load() ? 1 : 0;
+}
 
 // `data` with a few short runs of bytes changed.
 std::string edited(std::string data) {
@@ -95,6 +103,20 @@ class DeltaOps : public LibTest {
     }
     return out;
   }
+  // One key of the newest job of `kind` as compact JSON ("Acm", "Request").
+  std::string last_job(const std::string& kind, const char* key) {
+    JsonPtr all = parse_json(controls("GET", "").body);
+    std::string found;
+    size_t i;
+    json_t* job;
+    json_array_foreach(json_object_get(all.get(), "jobs"), i, job) {
+      if (kind != json_string_value(json_object_get(job, "Kind"))) continue;
+      char* text = json_dumps(json_object_get(job, key), JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY);
+      found = text != nullptr ? text : "";
+      free(text);
+    }
+    return found;
+  }
   bool wait_until(const std::function<bool()>& ready) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!ready()) {
@@ -110,15 +132,17 @@ class DeltaOps : public LibTest {
   // Runs a patch upload of `derv_file` over the object "base" into "next".
   void put_patch(DeltaOutcome* out, double ratio, const std::string& origin_file = "base",
                  const std::string& derv_file = "next", int32_t process_type = 0) {
+    ZELHeaders* headers = zel_headers_append(nullptr, "x-pmw-acm-namespace", "team-ns");
     std::u16string origin = w(origin_file), derv = w(derv_file), sig = w("sig"), patch = w("patch"),
                    tmp = wide(dir_.file(""));
     ZELStream* origin_stream = zel_stream_init(origin.c_str());
     ZELStream* derv_stream = zel_stream_init(derv.c_str());
     ZELPutPatchOpt opt{origin_stream,    derv_stream, sig.c_str(), patch.c_str(),
                        u"dlt",           u"base",     u"next",     tmp.c_str(),
-                       process_type,     ratio,       nullptr,     xfer::on_status<ZELPutPatchResp>,
+                       process_type,     ratio,       headers,     xfer::on_status<ZELPutPatchResp>,
                        xfer::on_details, on_abort};
     zel_put_patch(handle(), &opt, out);
+    zel_headers_cleanup(headers);
     zel_stream_cleanup(origin_stream);
     zel_stream_cleanup(derv_stream);
   }
@@ -318,6 +342,10 @@ TEST_F(DeltaOps, PutPatchOutcomes) {
                  r.header("x-pmw-delta-processtype") == "0" && r.body_size < next_.size() / 10;
       }
       EXPECT_TRUE(marked) << "the patch went up with its two headers";
+      EXPECT_EQ(last_job("applypatch", "Acm"), R"({"x-pmw-acm-namespace":"team-ns"})");
+      EXPECT_EQ(last_job("applypatch", "Request"),
+                R"({"BucketName":"dlt","MaximumAttempts":5,"NewObjectName":"next","NewObjectSHA1":")" +
+                    sha1_hex(next_) + R"(","ObjectName":"base","ProcessType":0})");
     } else {
       EXPECT_EQ(out.callbacks, 1);
       EXPECT_EQ(out.code, row.code);
@@ -373,6 +401,43 @@ TEST_F(DeltaOps, PutPatchJoinsTheFirstThreadWhenTheSecondCannotStart) {
   }
 }
 
+TEST_F(DeltaOps, PutPatchAppliesNothingWhenThePatchFileCannotBeRemoved) {
+  DeltaOutcome out;
+  // The patch's name is taken by a non-empty directory while its bytes go up.
+  std::string patch = dir_.file("patch");
+  out.during_upload = [&] {
+    ASSERT_EQ(rename(patch.c_str(), dir_.file("moved").c_str()), 0);
+    ASSERT_EQ(mkdir(patch.c_str(), 0700), 0);
+    dir_.write("patch/keep", "x");
+  };
+  put_patch(&out, 0.5);
+  ASSERT_TRUE(out.wait_once());
+  EXPECT_EQ(out.code, -104);
+  EXPECT_EQ(out.message, "Cannot remove a patch file");
+  EXPECT_TRUE(jobs("applypatch").empty());
+}
+
+TEST_F(DeltaOps, EntryPointsOnlyLogWithoutHandleOrOptions) {
+  CapturedLog log;
+  ZEL* no_token = zel_init(ZEL_ENV_LOCAL, 2, nullptr, nullptr);
+  zel_match_object(no_token, nullptr, nullptr);
+  zel_put_patch(nullptr, nullptr, nullptr);
+  zel_get_patch(no_token, nullptr, nullptr);
+  EXPECT_EQ(log.count("ZEL is not initialized"), 3);
+  EXPECT_EQ(log.tag_of("ZEL is not initialized"), "src\\object");
+  ZELMatchObjectOpt match{u"dlt", u"base", nullptr, u"d", u"t", 0.5, nullptr, nullptr, nullptr};
+  ZELPutPatchOpt put{};
+  zel_match_object(handle(), &match, nullptr);
+  zel_put_patch(handle(), &put, nullptr);
+  zel_get_patch(handle(), nullptr, nullptr);
+  for (const char* message : {"ZELMatchObjectOpt is not initialized", "ZELPutPatchOpt is not initialized",
+                              "ZELGetPatchOpt is not initialized"}) {
+    EXPECT_EQ(log.count(message), 1) << message;
+    EXPECT_EQ(log.tag_of(message), "src\\object") << message;
+  }
+  zel_cleanup(no_token);
+}
+
 // ---------------------------------------------------------------------------
 // zel_get_patch
 
@@ -411,6 +476,9 @@ TEST_F(DeltaOps, GetPatchOutcomes) {
   EXPECT_EQ(first.code, -203);
   EXPECT_EQ(first.message, "Cannot get patch object details");
   ASSERT_EQ(jobs("createdelta").size(), 1u);
+  EXPECT_EQ(last_job("createdelta", "Request"),
+            R"({"BlockSize":2048,"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base",)"
+            R"("ObjectName2":"next","ProcessType":0})");
   ASSERT_TRUE(wait_until([&] { return jobs("createdelta")[0].first == KRI_JOB_FINISHED; }));
   Report second = get_patch(get_opt(0.5));
   EXPECT_EQ(second.done, 1) << second.message;
