@@ -28,6 +28,7 @@ constexpr int kServiceFailed = 1;  // the service refused, or its bytes failed v
 constexpr int kUsage = 2;
 constexpr int kLocalFailed = 3;        // a local file or resource
 constexpr int kTransportFailed = 4;    // the endpoint could not be reached or the exchange broke
+constexpr int kNoPatch = 5;  // --no-fallback: no patch could be used (files too different, none ready)
 constexpr int kInterruptedBase = 128;  // plus the signal number, for a second signal
 // A transfer stopped by SIGINT or SIGTERM ends with one status, whichever
 // signal it was, so scripts can tell an interruption from a failure.
@@ -61,7 +62,7 @@ struct JsonFree {
 using Json = std::unique_ptr<json_t, JsonFree>;
 
 // What went wrong, sorted by who can fix it.
-enum class FailureKind { kLocal, kTransport, kService, kVerification, kUsage, kInterrupted };
+enum class FailureKind { kLocal, kTransport, kService, kVerification, kUsage, kInterrupted, kNoPatch };
 
 struct Failure {
   FailureKind kind = FailureKind::kService;
@@ -188,6 +189,10 @@ struct Summary {
   uint64_t size = 0;
   double seconds = 0;
   std::string sha1;
+  // With --base: "patch" or "full", and the bytes that went over the wire
+  // (the patch, or the whole file); empty for a plain transfer.
+  std::string how;
+  std::optional<uint64_t> wire;
 };
 void print_summary(const Output& out, const Summary& s, json_t* extra);
 
@@ -231,5 +236,23 @@ void add_object_commands(CLI::App& app, Context& ctx);
 void add_put_commands(CLI::App& app, Context& ctx);
 void add_get_commands(CLI::App& app, Context& ctx);
 void add_diff_commands(CLI::App& app, Context& ctx);
+void add_match_command(CLI::App& app, Context& ctx);
+
+// The options that turn a put or get into a patch transfer.
+struct DeltaArgs {
+  std::string base;      // local file equal to the stored base object
+  std::string base_key;  // that object's key, in the same bucket
+  double ratio = 0.5;
+  bool no_fallback = false;
+  bool on() const { return !base.empty(); }
+};
+void add_delta_options(CLI::App* cmd, DeltaArgs& args, const char* direction);
+// Usage errors of a patch transfer to or from `target`.
+void check_delta_args(const DeltaArgs& args, const Target& target);
+zel::DeltaOptions delta_options(const DeltaArgs& args);
+// Why a patch transfer did not happen: the failure to report with
+// --no-fallback, whose message is also the note before a whole transfer.
+Failure no_patch(const Context& c, const DeltaArgs& args, const std::string& target,
+                 const zel::Result<zel::DeltaResult>& result, bool upload);
 
 }  // namespace zelcli

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <variant>
 
 #include "local_files.h"
 
@@ -17,6 +18,7 @@ struct GetArgs {
   std::string source, file, range;
   bool auth = false;
   bool by_url = false;
+  DeltaArgs delta;
 };
 
 // "-" is standard output; a directory (or a name ending in "/") receives
@@ -76,8 +78,14 @@ std::optional<zel::Result<zel::Done>> download(Context& c, const GetArgs& a, con
   return wait_for(future);
 }
 
+// How the bytes came: with --base, "patch" (and the patch's size) or "full".
+struct Via {
+  std::string how;
+  std::optional<uint64_t> wire;
+};
+
 int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, const Expected& want,
-           Clock::time_point start, json_t* details) {
+           Clock::time_point start, json_t* details, const Via& via = {}) {
   Json owned(details);
   std::string sha1;
   if (auto failure = verify(temp.path(), want, a.source, sha1)) {
@@ -89,7 +97,9 @@ int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, 
   auto failure = to == "-" ? temp.copy_to_stdout() : temp.replace(to);
   if (failure) return c.out.fail(*failure);
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  print_summary(c.out, {"downloaded", a.source, to == "-" ? "standard output" : to, size, seconds, sha1},
+  std::optional<uint64_t> wire = via.how == "full" ? std::optional<uint64_t>(size) : via.wire;
+  print_summary(c.out,
+                {"downloaded", a.source, to == "-" ? "standard output" : to, size, seconds, sha1, via.how, wire},
                 owned.release());
   return 0;
 }
@@ -115,10 +125,43 @@ std::optional<int> expect(Context& c, const GetArgs& a, const std::string& to,
   return std::nullopt;
 }
 
+// Fetches only the service's patch and applies it to --base, into `temp`.
+// True when it did; false (after a note) when the whole object is to be
+// downloaded instead; an exit status when the command ends here.
+std::variant<bool, int> get_by_patch(Context& c, const GetArgs& a, TempFile& temp, const std::string& to,
+                                     Via& via) {
+  Target t = parse_target(a.source);
+  auto asked = c.client->get_patch(t.bucket, a.delta.base_key, t.key, a.delta.base, temp.path(),
+                                   delta_options(a.delta));
+  auto result = wait_for(asked);
+  if (!result || interrupted() != 0) {
+    temp.remove();
+    exit_interrupted(c.out, "interrupted; " + untouched(to));
+  }
+  if (*result && result->value().outcome == zel::DeltaOutcome::kPatched) {
+    via = {"patch", result->value().patch_size};
+    return true;
+  }
+  Failure why = no_patch(c, a.delta, t.text(), *result, false);
+  if (a.delta.no_fallback) {
+    why.message += "; " + untouched(to);
+    return c.out.fail(why);
+  }
+  c.out.note("no patch download (" + why.message + "); fetching the whole object");
+  via = {"full", {}};
+  return false;
+}
+
 int run_get(Context& c, const GetArgs& a) {
   TransferScope scope;
   zel::GetOptions options;
   if (!a.range.empty()) options.range = parse_range(a.range);
+  if (a.delta.on()) {
+    if (options.range) throw UsageError("--range cannot be combined with --base");
+    check_delta_args(a.delta, parse_target(a.source));
+    uint64_t base_size = 0;
+    if (auto failure = readable_file(a.delta.base, base_size)) return c.out.fail(*failure);
+  }
   std::string name = a.by_url ? url_file_name(a.source) : last_segment(parse_target(a.source).key);
   std::string to = destination(a.file, name);
   if (to == "-") c.out.data_on_stdout();
@@ -127,6 +170,13 @@ int run_get(Context& c, const GetArgs& a) {
   if (auto failed = expect(c, a, to, options.range, want, details)) return *failed;
   TempFile temp;
   if (auto failure = temp.create(to == "-" ? temp_dir() + "/stdout" : to)) return c.out.fail(*failure);
+  Clock::time_point patch_start = Clock::now();
+  Via via;
+  if (a.delta.on()) {
+    auto patched = get_by_patch(c, a, temp, to, via);
+    if (std::holds_alternative<int>(patched)) return std::get<int>(patched);
+    if (std::get<bool>(patched)) return finish(c, a, temp, to, want, patch_start, details.release(), via);
+  }
   ProgressBar bar(!c.out.quiet(), a.by_url ? "get-url" : "get");
   options.progress = [&bar](uint64_t done, uint64_t total) { return bar.update(0, done, total); };
   Clock::time_point start = Clock::now();
@@ -137,7 +187,7 @@ int run_get(Context& c, const GetArgs& a) {
     exit_interrupted(c.out, "interrupted; " + untouched(to));
   }
   if (!*result) return c.fail(a.source, result->error());
-  return finish(c, a, temp, to, want, start, details.release());
+  return finish(c, a, temp, to, want, start, details.release(), via);
 }
 
 void add_get(CLI::App& app, Context& ctx, bool by_url) {
@@ -156,8 +206,13 @@ void add_get(CLI::App& app, Context& ctx, bool by_url) {
       ->required();
   cmd->add_option("--range", args->range, "Fetch only bytes S-E (inclusive), written from offset 0");
   if (by_url) cmd->add_flag("--auth", args->auth, "Send the bearer token");
+  if (!by_url) add_delta_options(cmd, args->delta, "download");
   cmd->footer(by_url ? "Example:\n  zel get-url https://cdn.example.com/f/holiday.mp4 holiday.mp4"
-                     : "Example:\n  zel get videos/2024/holiday.mp4 ~/Videos/");
+                     : "Examples:\n  zel get videos/2024/holiday.mp4 ~/Videos/\n"
+                       "  zel get videos/cut-v2.mp4 cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4\n"
+                       "With --base only the service's patch comes down and is applied to the local\n"
+                       "file. When the service has no patch yet it is asked to make one and the whole\n"
+                       "object is fetched (unless --no-fallback); the next get can use the patch.");
   cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return run_get(c, *args); }; });
 }
 

@@ -133,8 +133,10 @@ int main(int argc, char** argv) {
   app.footer(
       "Examples:\n  zel mb photos\n  zel put cat.jpg photos/2024/\n  zel get photos/2024/cat.jpg .\n"
       "  tar c docs | zel put - backups/docs.tar\n"
+      "  zel put cut-v2.mp4 videos/cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4\n"
       "Exit status: 0 done, 1 the service refused or its bytes failed verification, 2 usage,\n"
-      "3 a local file, 4 the endpoint could not be reached, 130 interrupted.\n"
+      "3 a local file, 4 the endpoint could not be reached, 5 no patch could be used\n"
+      "(--no-fallback), 130 interrupted.\n"
       "Run 'zel help COMMAND' for a command's options.");
   add_global_options(app, ctx.global);
   std::string topic;
@@ -145,6 +147,7 @@ int main(int argc, char** argv) {
   add_put_commands(app, ctx);
   add_get_commands(app, ctx);
   add_diff_commands(app, ctx);
+  add_match_command(app, ctx);
   ctx.global.json = wants_json(argc, argv);
   try {
     app.parse(argc, argv);

@@ -140,10 +140,23 @@ std::string hex_sha1_of_file(const std::string& path) {
   return hex;
 }
 
+namespace {
+// "by patch: 2.6 MiB over the wire for 256.0 MiB (1.0%)".
+std::string wire_text(const Summary& s) {
+  std::string text = " " + std::string(s.how == "patch" ? "by patch" : "in full") + ": ";
+  if (!s.wire) return text + "patch size not seen, for " + human_bytes(static_cast<double>(s.size));
+  char share[32];
+  double percent = s.size > 0 ? 100.0 * static_cast<double>(*s.wire) / static_cast<double>(s.size) : 0;
+  std::snprintf(share, sizeof share, percent < 10 ? " (%.2f%%)" : " (%.0f%%)", percent);
+  return text + human_bytes(static_cast<double>(*s.wire)) + " over the wire for " +
+         human_bytes(static_cast<double>(s.size)) + share;
+}
+}  // namespace
+
 void print_summary(const Output& out, const Summary& s, json_t* extra) {
   double rate = s.seconds > 0 ? static_cast<double>(s.size) / s.seconds : 0;
-  std::string text = s.verb + " " + escape_text(s.from) + " to " + escape_text(s.to) + ": " +
-                     human_bytes(static_cast<double>(s.size));
+  std::string text = s.verb + " " + escape_text(s.from) + " to " + escape_text(s.to) +
+                     (s.how.empty() ? ": " + human_bytes(static_cast<double>(s.size)) : wire_text(s));
   char timing[96];
   std::snprintf(timing, sizeof timing, " in %.2f s (%s/s), sha1 %s", s.seconds, human_bytes(rate).c_str(),
                 s.sha1.empty() ? "-" : s.sha1.c_str());
@@ -151,6 +164,10 @@ void print_summary(const Output& out, const Summary& s, json_t* extra) {
                           s.from.c_str(), "to", s.to.c_str(), "size", static_cast<json_int_t>(s.size),
                           "seconds", json_real_rounded(s.seconds, 1e-3), "bytes_per_second",
                           static_cast<json_int_t>(rate + 0.5), "sha1", s.sha1.c_str());
+  if (!s.how.empty()) {
+    json_object_set_new(doc, "transfer", json_string(s.how.c_str()));
+    json_object_set_new(doc, "wire_bytes", s.wire ? json_integer(static_cast<json_int_t>(*s.wire)) : json_null());
+  }
   json_object_set_new(doc, "object", extra != nullptr ? extra : json_null());
   out.result(doc, text + timing, true);
 }

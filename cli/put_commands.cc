@@ -20,6 +20,7 @@ double seconds_since(Clock::time_point start) {
 struct PutArgs {
   std::string file, target, content_type, range, session;
   bool create_bucket = false;
+  DeltaArgs delta;
 };
 
 // One upload in progress: the file actually read (standard input is
@@ -33,6 +34,7 @@ struct Upload {
   std::string session;
   std::atomic<uint64_t> held{0};  // bytes of acknowledged chunks
   TempFile spool;
+  std::string how;  // "full" when a patch upload fell back
 };
 
 std::optional<Failure> open_source(const std::string& file, Upload& up) {
@@ -149,9 +151,43 @@ int run_put(Context& c, const PutArgs& a, Upload& up) {
     if (int failed = verify_stored(c, up, d)) return failed;
   }
   forget_session(up.session);
-  print_summary(c.out, {"uploaded", up.shown, up.target.text(), sent, seconds_since(start), d.sha1},
-                json_object(d));
+  Summary summary{"uploaded", up.shown, up.target.text(), sent, seconds_since(start), d.sha1, up.how, {}};
+  if (!up.how.empty()) summary.wire = sent;
+  print_summary(c.out, summary, json_object(d));
   return 0;
+}
+
+// Sends only a patch against --base; falls back to the whole file when no
+// patch can be used, unless --no-fallback.
+int run_put_patch(Context& c, const PutArgs& a, Upload& up) {
+  for (const auto& [given, name] : {std::pair{!a.range.empty(), "--range"}, {!a.session.empty(), "--session"},
+                                    {!a.content_type.empty(), "--content-type"},
+                                    {a.create_bucket, "--create-bucket"}, {a.file == "-", "standard input"}})
+    if (given) throw UsageError(std::string(name) + " cannot be combined with --base");
+  check_delta_args(a.delta, up.target);
+  uint64_t base_size = 0;
+  if (auto failure = readable_file(a.delta.base, base_size)) return c.out.fail(*failure);
+  if (auto failure = open_source(a.file, up)) return c.out.fail(*failure);
+  Clock::time_point start = Clock::now();
+  // Blocks while the signature, the patch and the SHA-1 are computed.
+  auto future = c.client->put_patch(a.delta.base, up.path, up.target.bucket, a.delta.base_key, up.target.key,
+                                    delta_options(a.delta));
+  auto result = wait_for(future);
+  if (!result || interrupted() != 0) exit_interrupted(c.out, "interrupted; the patch upload was stopped");
+  if (*result && result->value().outcome == zel::DeltaOutcome::kPatched && result->value().details) {
+    const zel::ObjectDetails& d = *result->value().details;
+    if (int failed = verify_stored(c, up, d)) return failed;
+    print_summary(c.out,
+                  {"uploaded", up.shown, up.target.text(), up.size, seconds_since(start), d.sha1, "patch",
+                   result->value().patch_size},
+                  json_object(d));
+    return 0;
+  }
+  Failure why = no_patch(c, a.delta, up.target.text(), *result, true);
+  if (a.delta.no_fallback) return c.out.fail(why);
+  c.out.note("no patch upload (" + why.message + "); sending the whole file");
+  up.how = "full";
+  return run_put(c, a, up);
 }
 
 int start_put(Context& c, const PutArgs& a) {
@@ -159,6 +195,7 @@ int start_put(Context& c, const PutArgs& a) {
   Upload up;
   up.target = upload_target(a.target, a.file);
   up.session = a.session.empty() ? new_session_id() : a.session;
+  if (a.delta.on()) return run_put_patch(c, a, up);
   if (auto failure = open_source(a.file, up)) return c.out.fail(*failure);
   return run_put(c, a, up);
 }
@@ -174,7 +211,13 @@ void add_put(CLI::App& app, Context& ctx) {
   cmd->add_option("--range", args->range, "Send only bytes S-E of the file (inclusive)");
   cmd->add_option("--session", args->session, "Upload session id (default: a new one)");
   cmd->add_flag("--create-bucket", args->create_bucket, "Create the bucket when it does not exist");
-  cmd->footer("Example:\n  zel put holiday.mp4 videos/2024/ --content-type video/mp4");
+  add_delta_options(cmd, args->delta, "upload");
+  cmd->footer(
+      "Examples:\n  zel put holiday.mp4 videos/2024/ --content-type video/mp4\n"
+      "  zel put cut-v2.mp4 videos/cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4\n"
+      "With --base only a patch goes up and the service builds the new object from\n"
+      "--base-key; when the files differ too much or the patch fails, the whole file\n"
+      "is sent (unless --no-fallback).");
   cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return start_put(c, *args); }; });
 }
 
@@ -211,7 +254,8 @@ int send_missing(Context& c, const PutArgs& a, Upload& up, const std::vector<zel
   if (!details) return report_partial(c, up, total);
   if (int failed = verify_stored(c, up, *details)) return failed;
   forget_session(up.session);
-  print_summary(c.out, {"uploaded", up.shown, up.target.text(), total, seconds_since(start), details->sha1},
+  print_summary(c.out,
+                {"uploaded", up.shown, up.target.text(), total, seconds_since(start), details->sha1, "", {}},
                 json_object(*details));
   return 0;
 }
@@ -263,7 +307,7 @@ int run_resume(Context& c, const PutArgs& a) {
   if (!details) return c.fail(up.target.text(), details.error());
   if (int failed = verify_stored(c, up, details.value())) return failed;
   forget_session(up.session);
-  print_summary(c.out, {"uploaded", up.shown, up.target.text(), 0, 0, details.value().sha1},
+  print_summary(c.out, {"uploaded", up.shown, up.target.text(), 0, 0, details.value().sha1, "", {}},
                 json_object(details.value()));
   return 0;
 }

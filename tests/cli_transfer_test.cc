@@ -1,6 +1,7 @@
 // End-to-end tests of the zel tool's transfers: nothing unverified reaches a
 // user's file, interruptions leave a way forward, streams and destinations.
 #include <fstream>
+#include <thread>
 
 #include "cli_support.h"
 
@@ -242,6 +243,74 @@ TEST_F(CliTransferTest, DestinationsAsPeopleExpect) {
   EXPECT_NE(other.err.find("copies within one bucket"), std::string::npos) << other.err;
   EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/other%2Fh4.jpg/details", {kAuthHeader}).status,
             404);
+}
+
+// Patch transfers with --base: the summary states the bytes on the wire,
+// every fallback is a whole verified transfer, --no-fallback ends with 5.
+TEST_F(CliTransferTest, PatchTransfersFallBackToWholeOnesUnlessTold) {
+  std::string old_data = pattern_bytes(300000, 31), new_data = old_data;
+  for (size_t at : {5000u, 200000u}) new_data.replace(at, 500, pattern_bytes(500, 32));
+  std::string old_file = dir_.write("old.bin", old_data), new_file = dir_.write("new.bin", new_data);
+  std::string other_file = dir_.write("other.bin", pattern_bytes(300000, 33));
+  store("v1", old_data);
+  std::vector<std::string> env{"TMPDIR=" + dir_.file("")};
+  auto base = [&](std::vector<std::string> args) {
+    args.insert(args.end(), {"--base", old_file, "--base-key", "v1"});
+    return args;
+  };
+
+  Ran patched = zel(base({"--json", "put", new_file, "bkt/v2", "--ratio", "0.2"}), env);
+  ASSERT_EQ(patched.status, 0) << describe(patched);
+  EXPECT_EQ(stored("v2"), new_data);
+  EXPECT_EQ(str(result(patched), "transfer"), "patch");
+  EXPECT_GT(num(result(patched), "wire_bytes"), 1000);
+  EXPECT_LT(num(result(patched), "wire_bytes"), 30000) << "a few KB of patch, not the whole file";
+  Ran text = zel(base({"put", new_file, "bkt/v2b"}), env);
+  ASSERT_EQ(text.status, 0) << describe(text);
+  EXPECT_NE(text.out.find("uploaded " + new_file + " to bkt/v2b by patch: "), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find(" over the wire for 293.0 KiB ("), std::string::npos) << text.out;
+
+  Ran refused = zel(base({"put", other_file, "bkt/v3", "--ratio", "0.2", "--no-fallback"}), env);
+  EXPECT_EQ(refused.status, 5) << describe(refused);
+  EXPECT_NE(refused.err.find("differs from bkt/v1 by more than --ratio 0.2"), std::string::npos) << refused.err;
+  EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/v3/details", {kAuthHeader}).status, 404);
+  Ran whole = zel(base({"--json", "put", other_file, "bkt/v3", "--ratio", "0.2"}), env);
+  ASSERT_EQ(whole.status, 0) << describe(whole);
+  EXPECT_EQ(stored("v3"), pattern_bytes(300000, 33));
+  EXPECT_EQ(str(result(whole), "transfer"), "full");
+  EXPECT_EQ(num(result(whole), "wire_bytes"), 300000);
+
+  // No patch on the service yet: it is asked for one; meanwhile the object
+  // comes whole, and the target stays untouched with --no-fallback.
+  std::string keep = precious();
+  Ran not_ready = zel(base({"get", "bkt/v2", keep, "--no-fallback"}), env);
+  EXPECT_EQ(not_ready.status, 5) << describe(not_ready);
+  EXPECT_NE(not_ready.err.find("no patch from bkt/v1 yet"), std::string::npos) << not_ready.err;
+  expect_untouched(keep, not_ready);
+  Ran got = zel(base({"--json", "get", "bkt/v2", keep}), env);
+  for (int i = 0; i < 100 && got.status == 0 && str(result(got), "transfer") == "full"; ++i) {
+    EXPECT_EQ(xfer::read_file(keep), new_data);
+    precious();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    got = zel(base({"--json", "get", "bkt/v2", keep}), env);
+  }
+  ASSERT_EQ(got.status, 0) << describe(got);
+  EXPECT_EQ(str(result(got), "transfer"), "patch");
+  EXPECT_LT(num(result(got), "wire_bytes"), 30000);
+  EXPECT_EQ(xfer::read_file(keep), new_data);
+  EXPECT_TRUE(leftovers(".zel-").empty()) << "left behind: " << leftovers(".zel-")[0];
+
+  Ran close = zel({"match", "bkt/v1", new_file, "--ratio", "0.2"});
+  EXPECT_EQ(close.status, 0) << describe(close);
+  EXPECT_EQ(close.out, "match\n");
+  EXPECT_EQ(zel({"match", "bkt/v1", other_file, "--ratio", "0.2"}).out, "differs\n");
+
+  for (const auto& args : {std::vector<std::string>{"put", new_file, "bkt/v4", "--base", old_file},
+                           base({"put", new_file, "bkt/v1"}), base({"get", "bkt/v2", keep, "--range", "0-9"}),
+                           base({"put", new_file, "bkt/v4", "--session", "s"})}) {
+    Ran usage = zel(args);
+    EXPECT_EQ(usage.status, 2) << describe(usage);
+  }
 }
 
 TEST_F(CliTransferTest, StalledAttemptsAreAbortedAndTimeoutsApply) {

@@ -1,7 +1,10 @@
 // The C++ layer over the C interface: text conversions, results that
 // outlive the library's records, and completions that arrive exactly once.
+#include <sys/stat.h>
+
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 #include <zel/zel.hpp>
 
@@ -276,6 +279,76 @@ TEST_F(CppLayerTest, TheTokenIsProcessWide) {
   zel::set_token_provider(nullptr);
   zel::set_token("local-dev-token");
   EXPECT_TRUE(client_->bucket_details("bkt").get().ok());
+}
+
+// The outcomes a caller branches on, the bytes that arrive, and scratch
+// files that never outlive a call.
+TEST_F(CppLayerTest, DeltaOperationsSayWhichOutcomeHappened) {
+  std::string old_data = pattern_bytes(400000, 21), new_data = old_data;
+  for (size_t at : {1000u, 150000u, 390000u}) new_data.replace(at, 300, pattern_bytes(300, 22));
+  std::string old_file = dir_.write("old", old_data), new_file = dir_.write("new", new_data);
+  std::string other_file = dir_.write("other", pattern_bytes(400000, 23));
+  ASSERT_TRUE(client_->put_object(old_file, "bkt", "v1").get().ok());
+  zel::DeltaOptions options;
+  options.temp_dir = dir_.file("scratch");
+  ASSERT_EQ(mkdir(options.temp_dir.c_str(), 0700), 0);
+  auto scratch_is_empty = [&] {
+    std::error_code error;
+    return std::filesystem::is_empty(options.temp_dir, error);
+  };
+
+  options.ratio = 0.1;
+  struct {
+    const std::string* file;
+    zel::DeltaOutcome want;
+  } matches[] = {{&new_file, zel::DeltaOutcome::kMatched}, {&other_file, zel::DeltaOutcome::kTooDifferent}};
+  for (const auto& m : matches) {
+    auto r = client_->match("bkt", "v1", *m.file, options).get();
+    ASSERT_TRUE(r.ok()) << r.error().code << " " << r.error().message;
+    EXPECT_EQ(r.value().outcome, m.want) << *m.file;
+    EXPECT_EQ(r.value().match_value > 0, m.want == zel::DeltaOutcome::kMatched);
+  }
+  auto missing = client_->match("bkt", "nothing", new_file, options).get();
+  ASSERT_FALSE(missing.ok()) << "a failed signature download is an error, not an outcome";
+  EXPECT_EQ(missing.error().code, 404);
+
+  auto different = client_->put_patch(old_file, other_file, "bkt", "v1", "v2", options).get();
+  ASSERT_TRUE(different.ok()) << different.error().message;
+  EXPECT_EQ(different.value().outcome, zel::DeltaOutcome::kTooDifferent);
+  auto patched = client_->put_patch(old_file, new_file, "bkt", "v1", "v2", options).get();
+  ASSERT_TRUE(patched.ok()) << patched.error().code << " " << patched.error().message;
+  ASSERT_EQ(patched.value().outcome, zel::DeltaOutcome::kPatched);
+  ASSERT_TRUE(patched.value().details.has_value());
+  EXPECT_EQ(patched.value().details->sha1, sha1_hex(new_data));
+  ASSERT_TRUE(patched.value().patch_size.has_value()) << "the patch's size is seen while it goes up";
+  EXPECT_GT(*patched.value().patch_size, 900u);
+  EXPECT_LT(*patched.value().patch_size, new_data.size() / 10);
+  EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/v2", {kAuthHeader}).body, new_data);
+  EXPECT_TRUE(scratch_is_empty());
+
+  // The first download asks the service for the patch; a later one uses it.
+  std::string out = dir_.file("out");
+  zel::Result<zel::DeltaResult> got = zel::Error{};
+  for (int attempt = 0; attempt < 200; ++attempt) {
+    got = client_->get_patch("bkt", "v1", "v2", old_file, out, options).get();
+    ASSERT_TRUE(got.ok()) << got.error().code << " " << got.error().message;
+    if (got.value().outcome != zel::DeltaOutcome::kPatchNotReady) break;
+    EXPECT_FALSE(xfer::file_exists(out));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_EQ(got.value().outcome, zel::DeltaOutcome::kPatched);
+  EXPECT_EQ(xfer::read_file(out), new_data);
+  ASSERT_TRUE(got.value().patch_size.has_value());
+  EXPECT_LT(*got.value().patch_size, new_data.size() / 10);
+  options.ratio = 0.0;
+  auto too_large = client_->get_patch("bkt", "v1", "v2", old_file, dir_.file("out2"), options).get();
+  ASSERT_TRUE(too_large.ok());
+  EXPECT_EQ(too_large.value().outcome, zel::DeltaOutcome::kTooDifferent);
+  auto no_base = client_->get_patch("bkt", "v0", "v2", old_file, dir_.file("out2"), options).get();
+  ASSERT_FALSE(no_base.ok());
+  EXPECT_EQ(no_base.error().code, ZEL_PATCH_NO_DETAILS);
+  EXPECT_EQ(no_base.error().message, "Cannot get original object details");
+  EXPECT_TRUE(scratch_is_empty());
 }
 
 }  // namespace

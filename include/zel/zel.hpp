@@ -25,6 +25,10 @@
 //  - The C token function takes no arguments, so the token is process-wide:
 //    zel::set_token() or zel::set_token_provider() applies to every Client.
 //    An empty token sends no Authorization header.
+//  - Delta operations (match, put_patch, get_patch) report "too different"
+//    and "no patch yet" as outcomes of a successful Result, so callers can
+//    fall back to a whole transfer; put_patch blocks the calling thread while
+//    the signature, the patch and the SHA-1 are computed.
 //  - Each call's state is released with its final report. A download whose
 //    size query fails reports twice in the C interface (the query's failure,
 //    then "Cannot get object size"); the first reaches you, and the state is
@@ -35,14 +39,18 @@
 #include <zel/zel.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -223,6 +231,46 @@ struct GetOptions {
   std::optional<ByteRange> range;  // written from offset 0 of the file
   bool size_unknown = false;       // one request, no size query
   ProgressFn progress;
+};
+
+// ---------------------------------------------------------------- delta
+
+// How a delta operation ended when nothing failed. Only kPatched means the
+// wanted bytes are in place; the others leave everything as it was.
+enum class DeltaOutcome {
+  kMatched,        // match: the file is within the ratio of the stored object
+  kTooDifferent,   // the files differ by more than the ratio (match, put_patch),
+                   // or the service's patch is too large for it (get_patch)
+  kPatched,        // put_patch: the service applied the patch and stored the
+                   // new object; get_patch: the patched file is written
+  kPatchNotReady,  // get_patch: the service has no patch yet; it was asked to
+                   // make one, so a later call may find it
+};
+
+struct DeltaResult {
+  DeltaOutcome outcome = DeltaOutcome::kTooDifferent;
+  // put_patch, kPatched: the new object as the service stored it.
+  std::optional<ObjectDetails> details;
+  // Size of the patch that went over the wire (kPatched only), when it
+  // could be observed before the library removed the file.
+  std::optional<uint64_t> patch_size;
+  // match: the delta library's verdict (0: too different, >0: within).
+  int32_t match_value = 0;
+};
+
+struct DeltaOptions {
+  // match and put_patch: the largest share of difference that still counts
+  // as close (0.0 to 1.0); get_patch: patches of this share of the new
+  // object's size or more are refused.
+  double ratio = 0.5;
+  // Signatures, patches and the delta library's scratch files go here;
+  // empty: $TMPDIR, else /tmp. Each call removes its own files.
+  std::string temp_dir;
+  int32_t process_type = 0;  // passed through to the service (0 or more)
+  int32_t apply_mode = 0;    // get_patch: handed to the delta library
+  // put_patch: asked during the upload and while the service applies the
+  // patch, on library threads; true aborts.
+  std::function<bool()> abort;
 };
 
 // ---------------------------------------------------------------- token

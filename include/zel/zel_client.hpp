@@ -213,6 +213,140 @@ std::future<Result<T>> as_future(Start start) {
   return future;
 }
 
+// ---------------------------------------------------------------- delta
+
+// A delta call owns the names of its scratch files: the library removes
+// them on its own paths, and the final report removes whatever is left.
+struct DeltaCall : Call<DeltaResult> {
+  using Call<DeltaResult>::Call;
+  std::u16string sig_path, patch_path;
+  std::filesystem::path patch_file;  // the same name, to look at its size
+  std::function<bool()> abort;
+  std::mutex mutex;  // guards patch_size: abort checks may overlap
+  std::optional<uint64_t> patch_size;
+
+  void note_patch_size() noexcept {
+    std::error_code error;
+    uint64_t size = std::filesystem::file_size(patch_file, error);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!error && !patch_size) patch_size = size;
+  }
+  void remove_scratch() noexcept {
+    std::error_code error;
+    if (!sig_path.empty()) std::filesystem::remove(std::filesystem::path(sig_path), error);
+    if (!patch_path.empty()) std::filesystem::remove(patch_file, error);
+  }
+  void succeed(DeltaResult result) noexcept {
+    deliver<DeltaResult>(as_user_data(), [&] { return Result<DeltaResult>(std::move(result)); });
+  }
+  void fail(int32_t code, const char* message) noexcept {
+    remove_scratch();
+    deliver<DeltaResult>(as_user_data(), [&] { return Result<DeltaResult>(Error{code, message ? message : ""}); });
+  }
+  // The library hands user data back to callbacks that reach it as a
+  // Call<DeltaResult>, so that is the pointer it is given.
+  void* as_user_data() noexcept { return static_cast<Call<DeltaResult>*>(this); }
+  static DeltaCall* of(void* user_data) noexcept {
+    return static_cast<DeltaCall*>(static_cast<Call<DeltaResult>*>(user_data));
+  }
+  std::optional<uint64_t> observed_patch_size() noexcept {
+    std::lock_guard<std::mutex> lock(mutex);
+    return patch_size;
+  }
+};
+
+inline DeltaResult outcome(DeltaOutcome what) {
+  DeltaResult result;
+  result.outcome = what;
+  return result;
+}
+
+// A fresh name in `dir` for one scratch file; the library creates the file.
+inline std::u16string scratch_name(const std::string& dir, const char* kind) {
+  std::filesystem::path base;
+  if (dir.empty()) {
+    std::error_code error;
+    base = std::filesystem::temp_directory_path(error);
+    if (error) base = ".";
+  } else {
+    base = std::filesystem::u8path(dir);
+  }
+  static std::atomic<uint64_t> counter{0};
+  std::random_device device;
+  char name[64];
+  std::snprintf(name, sizeof name, ".zel-%s-%08x%08x-%llu", kind, device(), device(),
+                static_cast<unsigned long long>(++counter));
+  return to_utf16((base / name).u8string());
+}
+
+inline std::u16string temp_dir_of(const std::string& dir) {
+  if (!dir.empty()) return to_utf16(dir);
+  std::error_code error;
+  std::filesystem::path base = std::filesystem::temp_directory_path(error);
+  return to_utf16(error ? std::string(".") : base.u8string());
+}
+
+inline void on_match_status(const ZELMatchObjectResp* resp, void* user_data) noexcept {
+  DeltaCall::of(user_data)->fail(resp->code, resp->message);
+}
+
+inline void on_match(int32_t value, void* user_data) noexcept {
+  DeltaResult result = outcome(value > 0 ? DeltaOutcome::kMatched : DeltaOutcome::kTooDifferent);
+  result.match_value = value;
+  DeltaCall::of(user_data)->succeed(std::move(result));
+}
+
+inline void on_put_patch_status(const ZELPutPatchResp* resp, void* user_data) noexcept {
+  auto* call = DeltaCall::of(user_data);
+  if (resp->code != ZEL_PATCH_TOO_DIFFERENT) return call->fail(resp->code, resp->message);
+  call->remove_scratch();
+  call->succeed(outcome(DeltaOutcome::kTooDifferent));
+}
+
+inline void on_put_patch_done(const ZELObjectDetails* d, void* user_data) noexcept {
+  auto* call = DeltaCall::of(user_data);
+  call->remove_scratch();
+  deliver<DeltaResult>(call->as_user_data(), [&] {
+    DeltaResult result = outcome(DeltaOutcome::kPatched);
+    if (d != nullptr) result.details = copy_object(d);
+    result.patch_size = call->observed_patch_size();
+    return Result<DeltaResult>(std::move(result));
+  });
+}
+
+// Called while the patch goes up (so the patch file is still there: the
+// library removes it only once the upload is done) and between polls.
+inline int32_t on_put_patch_abort(void* user_data) noexcept {
+  auto* call = DeltaCall::of(user_data);
+  call->note_patch_size();
+  try {
+    return call->abort && call->abort() ? 1 : 0;
+  } catch (...) {
+    return 1;
+  }
+}
+
+inline void on_get_patch_status(const ZELGetPatchResp* resp, void* user_data) noexcept {
+  auto* call = DeltaCall::of(user_data);
+  const char* message = resp->message ? resp->message : "";
+  // A failed patch-details query also asks the service to make the patch.
+  bool not_ready = resp->code == ZEL_PATCH_NOT_FOUND ||
+                   (resp->code == ZEL_PATCH_NO_DETAILS &&
+                    std::strcmp(message, "Cannot get patch object details") == 0);
+  if (!not_ready && resp->code != ZEL_PATCH_TOO_DIFFERENT) return call->fail(resp->code, message);
+  call->remove_scratch();
+  call->succeed(outcome(not_ready ? DeltaOutcome::kPatchNotReady : DeltaOutcome::kTooDifferent));
+}
+
+// The library removes the patch file after this returns.
+inline void on_get_patch_done(void* user_data) noexcept {
+  auto* call = DeltaCall::of(user_data);
+  call->note_patch_size();
+  DeltaResult result = outcome(DeltaOutcome::kPatched);
+  result.patch_size = call->observed_patch_size();
+  call->succeed(std::move(result));
+}
+
 inline std::unique_ptr<ZELStream, StreamFree> make_stream(const std::string& file) {
   std::unique_ptr<ZELStream, StreamFree> stream(zel_stream_init(to_utf16(file).c_str()));
   if (!stream) throw std::bad_alloc();
@@ -386,6 +520,88 @@ class Client {
     zel_copy_object(handle_.get(), &opt, new detail::Call<ObjectDetails>(std::move(done)));
   }
 
+  // Downloads the signature of bucket/key and compares `file` with it:
+  // kMatched or kTooDifferent (by options.ratio).
+  void match(const std::string& bucket, const std::string& key, const std::string& file,
+             const DeltaOptions& options, Callback<DeltaResult> done) {
+    std::u16string wbucket = to_utf16(bucket), wkey = to_utf16(key), wfile = to_utf16(file);
+    std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
+    auto call = std::make_unique<detail::DeltaCall>(std::move(done));
+    call->sig_path = detail::scratch_name(options.temp_dir, "sig");
+    ZELMatchObjectOpt opt{};
+    opt.bucket_key = wbucket.c_str();
+    opt.orig_key = wkey.c_str();
+    opt.sig_path = call->sig_path.c_str();
+    opt.dest = wfile.c_str();
+    opt.temp_dir = wtemp.c_str();
+    opt.ratio = options.ratio;
+    opt.callback = detail::on_match_status;
+    opt.match_callback = detail::on_match;
+    zel_match_object(handle_.get(), &opt, call.release()->as_user_data());
+  }
+
+  // Stores `new_file` as bucket/new_key by uploading only a patch against
+  // bucket/base_key, whose content `base_file` must equal; the service
+  // applies the patch. Blocks while the patch is computed. kPatched (with
+  // the new object's details) or kTooDifferent. new_key must differ from
+  // base_key: the patch travels as new_key's content.
+  void put_patch(const std::string& base_file, const std::string& new_file, const std::string& bucket,
+                 const std::string& base_key, const std::string& new_key, const DeltaOptions& options,
+                 Callback<DeltaResult> done) {
+    std::u16string wbucket = to_utf16(bucket), wbase = to_utf16(base_key), wnew = to_utf16(new_key);
+    std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
+    auto origin = detail::make_stream(base_file), derived = detail::make_stream(new_file);
+    auto call = std::make_unique<detail::DeltaCall>(std::move(done));
+    call->sig_path = detail::scratch_name(options.temp_dir, "sig");
+    call->patch_path = detail::scratch_name(options.temp_dir, "patch");
+    call->patch_file = std::filesystem::path(call->patch_path);
+    call->abort = options.abort;
+    ZELPutPatchOpt opt{};
+    opt.origin_stream = origin.get();
+    opt.derv_stream = derived.get();
+    opt.signature_path = call->sig_path.c_str();
+    opt.patch_path = call->patch_path.c_str();
+    opt.bucket_key = wbucket.c_str();
+    opt.origin_key = wbase.c_str();
+    opt.derv_key = wnew.c_str();
+    opt.temp_dir = wtemp.c_str();
+    opt.process_type = options.process_type;
+    opt.ratio = options.ratio;
+    opt.callback = detail::on_put_patch_status;
+    opt.details_callback = detail::on_put_patch_done;
+    opt.abort_callback = detail::on_put_patch_abort;
+    zel_put_patch(handle_.get(), &opt, call.release()->as_user_data());
+  }
+
+  // Writes the content of bucket/new_key to `out_file` by downloading the
+  // service's patch from bucket/base_key and applying it to `base_file`.
+  // kPatched, kTooDifferent (the patch is too large for options.ratio) or
+  // kPatchNotReady (the service was asked to make the patch).
+  void get_patch(const std::string& bucket, const std::string& base_key, const std::string& new_key,
+                 const std::string& base_file, const std::string& out_file, const DeltaOptions& options,
+                 Callback<DeltaResult> done) {
+    std::u16string wbucket = to_utf16(bucket), wbase = to_utf16(base_key), wnew = to_utf16(new_key);
+    std::u16string wbase_file = to_utf16(base_file), wout = to_utf16(out_file);
+    std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
+    auto call = std::make_unique<detail::DeltaCall>(std::move(done));
+    call->patch_path = detail::scratch_name(options.temp_dir, "patch");
+    call->patch_file = std::filesystem::path(call->patch_path);
+    ZELGetPatchOpt opt{};
+    opt.bucket_key = wbucket.c_str();
+    opt.orig_key = wbase.c_str();
+    opt.dest_key = wnew.c_str();
+    opt.orig = wbase_file.c_str();
+    opt.patch = call->patch_path.c_str();
+    opt.dest = wout.c_str();
+    opt.temp_dir = wtemp.c_str();
+    opt.apply_mode = options.apply_mode;
+    opt.preprocess = options.process_type;
+    opt.ratio = options.ratio;
+    opt.callback = detail::on_get_patch_status;
+    opt.done_callback = detail::on_get_patch_done;
+    zel_get_patch(handle_.get(), &opt, call.release()->as_user_data());
+  }
+
   // The same operations returning futures.
   std::future<Result<BucketDetails>> create_bucket(const std::string& key, uint32_t policy,
                                                    const std::vector<Permission>& permissions) {
@@ -436,6 +652,22 @@ class Client {
   std::future<Result<ObjectDetails>> copy_object(const std::string& bucket, const std::string& source,
                                                  const std::string& destination) {
     return detail::as_future<ObjectDetails>([&](auto cb) { copy_object(bucket, source, destination, cb); });
+  }
+  std::future<Result<DeltaResult>> match(const std::string& bucket, const std::string& key,
+                                         const std::string& file, const DeltaOptions& options = {}) {
+    return detail::as_future<DeltaResult>([&](auto cb) { match(bucket, key, file, options, cb); });
+  }
+  std::future<Result<DeltaResult>> put_patch(const std::string& base_file, const std::string& new_file,
+                                             const std::string& bucket, const std::string& base_key,
+                                             const std::string& new_key, const DeltaOptions& options = {}) {
+    return detail::as_future<DeltaResult>(
+        [&](auto cb) { put_patch(base_file, new_file, bucket, base_key, new_key, options, cb); });
+  }
+  std::future<Result<DeltaResult>> get_patch(const std::string& bucket, const std::string& base_key,
+                                             const std::string& new_key, const std::string& base_file,
+                                             const std::string& out_file, const DeltaOptions& options = {}) {
+    return detail::as_future<DeltaResult>(
+        [&](auto cb) { get_patch(bucket, base_key, new_key, base_file, out_file, options, cb); });
   }
 
  private:
