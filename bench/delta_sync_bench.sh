@@ -129,14 +129,14 @@ phase() {
   done
 }
 phase uncapped "$runs"
-phase "at $cap B/s" "$capped_runs" "$cap"
+phase "capped" "$capped_runs" "$cap"
 
 # median, min and max of column $2 of file $1
 stats() { sort -k"$2,$2"g "$1" | awk -v c="$2" '{ v[NR] = $c } END { printf "%s %s %s\n", v[int((NR + 1) / 2)], v[1], v[NR] }'; }
 median() { stats "$1" "$2" | cut -d' ' -f1; }
 
 echo
-echo "size ${size_mib} MiB ($size bytes), one ${edit}-byte edit per MiB; signature $sig_size bytes; $(nproc) cores"
+echo "size ${size_mib} MiB ($size bytes), one ${edit}-byte edit per MiB; signature $sig_size bytes; capped: $cap B/s on one connection; $(nproc) cores"
 printf '%-28s %5s %24s %26s %24s\n' transfer runs "seconds med (min-max)" "wire bytes med (min-max)" \
   "peak RSS MiB med (min-max)"
 for file in "$work/runs"/*; do
@@ -150,7 +150,7 @@ done
 
 echo
 limit_kib=$(( (64 * 1048576 + sig_size) / 1024 ))
-for label in uncapped "at $cap B/s"; do
+for label in uncapped capped; do
   for way in upload download; do
     whole_file="$work/runs/whole $way $label" patch_file="$work/runs/patch $way $label"
     [ -s "$patch_file" ] || continue
