@@ -208,11 +208,11 @@ void add_get(CLI::App& app, Context& ctx, bool by_url) {
   if (by_url) cmd->add_flag("--auth", args->auth, "Send the bearer token");
   if (!by_url) add_delta_options(cmd, args->delta, "download");
   cmd->footer(by_url ? "Example:\n  zel get-url https://cdn.example.com/f/holiday.mp4 holiday.mp4"
-                     : "Examples:\n  zel get videos/2024/holiday.mp4 ~/Videos/\n"
-                       "  zel get videos/cut-v2.mp4 cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4\n"
-                       "With --base only the service's patch comes down and is applied to the local\n"
-                       "file. When the service has no patch yet it is asked to make one and the whole\n"
-                       "object is fetched (unless --no-fallback); the next get can use the patch.");
+                     : "Example:\n  zel get videos/2024/holiday.mp4 ~/Videos/\n"
+                       "Patch download: only the service's patch comes down and is applied to --base.\n"
+                       "When the service has no patch yet it is asked to make one and the whole object\n"
+                       "is fetched (unless --no-fallback); a later get can use the patch:\n"
+                       "  zel get videos/cut-v2.mp4 cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4");
   cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return run_get(c, *args); }; });
 }
 

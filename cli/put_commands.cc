@@ -213,11 +213,11 @@ void add_put(CLI::App& app, Context& ctx) {
   cmd->add_flag("--create-bucket", args->create_bucket, "Create the bucket when it does not exist");
   add_delta_options(cmd, args->delta, "upload");
   cmd->footer(
-      "Examples:\n  zel put holiday.mp4 videos/2024/ --content-type video/mp4\n"
-      "  zel put cut-v2.mp4 videos/cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4\n"
-      "With --base only a patch goes up and the service builds the new object from\n"
-      "--base-key; when the files differ too much or the patch fails, the whole file\n"
-      "is sent (unless --no-fallback).");
+      "Example:\n  zel put holiday.mp4 videos/2024/ --content-type video/mp4\n"
+      "Patch upload: only a patch against --base goes up and the service builds the new\n"
+      "object from --base-key; when the files differ too much or the patch fails, the\n"
+      "whole file is sent (unless --no-fallback):\n"
+      "  zel put cut-v2.mp4 videos/cut-v2.mp4 --base cut-v1.mp4 --base-key cut-v1.mp4");
   cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return start_put(c, *args); }; });
 }
 

@@ -436,7 +436,8 @@ TEST_F(CliTest, CompletionAndManPageFollowTheHelp) {
   EXPECT_EQ(complete("zel re"), "revoke restore resume\n");
   EXPECT_EQ(complete("zel --json p"), "put\n");
   EXPECT_EQ(complete("zel put --c"), "--content-type --create-bucket\n");
-  EXPECT_EQ(complete("zel --chunk-size 8M get --r"), "--range\n");
+  EXPECT_EQ(complete("zel --chunk-size 8M get --r"), "--range --ratio\n");
+  EXPECT_EQ(complete("zel get --base"), "--base --base-key\n");
   EXPECT_EQ(complete("zel help g"), "grant get get-url\n");
   EXPECT_EQ(complete("zel --api \"\""), "1 2\n");
 
