@@ -3,7 +3,6 @@
 // them when a request may be taken again.
 #include "httppool.h"
 
-#include <pthread.h>
 
 #include <atomic>
 
@@ -20,7 +19,7 @@ struct IdleEntry {
 };
 
 struct HttpPool {
-  pthread_cond_t gate;
+  zel::cnd_t gate;
   zel::mtx_t state;
   IdleEntry* idle;  // last in, first out: the warmest connection goes next
   int capacity;
@@ -32,7 +31,7 @@ std::atomic<HttpPool*> g_pool{nullptr};
 
 // Called with the state lock held after every change of the counts.
 void apply_gate(HttpPool* pool) {
-  if (pool->available >= 1) pthread_cond_broadcast(&pool->gate);
+  if (pool->available >= 1) zel::cnd_broadcast(&pool->gate);
 }
 
 void recount(HttpPool* pool) {
@@ -53,14 +52,14 @@ HttpPool* create_pool() {
     ZLOG("Cannot initialize HTTP pool");
     return nullptr;
   }
-  if (pthread_cond_init(&pool->gate, nullptr) != 0) {
+  if (zel::cnd_init(&pool->gate) != zel::thrd_success) {
     ZLOG("%s", thread_result_message(zel::thrd_error));
     mem_free(pool);
     return nullptr;
   }
   if (zel::mtx_init(&pool->state, zel::mtx_plain) != zel::thrd_success) {
     ZLOG("%s", thread_result_message(zel::thrd_error));
-    pthread_cond_destroy(&pool->gate);
+    zel::cnd_destroy(&pool->gate);
     mem_free(pool);
     return nullptr;
   }
@@ -117,7 +116,7 @@ HttpRequest* http_pool_acquire() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return http_request_init();
   zel::mtx_lock(&pool->state);
-  while (pool->available < 1) pthread_cond_wait(&pool->gate, &pool->state.native);
+  while (pool->available < 1) zel::cnd_wait(&pool->gate, &pool->state);
   pool->in_use++;
   pool->available--;
   IdleEntry* entry = pool->idle;
@@ -202,7 +201,7 @@ void http_pool_cleanup() {
     http_request_cleanup(entry->request);
     mem_free(entry);
   }
-  pthread_cond_destroy(&pool->gate);
+  zel::cnd_destroy(&pool->gate);
   zel::mtx_destroy(&pool->state);
   mem_free(pool);
 }

@@ -28,7 +28,7 @@ struct WorkerRecord {
 
 struct ThreadPool {
   zel::mtx_t lock;      // guards the queue and the counters
-  pthread_cond_t idle;  // signalled when the last running worker leaves
+  zel::cnd_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;
   unsigned limit;
@@ -54,7 +54,7 @@ void leave(ThreadPool* pool, WorkerRecord* self) {
   pool->finished = self;
   pool->running--;
   recount(pool);
-  if (pool->running == 0) pthread_cond_broadcast(&pool->idle);
+  if (pool->running == 0) zel::cnd_broadcast(&pool->idle);
 }
 
 // With the lock held: the next task, or nullptr when the queue is empty.
@@ -186,7 +186,7 @@ int thread_pool_init(int limit) {
       mem_free(pool);
       return -1;
     }
-    if (pthread_cond_init(&pool->idle, nullptr) != 0) {
+    if (zel::cnd_init(&pool->idle) != zel::thrd_success) {
       ZLOG("%s", thread_result_message(zel::thrd_error));
       zel::mtx_destroy(&pool->lock);
       mem_free(pool);
@@ -241,13 +241,13 @@ void thread_pool_cleanup() {
     task = next;
   }
   zel::mtx_lock(&pool->lock);
-  while (pool->running > 0) pthread_cond_wait(&pool->idle, &pool->lock.native);
+  while (pool->running > 0) zel::cnd_wait(&pool->idle, &pool->lock);
   WorkerRecord* finished = pool->finished;
   pool->finished = nullptr;
   zel::mtx_unlock(&pool->lock);
   join_finished(finished);
   g_pool.store(nullptr);
-  pthread_cond_destroy(&pool->idle);
+  zel::cnd_destroy(&pool->idle);
   zel::mtx_destroy(&pool->lock);
   mem_free(pool);
 }
