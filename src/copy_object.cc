@@ -9,7 +9,8 @@ const OptField kFields[] = {
     OPT_FIELD(wide, Opt, destination_key, "Cannot allocate memory for ZELCopyObjectOpt destination key"),
     OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for ZELCopyObjectOpt bucket key"),
     OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELCopyObjectOpt headers")};
-const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELCopyObjectOpt", kFields);
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELCopyObjectOpt", kFields);
 
 const char* missing(const void* raw) {
   const auto* opt = static_cast<const Opt*>(raw);

@@ -2,8 +2,8 @@
 
 #include "bucket.h"
 #include "cache.h"
-#include "object_op.h"
 #include "json.h"
+#include "object_op.h"
 #include "util.h"
 #include "zel_internal.h"
 
@@ -15,7 +15,8 @@ const OptField kFields[] = {
     OPT_FIELD(wide, Opt, key, "Cannot allocate memory for ZELCreateBucketOpt key"),
     OPT_FIELD(permissions, Opt, permissions, "Cannot clone the ZELCreateBucketOpt permissions list"),
     OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELCreateBucketOpt headers")};
-const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELCreateBucketOpt", kFields);
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELCreateBucketOpt", kFields);
 
 void remember_bucket(const ZEL* handle, const char16_t* key) {
   if (handle->auto_create_bucket == 0) return;
@@ -29,7 +30,8 @@ void on_success(const OpCall& call, const Exchange& exchange) {
   remember_bucket(call.handle, opt->key);
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* body = exchange.body();
-  if (details == nullptr || body == nullptr || bucket_details_fromjson(body, details, call.handle->api_version) != 0) {
+  if (details == nullptr || body == nullptr ||
+      bucket_details_fromjson(body, details, call.handle->api_version) != 0) {
     call.report(200, "Cannot unmarshal json response");
   } else if (opt->details_callback != nullptr) {
     opt->details_callback(details, call.user_data);
@@ -51,7 +53,9 @@ void on_failure(const OpCall& call, const Exchange& exchange) {
   call.report(exchange.status(), verdict.message());
 }
 
-char* to_json(const void* opt, uint32_t version) { return create_bucket_tojson(static_cast<const Opt*>(opt), version); }
+char* to_json(const void* opt, uint32_t version) {
+  return create_bucket_tojson(static_cast<const Opt*>(opt), version);
+}
 
 const Operation kOperation = [] {
   Operation op;

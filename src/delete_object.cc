@@ -8,7 +8,8 @@ const OptField kFields[] = {
     OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for the ZELDeleteObjectOpt bucket_key"),
     OPT_FIELD(wide, Opt, key, "Cannot allocate memory for the ZELDeleteObjectOpt key"),
     OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELDeleteObjectOpt headers")};
-const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELDeleteObjectOpt", kFields);
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELDeleteObjectOpt", kFields);
 
 const char* missing(const void* raw) {
   const auto* opt = static_cast<const Opt*>(raw);

@@ -69,12 +69,24 @@ bool copy_field(const OptField& f, const void* source, void* copy) {
 
 void free_field(const OptField& f, void* copy) {
   switch (f.kind) {
-    case FieldKind::wide: mem_free(field<char16_t>(copy, f.offset)); break;
-    case FieldKind::text: mem_free(field<char>(copy, f.offset)); break;
-    case FieldKind::headers: zel_headers_cleanup(field<ZELHeaders>(copy, f.offset)); break;
-    case FieldKind::permissions: zel_permissions_cleanup(field<ZELBucketPermissions>(copy, f.offset)); break;
-    case FieldKind::range: byte_range_cleanup(field<ZELByteRange>(copy, f.offset)); break;
-    case FieldKind::stream: zel_stream_cleanup(field<ZELStream>(copy, f.offset)); break;
+    case FieldKind::wide:
+      mem_free(field<char16_t>(copy, f.offset));
+      break;
+    case FieldKind::text:
+      mem_free(field<char>(copy, f.offset));
+      break;
+    case FieldKind::headers:
+      zel_headers_cleanup(field<ZELHeaders>(copy, f.offset));
+      break;
+    case FieldKind::permissions:
+      zel_permissions_cleanup(field<ZELBucketPermissions>(copy, f.offset));
+      break;
+    case FieldKind::range:
+      byte_range_cleanup(field<ZELByteRange>(copy, f.offset));
+      break;
+    case FieldKind::stream:
+      zel_stream_cleanup(field<ZELStream>(copy, f.offset));
+      break;
   }
 }
 
@@ -320,7 +332,8 @@ void deliver_object_details(LogSite site, const OpCall& call, const Exchange& ex
       object_details_fromjson(body, details, call.handle->api_version) == 0) {
     details_callback(details, call.user_data);
   } else {
-    if (details != nullptr) ZLOG_AT(site, "Cannot unmarshall json response: %s", body != nullptr ? body : "(null)");
+    if (details != nullptr)
+      ZLOG_AT(site, "Cannot unmarshall json response: %s", body != nullptr ? body : "(null)");
     call.report(200, "Cannot unmarshall json response");
   }
   zel_object_details_cleanup(details);

@@ -96,7 +96,8 @@ struct OptTable {
   size_t count;
 };
 
-#define OPT_FIELD(kind, Record, member, failure) OptField{FieldKind::kind, offsetof(Record, member), failure}
+#define OPT_FIELD(kind, Record, member, failure) \
+  OptField { FieldKind::kind, offsetof(Record, member), failure }
 
 template <class Record, size_t N>
 constexpr OptTable opt_table(LogSite site, const char* record_failure, const OptField (&fields)[N]) {
@@ -128,10 +129,10 @@ bool copy_headers(const ZELHeaders* source, ZELHeaders** target);
 // and released by decorator_free.
 
 struct DecoratorRules {
-  LogSite site;               // where the decorator's own failures are logged
-  const char* record_name;    // logged "Cannot allocate memory for <name>"
-  bool copies_required;       // a missing handle or options record is a failure
-  bool log_clone_failures;    // log "Unable to clone zel" / "Unable to clone opt"
+  LogSite site;             // where the decorator's own failures are logged
+  const char* record_name;  // logged "Cannot allocate memory for <name>"
+  bool copies_required;     // a missing handle or options record is a failure
+  bool log_clone_failures;  // log "Unable to clone zel" / "Unable to clone opt"
 };
 
 // Fills *handle and *opt with copies; false (nothing left allocated) when a
@@ -191,8 +192,10 @@ struct PathArg {
   enum Kind : uint8_t { none, name, text } kind;
   size_t offset;
 };
-#define PATH_NAME(Record, member) PathArg{PathArg::name, offsetof(Record, member)}
-#define PATH_TEXT(Record, member) PathArg{PathArg::text, offsetof(Record, member)}
+#define PATH_NAME(Record, member) \
+  PathArg { PathArg::name, offsetof(Record, member) }
+#define PATH_TEXT(Record, member) \
+  PathArg { PathArg::text, offsetof(Record, member) }
 
 using ReportFn = void (*)(const void* opt, int32_t code, const char* message, void* user_data);
 
@@ -220,17 +223,17 @@ struct Operation {
   const ZELHeaders* (*headers)(const void* opt) = nullptr;  // headers_of<Opt>
 
   // Worker.
-  LogSite site{nullptr, 0};                 // the module's own log lines
+  LogSite site{nullptr, 0};                           // the module's own log lines
   const char* (*missing)(const void* opt) = nullptr;  // message of a missing field, or none
-  const char* path = nullptr;               // "/buckets/%s/objects/%s": args fill the %s in order
+  const char* path = nullptr;                         // "/buckets/%s/objects/%s": args fill the %s in order
   PathArg args[3] = {};
   // Writes the URL itself instead of `path`; returns a failure message or none.
   const char* (*url)(const OpCall& call, char* url, long* url_length) = nullptr;
   HttpMethod method = HttpMethod::get;
   const char* content_type = nullptr;
   char* (*body)(const void* opt, uint32_t api_version) = nullptr;  // mem_free'd after the exchange
-  const char* body_failure = nullptr;       // reported with code 0 when `body` gives none
-  int32_t success[2] = {200, 0};            // statuses handled by on_success (0: unused)
+  const char* body_failure = nullptr;  // reported with code 0 when `body` gives none
+  int32_t success[2] = {200, 0};       // statuses handled by on_success (0: unused)
   void (*on_success)(const OpCall& call, const Exchange& exchange) = nullptr;
   // Replaces the standard failure report (report_failure) when set.
   void (*on_failure)(const OpCall& call, const Exchange& exchange) = nullptr;

@@ -28,7 +28,8 @@ void on_success(const OpCall& call, const Exchange& exchange) {
   if (opt->details_callback == nullptr) return;
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* body = exchange.body();
-  if (details != nullptr && body != nullptr && bucket_details_fromjson(body, details, handle->api_version) == 0) {
+  if (details != nullptr && body != nullptr &&
+      bucket_details_fromjson(body, details, handle->api_version) == 0) {
     opt->details_callback(details, call.user_data);
   } else {
     ZLOG("Cannot unmarshal json response: %s", body != nullptr ? body : "(null)");

@@ -25,8 +25,9 @@ void on_success(const OpCall& call, const Exchange& exchange) {
 // Both API versions are asked for the three dates.
 const Operation kOperation = [] {
   Operation op;
-  object_operation<Opt>(op, kCopy,
-                        "/buckets/%s/objects/%s/details?with=createdDate&with=lastAccessedDate&with=lastModifiedDate");
+  object_operation<Opt>(
+      op, kCopy,
+      "/buckets/%s/objects/%s/details?with=createdDate&with=lastAccessedDate&with=lastModifiedDate");
   OPERATION_NAMES(op, "ZELGetObjectDetails");
   op.site = ZSITE;
   op.missing = missing;

@@ -26,7 +26,8 @@ void on_success(const OpCall& call, const Exchange& exchange) {
   if (opt->permissions_callback == nullptr) return;
   ZELBucketPermissions* list = zel_permissions_init();
   const char* body = exchange.body();
-  if (list != nullptr && body != nullptr && bucket_permissions_fromjson(body, list, call.handle->api_version) == 0) {
+  if (list != nullptr && body != nullptr &&
+      bucket_permissions_fromjson(body, list, call.handle->api_version) == 0) {
     opt->permissions_callback(list, call.user_data);
   } else {
     ZLOG("%s", body != nullptr ? body : "(null)");

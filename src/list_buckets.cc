@@ -12,7 +12,8 @@ constexpr uint32_t kDefaultPageSize = 10;
 const OptField kFields[] = {OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELListBucketsOpt headers"),
                             OPT_FIELD(wide, Opt, region, "Cannot clone the ZELListBucketsOpt region"),
                             OPT_FIELD(wide, Opt, start_at, "Cannot clone the ZELListBucketsOpt start at")};
-const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELListBucketsOpt", kFields);
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELListBucketsOpt", kFields);
 
 // "/buckets?limit=%u[&region=%s][&startAt=%s]"; an empty value is left out.
 const char* build_url(const OpCall& call, char* url, long* url_length) {
@@ -43,7 +44,8 @@ void on_success(const OpCall& call, const Exchange& exchange) {
   if (opt->list_callback == nullptr) return;
   ZELListBucketsDetails* page = list_buckets_details_init();
   const char* body = exchange.body();
-  if (page != nullptr && body != nullptr && list_buckets_fromjson(body, page, call.handle->api_version) >= 0) {
+  if (page != nullptr && body != nullptr &&
+      list_buckets_fromjson(body, page, call.handle->api_version) >= 0) {
     opt->list_callback(page, call.user_data);
   } else {
     ZLOG("Cannot unmarshall json response: %s", body != nullptr ? body : "(null)");

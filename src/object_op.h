@@ -6,7 +6,7 @@
 
 // The record names an operation logs and reports: "<base>Opt",
 // "<base>Decorator" and "Cannot allocate memory for <base>Decorator".
-#define OPERATION_NAMES(op, base)                                     \
+#define OPERATION_NAMES(op, base)                                      \
   ((op).opt_name = base "Opt", (op).decorator_name = base "Decorator", \
    (op).decorator_failure = "Cannot allocate memory for " base "Decorator")
 

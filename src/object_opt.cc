@@ -31,7 +31,8 @@ const OptTable kGetCopy =
 const OptField kByUrlFields[] = {
     OPT_FIELD(wide, ZELGetObjectByURLOpt, download_url,
               "Cannot allocate memory for the ZELGetObjectByURLOpt download_url"),
-    OPT_FIELD(range, ZELGetObjectByURLOpt, range, "Cannot allocate memory for the ZELGetObjectByURLOpt range"),
+    OPT_FIELD(range, ZELGetObjectByURLOpt, range,
+              "Cannot allocate memory for the ZELGetObjectByURLOpt range"),
     OPT_FIELD(stream, ZELGetObjectByURLOpt, stream, "Cannot allocate for the ZELGetObjectByURLOpt stream"),
     OPT_FIELD(headers, ZELGetObjectByURLOpt, headers,
               "Cannot allocate memory for the ZELGetObjectByURLOpt headers")};
@@ -40,7 +41,9 @@ const OptTable kByUrlCopy = opt_table<ZELGetObjectByURLOpt>(
 
 // A transfer decorator copies what it was given: a missing handle or
 // options record stays missing.
-DecoratorRules transfer_rules(LogSite site, const char* record_name) { return {site, record_name, false, false}; }
+DecoratorRules transfer_rules(LogSite site, const char* record_name) {
+  return {site, record_name, false, false};
+}
 
 }  // namespace
 
@@ -57,8 +60,8 @@ void get_object_by_url_opt_cleanup(ZELGetObjectByURLOpt* opt) { opt_free(kByUrlC
 
 ZELPutObjectDecorator* put_object_decorator_init(const ZEL* handle, const ZELPutObjectOpt* opt, uint64_t size,
                                                  void* user_data) {
-  auto* decorator = decorator_make<ZELPutObjectDecorator>(
-      transfer_rules(ZSITE, "ZELPutObjectDecorator"), kPutCopy, handle, opt, user_data);
+  auto* decorator = decorator_make<ZELPutObjectDecorator>(transfer_rules(ZSITE, "ZELPutObjectDecorator"),
+                                                          kPutCopy, handle, opt, user_data);
   if (decorator != nullptr) decorator->size = size;
   return decorator;
 }
