@@ -12,7 +12,8 @@
 
 #include "alloc.h"
 #include "object.h"
-#include "record_log.h"
+#include "alloc_walk.h"
+#include "captured_log.h"
 #include "util.h"
 
 namespace {
@@ -29,25 +30,9 @@ std::vector<Range> ranges_of(const ZELByteRanges* list) {
   return out;
 }
 
-// Calls `attempt` with the n-th allocation failing, for n = 1, 2, ... until
-// it succeeds, and collects the message logged last by each failure (runs of
-// one message, such as the several allocations of one header list, counted
-// once). `attempt` returns whether it succeeded and frees what it made.
 template <class Attempt>
 std::vector<std::string> failure_messages(Attempt attempt) {
-  LogCapture log;
-  std::vector<std::string> out;
-  for (long step = 1; step < 100; ++step) {
-    log.clear();
-    mem_fail_at(step);
-    bool ok = attempt();
-    mem_fail_at(0);
-    if (ok) return out;
-    std::string message = record_log::last(kTag);
-    if (out.empty() || out.back() != message) out.push_back(message);
-  }
-  ADD_FAILURE() << "never succeeded";
-  return out;
+  return zeltest::walk_failure_messages(kTag, attempt);
 }
 
 void nop_resp(const ZELPutObjectResp*, void*) {}
@@ -85,13 +70,13 @@ TEST(Stream, DefaultsReadWriteAndSeekTheOpenFile) {
   zel_stream_cleanup(stream);
   zel_stream_cleanup(nullptr);
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   for (long step : {1L, 2L}) {
     mem_fail_at(step);
     EXPECT_EQ(zel_stream_init(u"name"), nullptr) << "step " << step;
   }
   mem_fail_at(0);
-  EXPECT_TRUE(record_log::messages(kTag).empty()) << "stream init fails silently";
+  EXPECT_TRUE(zeltest::CapturedLog::messages(kTag).empty()) << "stream init fails silently";
 }
 
 TEST(Stream, CloneIsDeepAndLogsEachFailure) {
@@ -141,13 +126,13 @@ TEST(ByteRanges, AppendPushesAtTheHead) {
   EXPECT_EQ(list->count, 2u);
   EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(1);
   EXPECT_EQ(zel_byte_ranges_append(list, 20, 30), list) << "the list comes back unchanged";
   mem_fail_at(0);
   EXPECT_EQ(list->count, 2u);
   EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
-  EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
   zel_byte_ranges_cleanup(list);
   zel_byte_ranges_cleanup(nullptr);
 }
@@ -436,7 +421,7 @@ TEST(RangeHeader, ValuesIntoRangeLists) {
   ZELByteRanges* list = zel_byte_ranges_init();
   EXPECT_EQ(byte_ranges_from_header(nullptr, list), -1);
   EXPECT_EQ(byte_ranges_from_header("bytes=1-2", nullptr), -1);
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(2);  // the second range cannot be stored
   EXPECT_EQ(byte_ranges_from_header("bytes=1-2,3-4", list), -1);
   mem_fail_at(0);
