@@ -68,10 +68,9 @@ HttpPool* create_pool() {
 
 // Gives a counted slot back after a request could not be created for it.
 void return_slot(HttpPool* pool) {
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   pool->in_use--;
   recount(pool);
-  zel::mtx_unlock(&pool->state);
 }
 }  // namespace
 
@@ -91,22 +90,20 @@ int http_pool_set_size(int capacity) {
     ZLOG("HTTP pool size %d is below 1", capacity);
     return -1;
   }
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   pool->capacity = capacity;
   recount(pool);
-  zel::mtx_unlock(&pool->state);
   return capacity;
 }
 
 int http_pool_adjust(int delta) {
   HttpPool* pool = existing_pool();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int capacity = pool->capacity + delta;
   pool->capacity = capacity > 1 ? capacity : 1;
   recount(pool);
   capacity = pool->capacity;
-  zel::mtx_unlock(&pool->state);
   return capacity;
 }
 
@@ -115,14 +112,16 @@ int http_pool_shrink(int n) { return http_pool_adjust(-n); }
 HttpRequest* http_pool_acquire() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return http_request_init();
-  zel::mtx_lock(&pool->state);
-  while (pool->available < 1) zel::cnd_wait(&pool->gate, &pool->state);
-  pool->in_use++;
-  pool->available--;
-  IdleEntry* entry = pool->idle;
-  if (entry != nullptr) pool->idle = entry->next;
-  apply_gate(pool);
-  zel::mtx_unlock(&pool->state);
+  IdleEntry* entry = nullptr;
+  {
+    zel::LockGuard lock(pool->state);
+    while (pool->available < 1) lock.wait(pool->gate);
+    pool->in_use++;
+    pool->available--;
+    entry = pool->idle;
+    if (entry != nullptr) pool->idle = entry->next;
+    apply_gate(pool);
+  }
   if (entry != nullptr) {
     HttpRequest* request = entry->request;
     mem_free(entry);
@@ -142,7 +141,7 @@ void http_pool_release(HttpRequest* request) {
     // Reset outside the lock: it only touches this request.
     http_request_reset(request);
     entry = static_cast<IdleEntry*>(mem_malloc(sizeof(IdleEntry)));
-    zel::mtx_lock(&pool->state);
+    zel::LockGuard lock(pool->state);
     // Every counted release gives its slot back, whatever the capacity did
     // meanwhile; only whether the request is kept for reuse depends on it.
     if (pool->in_use > 0) {
@@ -156,7 +155,6 @@ void http_pool_release(HttpRequest* request) {
       if (pool->available < pool->capacity) pool->available++;
       apply_gate(pool);
     }
-    zel::mtx_unlock(&pool->state);
   }
   if (!kept) {
     mem_free(entry);
@@ -167,18 +165,16 @@ void http_pool_release(HttpRequest* request) {
 int http_pool_available() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int available = pool->available;
-  zel::mtx_unlock(&pool->state);
   return available;
 }
 
 int http_pool_in_use() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int in_use = pool->in_use;
-  zel::mtx_unlock(&pool->state);
   return in_use;
 }
 
@@ -186,9 +182,8 @@ int http_pool_idle_count() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
   int count = 0;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   for (IdleEntry* entry = pool->idle; entry != nullptr; entry = entry->next) count++;
-  zel::mtx_unlock(&pool->state);
   return count;
 }
 
