@@ -41,8 +41,8 @@ void on_success(const OpCall& call, const Exchange& exchange) {
 
 // The service's answer is passed on unchanged (409 included); a failed
 // exchange reports its own error.
-void on_failure(const OpCall& call, const Exchange& exchange) {
-  if (exchange.error() != nullptr) {
+void on_failure(const OpCall& call, const Exchange& exchange, bool answered) {
+  if (!answered) {
     ZLOG("%s", exchange.error());
     call.report(exchange.setup_failed() ? -1 : exchange.code(), exchange.error());
     return;

@@ -314,7 +314,7 @@ int frame_run(const Operation& op, const ZEL* handle, const void* opt, void* use
   if (answered && is_success(op, exchange.status())) {
     if (op.on_success != nullptr) op.on_success(call, exchange);
   } else if (op.on_failure != nullptr) {
-    op.on_failure(call, exchange);
+    op.on_failure(call, exchange, answered);
   } else {
     HttpVerdict verdict(exchange, HttpVerdictRules{});
     call.report(verdict.code(), verdict.message());

@@ -236,7 +236,8 @@ struct Operation {
   int32_t success[2] = {200, 0};       // statuses handled by on_success (0: unused)
   void (*on_success)(const OpCall& call, const Exchange& exchange) = nullptr;
   // Replaces the standard failure report (report_failure) when set.
-  void (*on_failure)(const OpCall& call, const Exchange& exchange) = nullptr;
+  // `answered`: an HTTP answer came back (else the exchange itself failed).
+  void (*on_failure)(const OpCall& call, const Exchange& exchange, bool answered) = nullptr;
 };
 
 // Binds an operation to its options record's type.
