@@ -93,15 +93,17 @@ void cache_put(const char* bucket_key, uint32_t environment) {
   }
   BucketCacheEntry* replaced = nullptr;
   BucketCacheEntry* evicted = nullptr;
-  zel::mtx_lock(&cache->lock);
-  HASH_FIND_STR(cache->entries, bucket_key, replaced);
-  if (replaced != nullptr) HASH_DEL(cache->entries, replaced);
-  bool added = add_entry(cache, entry);
-  if (cache->entries != nullptr && HASH_COUNT(cache->entries) > static_cast<unsigned>(cache->capacity)) {
-    evicted = cache->entries;  // the head is the least recently used
-    HASH_DEL(cache->entries, evicted);
+  bool added = false;
+  {
+    zel::LockGuard lock(cache->lock);
+    HASH_FIND_STR(cache->entries, bucket_key, replaced);
+    if (replaced != nullptr) HASH_DEL(cache->entries, replaced);
+    added = add_entry(cache, entry);
+    if (cache->entries != nullptr && HASH_COUNT(cache->entries) > static_cast<unsigned>(cache->capacity)) {
+      evicted = cache->entries;  // the head is the least recently used
+      HASH_DEL(cache->entries, evicted);
+    }
   }
-  zel::mtx_unlock(&cache->lock);
   if (replaced != nullptr) release(replaced);
   if (evicted != nullptr && evicted != entry) release(evicted);
   if (!added || evicted == entry) release(entry);
@@ -121,7 +123,7 @@ bool cache_lookup(const char* bucket_key, uint32_t* found) {
   if (bucket_key == nullptr) return false;
   BucketCacheEntry* entry = nullptr;
   bool hit = false;
-  zel::mtx_lock(&cache->lock);
+  zel::LockGuard lock(cache->lock);
   if (cache->entries != nullptr) HASH_FIND_STR(cache->entries, bucket_key, entry);
   if (entry != nullptr) {
     *found = entry->environment;
@@ -132,16 +134,14 @@ bool cache_lookup(const char* bucket_key, uint32_t* found) {
     // the shortcut.
     if (!add_entry(cache, entry)) release(entry);
   }
-  zel::mtx_unlock(&cache->lock);
   return hit;
 }
 
 int cache_count() {
   BucketCache* cache = g_cache.load();
   if (cache == nullptr) return -1;
-  zel::mtx_lock(&cache->lock);
+  zel::LockGuard lock(cache->lock);
   int count = static_cast<int>(HASH_COUNT(cache->entries));
-  zel::mtx_unlock(&cache->lock);
   return count;
 }
 

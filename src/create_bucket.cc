@@ -2,49 +2,21 @@
 
 #include "bucket.h"
 #include "cache.h"
-#include "frame.h"
 #include "json.h"
+#include "object_op.h"
 #include "util.h"
 #include "zel_internal.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\create_bucket";
-using Decorator = OpDecorator<ZELCreateBucketOpt>;
+using Opt = ZELCreateBucketOpt;
 
-void free_opt(ZELCreateBucketOpt* opt) {
-  if (opt == nullptr) return;
-  free_wide(opt->key);
-  zel_permissions_cleanup(opt->permissions);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
-}
-
-ZELCreateBucketOpt* clone_opt(const ZELCreateBucketOpt* source) {
-  auto* copy = static_cast<ZELCreateBucketOpt*>(mem_calloc(1, sizeof(ZELCreateBucketOpt)));
-  if (copy == nullptr) {
-    ZLOG("Cannot allocate memory for the cloned ZELCreateBucketOpt");
-    return nullptr;
-  }
-  *copy = *source;
-  copy->key = nullptr;
-  copy->permissions = nullptr;
-  copy->headers = nullptr;
-  const char* failure = nullptr;
-  if (!copy_wide(source->key, &copy->key)) {
-    failure = "Cannot allocate memory for ZELCreateBucketOpt key";
-  } else if (source->permissions != nullptr &&
-             (copy->permissions = permissions_clone(source->permissions)) == nullptr) {
-    failure = "Cannot clone the ZELCreateBucketOpt permissions list";
-  } else if (!copy_headers(source->headers, &copy->headers)) {
-    failure = "Cannot clone the ZELCreateBucketOpt headers";
-  }
-  if (failure != nullptr) {
-    ZLOG("%s", failure);
-    free_opt(copy);
-    return nullptr;
-  }
-  return copy;
-}
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for ZELCreateBucketOpt key"),
+    OPT_FIELD(permissions, Opt, permissions, "Cannot clone the ZELCreateBucketOpt permissions list"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELCreateBucketOpt headers")};
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELCreateBucketOpt", kFields);
 
 void remember_bucket(const ZEL* handle, const char16_t* key) {
   if (handle->auto_create_bucket == 0) return;
@@ -53,54 +25,57 @@ void remember_bucket(const ZEL* handle, const char16_t* key) {
   mem_free(utf8);
 }
 
-void deliver_details(const ZEL* handle, const ZELCreateBucketOpt* opt, const char* body, void* user_data) {
+void on_success(const OpCall& call, const Exchange& exchange) {
+  const Opt* opt = call.options<Opt>();
+  remember_bucket(call.handle, opt->key);
   ZELBucketDetails* details = zel_bucket_details_init();
+  const char* body = exchange.body();
   if (details == nullptr || body == nullptr ||
-      bucket_details_fromjson(body, details, handle->api_version) != 0) {
-    report(opt->callback, 200, "Cannot unmarshal json response", user_data);
+      bucket_details_fromjson(body, details, call.handle->api_version) != 0) {
+    call.report(200, "Cannot unmarshal json response");
   } else if (opt->details_callback != nullptr) {
-    opt->details_callback(details, user_data);
+    opt->details_callback(details, call.user_data);
   }
   zel_bucket_details_cleanup(details);
 }
 
-int worker(void* raw) {
-  WorkerScope scope;
-  auto* decorator = static_cast<Decorator*>(raw);
-  DecoratorGuard<ZELCreateBucketOpt, free_opt> guard{decorator};
-  return create_bucket_run(decorator->handle, decorator->opt, decorator->user_data);
+// The service's answer is passed on unchanged (409 included); a failed
+// exchange reports its own error.
+void on_failure(const OpCall& call, const Exchange& exchange, bool answered) {
+  if (!answered) {
+    ZLOG("%s", exchange.error());
+    call.report(exchange.setup_failed() ? -1 : exchange.code(), exchange.error());
+    return;
+  }
+  HttpVerdictRules rules;
+  rules.extract_reason = false;
+  HttpVerdict verdict(exchange, rules);
+  call.report(exchange.status(), verdict.message());
 }
+
+char* to_json(const void* opt, uint32_t version) {
+  return create_bucket_tojson(static_cast<const Opt*>(opt), version);
+}
+
+const Operation kOperation = [] {
+  Operation op;
+  bucket_operation<Opt>(op, kCopy);
+  OPERATION_NAMES(op, "ZELCreateBucket");
+  op.decorator_failure = "Cannot allocate memory for CreateBucketDecorator";
+  op.site = ZSITE;
+  op.path = "/buckets";
+  op.method = HttpMethod::post;
+  op.content_type = "application/json";
+  op.body = to_json;
+  op.body_failure = "Cannot marshal http request body to json";
+  op.on_success = on_success;
+  op.on_failure = on_failure;
+  return op;
+}();
 }  // namespace
 
 int create_bucket_run(const ZEL* handle, const ZELCreateBucketOpt* opt, void* user_data) {
-  char* body = create_bucket_tojson(opt, handle->api_version);
-  if (body == nullptr) {
-    report(opt->callback, 0, "Cannot marshal http request body to json", user_data);
-    return -1;
-  }
-  char url[kUrlBuffer] = {0};
-  const long url_length = zel_api_url(handle, url, "/buckets");
-  Exchange exchange;
-  ExchangePlan plan{handle, opt->headers, HttpMethod::post, url, "application/json", body, url_length};
-  bool answered = exchange.run(plan);
-  mem_free(body);
-  if (!answered) {
-    ZLOG("%s", exchange.error());
-    report(opt->callback, exchange.setup_failed() ? -1 : exchange.code(), exchange.error(), user_data);
-    return exchange.setup_failed() ? -1 : exchange.code();
-  }
-  int32_t status = exchange.status();
-  if (status == 200) {
-    remember_bucket(handle, opt->key);
-    deliver_details(handle, opt, exchange.body(), user_data);
-  } else {
-    // The service's answer is passed on unchanged (409 included).
-    HttpVerdictRules rules;
-    rules.extract_reason = false;
-    HttpVerdict verdict(exchange, rules);
-    report(opt->callback, status, verdict.message(), user_data);
-  }
-  return status;
+  return frame_run(kOperation, handle, opt, user_data);
 }
 
 int ensure_bucket_exists(const ZEL* handle, const ZELPutObjectOpt* opt, void* user_data) {
@@ -127,13 +102,5 @@ int ensure_bucket_exists(const ZEL* handle, const ZELPutObjectOpt* opt, void* us
 }
 
 extern "C" ZEL_EXPORT void zel_create_bucket(ZEL* handle, const ZELCreateBucketOpt* opt, void* user_data) {
-  static const EntryConfig cfg{"src\\bucket",
-                               "ZELCreateBucketOpt",
-                               "ZELCreateBucketDecorator",
-                               "Cannot allocate memory for CreateBucketDecorator",
-                               false,
-                               false,
-                               true};
-  start_operation<ZELCreateBucketOpt, ZELCreateBucketResp, clone_opt, free_opt>(cfg, handle, opt, user_data,
-                                                                                worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

@@ -2,43 +2,34 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\delete_object";
+using Opt = ZELDeleteObjectOpt;
 
-ZELDeleteObjectOpt* clone_opt(const ZELDeleteObjectOpt* source) {
-  static const KeyPairMessages messages{
-      "Cannot allocate memory for the cloned ZELDeleteObjectOpt",
-      "Cannot allocate memory for the ZELDeleteObjectOpt bucket_key",
-      "Cannot allocate memory for the ZELDeleteObjectOpt key", "Cannot clone the ZELDeleteObjectOpt headers",
-      false};
-  return clone_key_pair_opt(kLogTag, source, messages);
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for the ZELDeleteObjectOpt bucket_key"),
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for the ZELDeleteObjectOpt key"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELDeleteObjectOpt headers")};
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELDeleteObjectOpt", kFields);
+
+const char* missing(const void* raw) {
+  const auto* opt = static_cast<const Opt*>(raw);
+  if (opt->bucket_key == nullptr) return "ZELDeleteObjectOpt bucket_key is (null)";
+  if (opt->key == nullptr) return "ZELDeleteObjectOpt object_key is (null)";
+  return nullptr;
 }
 
-void free_opt(ZELDeleteObjectOpt* opt) { free_key_pair_opt(opt); }
-
-void on_success(const Exchange&, const OpDecorator<ZELDeleteObjectOpt>& decorator) {
-  if (decorator.opt->done_callback != nullptr) decorator.opt->done_callback(decorator.user_data);
-}
-
-int worker(void* raw) {
-  static const KeyPairWorker w{kLogTag,
-                               "ZELDeleteObjectDecorator",
-                               "ZELDeleteObjectOpt",
-                               "ZELDeleteObjectOpt bucket_key is (null)",
-                               "ZELDeleteObjectOpt object_key is (null)",
-                               "",
-                               HttpMethod::del,
-                               nullptr};
-  return run_key_pair_worker<ZELDeleteObjectOpt, ZELDeleteObjectResp, free_opt>(raw, w, on_success);
-}
+const Operation kOperation = [] {
+  Operation op;
+  object_operation<Opt>(op, kCopy, "/buckets/%s/objects/%s");
+  OPERATION_NAMES(op, "ZELDeleteObject");
+  op.site = ZSITE;
+  op.missing = missing;
+  op.method = HttpMethod::del;
+  op.on_success = call_done<Opt>;
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_delete_object(ZEL* handle, const ZELDeleteObjectOpt* opt, void* user_data) {
-  static const EntryConfig cfg{"src\\object",
-                               "ZELDeleteObjectOpt",
-                               "ZELDeleteObjectDecorator",
-                               "Cannot allocate memory for ZELDeleteObjectDecorator",
-                               true,
-                               false,
-                               false};
-  start_operation<ZELDeleteObjectOpt, ZELDeleteObjectResp, clone_opt, free_opt>(cfg, handle, opt, user_data,
-                                                                                worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

@@ -3,25 +3,24 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <string>
 
+#include "alloc.h"
+#include "thread.h"
 #include "zel_config.h"
 
 namespace {
 
 constexpr int kSlots = 4;  // local, development, staging, production
 
+// Overrides are plain heap copies (none: the built-in value), so setting one
+// never throws across the exported setter.
 struct Table {
-  std::mutex lock;
-  std::string overrides[2][kSlots];
-  bool overridden[2][kSlots] = {};
+  zel::mtx_t lock = ZEL_MTX_INIT;
+  char* overrides[2][kSlots] = {};
 };
 
-Table& table() {
-  static Table instance;
-  return instance;
-}
+Table g_table;
+Table& table() { return g_table; }
 
 int slot_of(uint32_t environment) { return environment >= 1 && environment <= 3 ? int(environment) : 0; }
 
@@ -90,9 +89,15 @@ int env_set_url(EnvService service, uint32_t environment, const char* base_url) 
   Table& t = table();
   int s = static_cast<int>(service);
   int slot = slot_of(environment);
-  std::lock_guard<std::mutex> guard(t.lock);
-  t.overridden[s][slot] = base_url != nullptr;
-  t.overrides[s][slot] = base_url != nullptr ? base_url : "";
+  char* copy = nullptr;
+  if (base_url != nullptr && (copy = mem_strdup(base_url)) == nullptr) return -1;
+  char* old = nullptr;
+  {
+    zel::LockGuard guard(t.lock);
+    old = t.overrides[s][slot];
+    t.overrides[s][slot] = copy;
+  }
+  mem_free(old);
   return 0;
 }
 
@@ -100,8 +105,8 @@ size_t env_base_url(EnvService service, uint32_t environment, char* out, size_t 
   Table& t = table();
   int s = static_cast<int>(service);
   int slot = slot_of(environment);
-  std::lock_guard<std::mutex> guard(t.lock);
-  const char* base = t.overridden[s][slot] ? t.overrides[s][slot].c_str() : builtin(service, slot);
+  zel::LockGuard guard(t.lock);
+  const char* base = t.overrides[s][slot] != nullptr ? t.overrides[s][slot] : builtin(service, slot);
   size_t length = std::strlen(base);
   if (out != nullptr && size > 0) {
     size_t n = length < size - 1 ? length : size - 1;

@@ -8,7 +8,8 @@
 enum class EnvService { storage = 0, delta = 1 };
 
 // Sets the base URL ("scheme://host[:port]", no path) of one environment;
-// nullptr restores the built-in value. 0, or -1 for a malformed value.
+// nullptr restores the built-in value. 0, or -1 for a malformed value (or
+// when memory ran out).
 // Environments other than 1, 2 and 3 all share the local entry.
 int env_set_url(EnvService service, uint32_t environment, const char* base_url);
 

@@ -2,24 +2,17 @@
 // The frame every single-request operation follows: argument checks and
 // copies on the caller's thread, one detached thread per call, one HTTP
 // exchange on a fresh (unpooled) request, and one judgement of the status.
-// Operation modules only add their URL, method, body and success handling.
+// An operation module is a table (an Operation) plus its success handler;
+// the frame owns the one worker that runs any such table.
 #include <zel/zel.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "alloc.h"
 #include "http.h"
 #include "http_plan.h"
 #include "log.h"
-
-// The worker's own copies. The decorator owns both copies; whoever finishes
-// last with it (the worker, or the entry point when dispatch fails) frees it.
-template <class Opt>
-struct OpDecorator {
-  ZEL* handle;
-  Opt* opt;
-  void* user_data;
-};
 
 // Every status record starts with {code, message}; one template fills any.
 template <class Resp>
@@ -80,202 +73,200 @@ class EscapedName {
   char* text_ = nullptr;
 };
 
-// Parses an object-details body and hands it to details_callback; on a
-// parse failure logs "Cannot unmarshall json response: %s" and reports
-// (200, "Cannot unmarshall json response"). Nothing happens without a
-// details_callback.
-// Returns false (after logging under `tag`) when the body did not parse.
-bool parse_object_details(const char* tag, const char* body, uint32_t api_version,
-                          void (*details_callback)(const ZELObjectDetails*, void*), void* user_data);
+// ---------------------------------------------------------------------------
+// Options copies. Each options record has one table listing the fields it
+// owns, in the order they are copied, with the message logged when a copy
+// fails; one clone and one free read the same table, so they cannot
+// disagree. The clone copies the whole record first (callbacks and scalars
+// included), then makes owned copies of the listed fields.
 
-template <class Resp>
-void deliver_object_details(const char* tag, const Exchange& exchange, uint32_t api_version,
-                            void (*details_callback)(const ZELObjectDetails*, void*),
-                            void (*callback)(const Resp*, void*), void* user_data) {
-  if (details_callback == nullptr) return;
-  if (!parse_object_details(tag, exchange.body(), api_version, details_callback, user_data)) {
-    report(callback, 200, "Cannot unmarshall json response", user_data);
-  }
+enum class FieldKind : uint8_t { wide, text, headers, permissions, range, stream };
+
+struct OptField {
+  FieldKind kind;
+  size_t offset;
+  const char* failure;  // logged when this field's copy fails
+};
+
+struct OptTable {
+  LogSite site;                // where copy failures are logged
+  const char* record_failure;  // logged when the record itself cannot be allocated
+  size_t size;
+  const OptField* fields;
+  size_t count;
+};
+
+#define OPT_FIELD(kind, Record, member, failure) \
+  OptField { FieldKind::kind, offsetof(Record, member), failure }
+
+template <class Record, size_t N>
+constexpr OptTable opt_table(LogSite site, const char* record_failure, const OptField (&fields)[N]) {
+  return OptTable{site, record_failure, sizeof(Record), fields, N};
 }
 
-// Thread start and detach of an entry point. Calls `callback` with `code`
-// (0, or the thread result when `code_is_result`) and the thread result's
-// message when the thread cannot be started (and then frees the decorator)
-// or cannot be detached.
-using FreeFn = void (*)(void*);
-void dispatch_detached(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-                       void (*report_fn)(int32_t code, const char* message, void* callback, void* user_data),
-                       void* callback, void* user_data, bool code_is_result);
+// Deep copy of `source` (none gives none); none, logged, when memory ran
+// out, with every partial copy freed.
+void* opt_clone(const OptTable& table, const void* source);
+// Frees a copy made by opt_clone (none accepted).
+void opt_free(const OptTable& table, void* copy);
 
-// Adapter so dispatch_detached can report through any typed callback.
-template <class Resp>
-void report_erased(int32_t code, const char* message, void* callback, void* user_data) {
-  report(reinterpret_cast<void (*)(const Resp*, void*)>(callback), code, message, user_data);
+template <class Opt>
+Opt* opt_clone_as(const OptTable& table, const Opt* source) {
+  return static_cast<Opt*>(opt_clone(table, source));
 }
 
-template <class Resp>
-void dispatch(int (*worker)(void*), void* decorator, FreeFn free_decorator,
-              void (*callback)(const Resp*, void*), void* user_data, bool code_is_result) {
-  dispatch_detached(worker, decorator, free_decorator, report_erased<Resp>, reinterpret_cast<void*>(callback),
-                    user_data, code_is_result);
-}
-
-// Copies for options clones. Absent stays absent; false when memory ran out.
+// Copies outside a table. Absent stays absent; false when memory ran out.
 bool copy_wide(const char16_t* source, const char16_t** target);
 bool copy_text(const char* source, const char** target);
-// A non-empty list whose copy comes back empty is a failure.
+// A header list whose copy lost a line (the list copy skips lines it cannot
+// allocate) is a failure: a request must never go out without a header
+// line its caller asked for.
 bool copy_headers(const ZELHeaders* source, ZELHeaders** target);
-void free_wide(const char16_t* text);
-void free_text(const char* text);
+
+// ---------------------------------------------------------------------------
+// Decorators: the handle and options copies a worker runs with. Any record
+// with `handle`, `opt` and `user_data` members is built by decorator_make
+// and released by decorator_free.
+
+struct DecoratorRules {
+  LogSite site;             // where the decorator's own failures are logged
+  const char* record_name;  // logged "Cannot allocate memory for <name>"
+  bool copies_required;     // a missing handle or options record is a failure
+  bool log_clone_failures;  // log "Unable to clone zel" / "Unable to clone opt"
+};
+
+// Fills *handle and *opt with copies; false (nothing left allocated) when a
+// copy failed.
+bool decorator_copies(const DecoratorRules& rules, const OptTable& table, const ZEL* handle, const void* opt,
+                      ZEL** handle_copy, void** opt_copy);
+void decorator_release(const OptTable& table, ZEL* handle, void* opt);
+
+template <class Decorator>
+void decorator_free(const OptTable& table, Decorator* decorator) {
+  if (decorator == nullptr) return;
+  decorator_release(table, decorator->handle, decorator->opt);
+  mem_free(decorator);
+}
+
+template <class Decorator>
+Decorator* decorator_make(const DecoratorRules& rules, const OptTable& table, const ZEL* handle,
+                          const void* opt, void* user_data) {
+  auto* decorator = static_cast<Decorator*>(mem_calloc(1, sizeof(Decorator)));
+  if (decorator == nullptr) {
+    ZLOG_AT(rules.site, "Cannot allocate memory for %s", rules.record_name);
+    return nullptr;
+  }
+  void* opt_copy = nullptr;
+  if (!decorator_copies(rules, table, handle, opt, &decorator->handle, &opt_copy)) {
+    mem_free(decorator);
+    return nullptr;
+  }
+  decorator->opt = static_cast<decltype(decorator->opt)>(opt_copy);
+  decorator->user_data = user_data;
+  return decorator;
+}
+
+// ---------------------------------------------------------------------------
+// Single-request operations.
+
+struct Operation;
+
+// What a handler sees: the operation, and the handle and options it runs
+// with (the worker's copies, or a caller's records for frame_run).
+struct OpCall {
+  const Operation& op;
+  const ZEL* handle;
+  const void* opt;
+  void* user_data;
+  template <class Opt>
+  const Opt* options() const {
+    return static_cast<const Opt*>(opt);
+  }
+  // Reports through the options' status callback.
+  void report(int32_t code, const char* message) const;
+};
+
+// A piece of the request path: an escaped wide name or a text taken as it
+// stands (the missing-field check vouches for it).
+struct PathArg {
+  enum Kind : uint8_t { none, name, text } kind;
+  size_t offset;
+};
+#define PATH_NAME(Record, member) \
+  PathArg { PathArg::name, offsetof(Record, member) }
+#define PATH_TEXT(Record, member) \
+  PathArg { PathArg::text, offsetof(Record, member) }
+
+using ReportFn = void (*)(const void* opt, int32_t code, const char* message, void* user_data);
+
+template <class Opt>
+void report_to_options(const void* opt, int32_t code, const char* message, void* user_data) {
+  report(static_cast<const Opt*>(opt)->callback, code, message, user_data);
+}
+
+template <class Opt>
+const ZELHeaders* headers_of(const void* opt) {
+  return static_cast<const Opt*>(opt)->headers;
+}
+
+struct Operation {
+  // Entry point (caller's thread).
+  const char* family_tag = nullptr;         // tag of the entry point's checks
+  const char* opt_name = nullptr;           // "ZELDeleteObjectOpt"
+  const char* decorator_name = nullptr;     // "ZELDeleteObjectDecorator"
+  const char* decorator_failure = nullptr;  // reported with code 0 when no decorator results
+  bool check_handle = false;                // refuse a missing handle or token function
+  bool log_clone_failures = false;          // log "Unable to clone zel" / "Unable to clone opt"
+  bool code_is_result = false;              // report thread results as the code
+  const OptTable* copy = nullptr;           // the options record's copy
+  ReportFn report = nullptr;                // report_to_options<Opt>
+  const ZELHeaders* (*headers)(const void* opt) = nullptr;  // headers_of<Opt>
+
+  // Worker.
+  LogSite site{nullptr, 0};                           // the module's own log lines
+  const char* (*missing)(const void* opt) = nullptr;  // message of a missing field, or none
+  const char* path = nullptr;                         // "/buckets/%s/objects/%s": args fill the %s in order
+  PathArg args[3] = {};
+  // Writes the URL itself instead of `path`; returns a failure message or none.
+  const char* (*url)(const OpCall& call, char* url, long* url_length) = nullptr;
+  HttpMethod method = HttpMethod::get;
+  const char* content_type = nullptr;
+  char* (*body)(const void* opt, uint32_t api_version) = nullptr;  // mem_free'd after the exchange
+  const char* body_failure = nullptr;  // reported with code 0 when `body` gives none
+  int32_t success[2] = {200, 0};       // statuses handled by on_success (0: unused)
+  void (*on_success)(const OpCall& call, const Exchange& exchange) = nullptr;
+  // Replaces the standard failure report (report_failure) when set.
+  // `answered`: an HTTP answer came back (else the exchange itself failed).
+  void (*on_failure)(const OpCall& call, const Exchange& exchange, bool answered) = nullptr;
+};
+
+// Binds an operation to its options record's type.
+template <class Opt>
+void operation_for(Operation& op, const OptTable& copy) {
+  op.copy = &copy;
+  op.report = report_to_options<Opt>;
+  op.headers = headers_of<Opt>;
+}
+
+// Checks, copies and hands the call to a detached worker thread that runs
+// `op`; entry-point log lines carry the caller's `line`.
+void frame_start(const Operation& op, int32_t line, ZEL* handle, const void* opt, void* user_data);
+#define FRAME_START(op, handle, opt, user_data) frame_start(op, __LINE__, handle, opt, user_data)
+
+// One exchange of `op` on the current thread with the caller's records:
+// reports through the options' callbacks and returns the HTTP status, -1
+// when nothing went on the wire, or libcurl's code when the transfer failed.
+int frame_run(const Operation& op, const ZEL* handle, const void* opt, void* user_data);
+
+// Parses an object-details body and hands it to details_callback; on a
+// parse failure logs "Cannot unmarshall json response: %s" at `site` and
+// reports (200, "Cannot unmarshall json response"). Nothing happens
+// without a details_callback.
+void deliver_object_details(LogSite site, const OpCall& call, const Exchange& exchange,
+                            void (*details_callback)(const ZELObjectDetails*, void*));
 
 // Number of operation threads started and not yet finished. Lets tests
 // (and a careful shutdown) wait until detached workers are gone.
 int frame_running_workers();
 // Blocks, without spinning, until no operation thread is running.
 void frame_wait_workers();
-
-// Held by every worker for its whole run.
-class WorkerScope {
- public:
-  WorkerScope() = default;
-  ~WorkerScope();
-  WorkerScope(const WorkerScope&) = delete;
-  WorkerScope& operator=(const WorkerScope&) = delete;
-};
-
-// ---------------------------------------------------------------------------
-// Entry points and decorators.
-
-struct EntryConfig {
-  const char* tag;              // log tag of the entry point's module
-  const char* opt_name;         // "ZELDeleteObjectOpt": logged "<name> is not initialized"
-  const char* decorator_name;   // logged "Cannot allocate memory for <name>"
-  const char* failure_message;  // reported with code 0 when no decorator results
-  bool check_handle;            // refuse a missing handle or token function
-  bool log_clone_failures;      // log "Unable to clone zel" / "Unable to clone opt"
-  bool code_is_result;          // report thread results as the code (bucket operations)
-};
-
-template <class Opt, void (*FreeOpt)(Opt*)>
-void free_decorator(void* raw) {
-  auto* decorator = static_cast<OpDecorator<Opt>*>(raw);
-  if (decorator == nullptr) return;
-  zel_cleanup(decorator->handle);
-  FreeOpt(decorator->opt);
-  mem_free(decorator);
-}
-
-// Frees the decorator when the worker ends, whatever the path.
-template <class Opt, void (*FreeOpt)(Opt*)>
-struct DecoratorGuard {
-  OpDecorator<Opt>* decorator;
-  ~DecoratorGuard() { free_decorator<Opt, FreeOpt>(decorator); }
-};
-
-// The options a worker runs with; none (logged under `tag`) when the
-// decorator or its options copy is missing.
-template <class Opt>
-const Opt* worker_options(const char* tag, const OpDecorator<Opt>* decorator, const char* decorator_name,
-                          const char* opt_name) {
-  if (decorator == nullptr) {
-    zel_log(nullptr, tag, __LINE__, "%s pointer is (null)", decorator_name);
-    return nullptr;
-  }
-  if (decorator->opt == nullptr) zel_log(nullptr, tag, __LINE__, "%s pointer is (null)", opt_name);
-  return decorator->opt;
-}
-
-template <class Opt, Opt* (*Clone)(const Opt*), void (*FreeOpt)(Opt*)>
-OpDecorator<Opt>* make_decorator(const EntryConfig& cfg, const ZEL* handle, const Opt* opt, void* user_data) {
-  auto* decorator = static_cast<OpDecorator<Opt>*>(mem_calloc(1, sizeof(OpDecorator<Opt>)));
-  if (decorator == nullptr) {
-    zel_log(nullptr, cfg.tag, __LINE__, "Cannot allocate memory for %s", cfg.decorator_name);
-    return nullptr;
-  }
-  decorator->handle = zel_clone(handle);
-  if (decorator->handle == nullptr) {
-    if (cfg.log_clone_failures) zel_log(nullptr, cfg.tag, __LINE__, "Unable to clone zel");
-    mem_free(decorator);
-    return nullptr;
-  }
-  decorator->opt = Clone(opt);
-  if (decorator->opt == nullptr) {
-    if (cfg.log_clone_failures) zel_log(nullptr, cfg.tag, __LINE__, "Unable to clone opt");
-    zel_cleanup(decorator->handle);
-    mem_free(decorator);
-    return nullptr;
-  }
-  decorator->user_data = user_data;
-  return decorator;
-}
-
-// Checks, copies and hands the call to a detached worker thread.
-template <class Opt, class Resp, Opt* (*Clone)(const Opt*), void (*FreeOpt)(Opt*)>
-void start_operation(const EntryConfig& cfg, ZEL* handle, const Opt* opt, void* user_data,
-                     int (*worker)(void*)) {
-  if (cfg.check_handle && (handle == nullptr || handle->get_token == nullptr)) {
-    zel_log(nullptr, cfg.tag, __LINE__, "ZEL is not initialized");
-    return;
-  }
-  if (opt == nullptr) {
-    zel_log(nullptr, cfg.tag, __LINE__, "%s is not initialized", cfg.opt_name);
-    return;
-  }
-  auto* decorator = make_decorator<Opt, Clone, FreeOpt>(cfg, handle, opt, user_data);
-  if (decorator == nullptr) {
-    report(opt->callback, 0, cfg.failure_message, user_data);
-    return;
-  }
-  dispatch<Resp>(worker, decorator, free_decorator<Opt, FreeOpt>, opt->callback, user_data,
-                 cfg.code_is_result);
-}
-
-// Options made of a bucket key, an object key, headers and callbacks share
-// one copy: the whole record first (callbacks included), then owned copies
-// of the texts in the order the operation's messages give.
-struct KeyPairMessages {
-  const char* record;
-  const char* first;   // message when the first key copy fails
-  const char* second;  // message when the second key copy fails
-  const char* headers;
-  bool key_first;  // copy the object key before the bucket key
-};
-
-template <class Opt>
-void free_key_pair_opt(Opt* opt) {
-  if (opt == nullptr) return;
-  free_wide(opt->bucket_key);
-  free_wide(opt->key);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
-}
-
-template <class Opt>
-Opt* clone_key_pair_opt(const char* tag, const Opt* source, const KeyPairMessages& m) {
-  auto* copy = static_cast<Opt*>(mem_calloc(1, sizeof(Opt)));
-  if (copy == nullptr) {
-    zel_log(nullptr, tag, __LINE__, "%s", m.record);
-    return nullptr;
-  }
-  *copy = *source;
-  copy->bucket_key = copy->key = nullptr;
-  copy->headers = nullptr;
-  const char16_t* first = m.key_first ? source->key : source->bucket_key;
-  const char16_t* second = m.key_first ? source->bucket_key : source->key;
-  const char16_t** first_target = m.key_first ? &copy->key : &copy->bucket_key;
-  const char16_t** second_target = m.key_first ? &copy->bucket_key : &copy->key;
-  const char* failure = nullptr;
-  if (!copy_wide(first, first_target)) {
-    failure = m.first;
-  } else if (!copy_wide(second, second_target)) {
-    failure = m.second;
-  } else if (!copy_headers(source->headers, &copy->headers)) {
-    failure = m.headers;
-  }
-  if (failure != nullptr) {
-    zel_log(nullptr, tag, __LINE__, "%s", failure);
-    free_key_pair_opt(copy);
-    return nullptr;
-  }
-  return copy;
-}

@@ -1,47 +1,25 @@
 #include "bucket.h"
 #include "cache.h"
-#include "frame.h"
 #include "json.h"
+#include "object_op.h"
 #include "util.h"
-#include "zel_internal.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\get_bucket_details";
-using Decorator = OpDecorator<ZELGetBucketDetailsOpt>;
+using Opt = ZELGetBucketDetailsOpt;
 
-void free_opt(ZELGetBucketDetailsOpt* opt) {
-  if (opt == nullptr) return;
-  free_wide(opt->key);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for the ZELGetBucketDetailsOpt key"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELGetBucketDetailsOpt headers")};
+const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot clone the ZELGetBucketDetailsOpt", kFields);
+
+const char* missing(const void* raw) {
+  return static_cast<const Opt*>(raw)->key == nullptr ? "ZELGetBucketDetailsOpt key is (null)" : nullptr;
 }
 
-ZELGetBucketDetailsOpt* clone_opt(const ZELGetBucketDetailsOpt* source) {
-  auto* copy = static_cast<ZELGetBucketDetailsOpt*>(mem_calloc(1, sizeof(ZELGetBucketDetailsOpt)));
-  if (copy == nullptr) {
-    ZLOG("Cannot clone the ZELGetBucketDetailsOpt");
-    return nullptr;
-  }
-  *copy = *source;
-  copy->key = nullptr;
-  copy->headers = nullptr;
-  const char* failure = nullptr;
-  if (!copy_wide(source->key, &copy->key)) {
-    failure = "Cannot allocate memory for the ZELGetBucketDetailsOpt key";
-  } else if (!copy_headers(source->headers, &copy->headers)) {
-    failure = "Cannot clone the ZELGetBucketDetailsOpt headers";
-  }
-  if (failure != nullptr) {
-    ZLOG("%s", failure);
-    free_opt(copy);
-    return nullptr;
-  }
-  return copy;
-}
-
-void on_success(const Exchange& exchange, const Decorator& decorator) {
-  const ZEL* handle = decorator.handle;
-  const ZELGetBucketDetailsOpt* opt = decorator.opt;
+void on_success(const OpCall& call, const Exchange& exchange) {
+  const ZEL* handle = call.handle;
+  const Opt* opt = call.options<Opt>();
   if (handle->auto_create_bucket != 0) {
     char* key = wide_to_utf8(opt->key);
     if (key != nullptr) cache_put(key, handle->environment);
@@ -52,51 +30,28 @@ void on_success(const Exchange& exchange, const Decorator& decorator) {
   const char* body = exchange.body();
   if (details != nullptr && body != nullptr &&
       bucket_details_fromjson(body, details, handle->api_version) == 0) {
-    opt->details_callback(details, decorator.user_data);
+    opt->details_callback(details, call.user_data);
   } else {
     ZLOG("Cannot unmarshal json response: %s", body != nullptr ? body : "(null)");
-    report(opt->callback, 200, "Cannot unmarshal json response", decorator.user_data);
+    call.report(200, "Cannot unmarshal json response");
   }
   zel_bucket_details_cleanup(details);
 }
 
-int worker(void* raw) {
-  WorkerScope scope;
-  auto* decorator = static_cast<Decorator*>(raw);
-  DecoratorGuard<ZELGetBucketDetailsOpt, free_opt> guard{decorator};
-  const ZELGetBucketDetailsOpt* opt = decorator->opt;
-  if (opt->key == nullptr) {
-    report(opt->callback, 0, "ZELGetBucketDetailsOpt key is (null)", decorator->user_data);
-    return -1;
-  }
-  EscapedName key(opt->key);
-  if (!key.ok()) {
-    report(opt->callback, 0, kCannotEscapeKeys, decorator->user_data);
-    return -1;
-  }
-  char url[kUrlBuffer] = {0};
-  const long url_length = zel_api_url(decorator->handle, url, "/buckets/%s/details", key.get());
-  Exchange exchange;
-  ExchangePlan plan{decorator->handle, opt->headers, HttpMethod::get, url, nullptr, nullptr, url_length};
-  bool answered = exchange.run(plan);
-  if (answered && exchange.status() == 200) {
-    on_success(exchange, *decorator);
-  } else {
-    report_failure(opt->callback, exchange, decorator->user_data);
-  }
-  return answered ? exchange.status() : -1;
-}
+const Operation kOperation = [] {
+  Operation op;
+  bucket_operation<Opt>(op, kCopy);
+  OPERATION_NAMES(op, "ZELGetBucketDetails");
+  op.site = ZSITE;
+  op.missing = missing;
+  op.path = "/buckets/%s/details";
+  op.args[0] = PATH_NAME(Opt, key);
+  op.on_success = on_success;
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_get_bucket_details(ZEL* handle, const ZELGetBucketDetailsOpt* opt,
                                                   void* user_data) {
-  static const EntryConfig cfg{"src\\bucket",
-                               "ZELGetBucketDetailsOpt",
-                               "ZELGetBucketDetailsDecorator",
-                               "Cannot allocate memory for ZELGetBucketDetailsDecorator",
-                               false,
-                               false,
-                               true};
-  start_operation<ZELGetBucketDetailsOpt, ZELGetBucketDetailsResp, clone_opt, free_opt>(cfg, handle, opt,
-                                                                                        user_data, worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

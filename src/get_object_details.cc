@@ -2,45 +2,41 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\get_object_details";
+using Opt = ZELGetObjectDetailsOpt;
 
-ZELGetObjectDetailsOpt* clone_opt(const ZELGetObjectDetailsOpt* source) {
-  static const KeyPairMessages messages{"Cannot allocate memroy for the cloned ZELGetObjectDetailsOpt",
-                                        "Cannot allocate memory for the ZELGetObjectDetailsOpt bucket_key",
-                                        "Cannot allocate memory for the ZELGetObjectDetailsOpt key",
-                                        "Cannot clone the ZELGetObjectDetailsOpt headers", false};
-  return clone_key_pair_opt(kLogTag, source, messages);
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for the ZELGetObjectDetailsOpt bucket_key"),
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for the ZELGetObjectDetailsOpt key"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELGetObjectDetailsOpt headers")};
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memroy for the cloned ZELGetObjectDetailsOpt", kFields);
+
+const char* missing(const void* raw) {
+  const auto* opt = static_cast<const Opt*>(raw);
+  if (opt->bucket_key == nullptr) return "ZELGetObjectDetailsOpt bucket_key is (null)";
+  if (opt->key == nullptr) return "ZELGetObjectDetailsOpt object key is (null)";
+  return nullptr;
 }
 
-void free_opt(ZELGetObjectDetailsOpt* opt) { free_key_pair_opt(opt); }
-
-void on_success(const Exchange& exchange, const OpDecorator<ZELGetObjectDetailsOpt>& decorator) {
-  deliver_object_details(kLogTag, exchange, decorator.handle->api_version, decorator.opt->details_callback,
-                         decorator.opt->callback, decorator.user_data);
+void on_success(const OpCall& call, const Exchange& exchange) {
+  deliver_object_details(ZSITE, call, exchange, call.options<Opt>()->details_callback);
 }
 
-int worker(void* raw) {
-  // Both API versions are asked for the three dates.
-  static const KeyPairWorker w{kLogTag,
-                               "ZELGetObjectDetailsDecorator",
-                               "ZELGetObjectDetailsOpt",
-                               "ZELGetObjectDetailsOpt bucket_key is (null)",
-                               "ZELGetObjectDetailsOpt object key is (null)",
-                               "/details?with=createdDate&with=lastAccessedDate&with=lastModifiedDate",
-                               HttpMethod::get,
-                               nullptr};
-  return run_key_pair_worker<ZELGetObjectDetailsOpt, ZELGetObjectDetailsResp, free_opt>(raw, w, on_success);
-}
+// Both API versions are asked for the three dates.
+const Operation kOperation = [] {
+  Operation op;
+  object_operation<Opt>(
+      op, kCopy,
+      "/buckets/%s/objects/%s/details?with=createdDate&with=lastAccessedDate&with=lastModifiedDate");
+  OPERATION_NAMES(op, "ZELGetObjectDetails");
+  op.site = ZSITE;
+  op.missing = missing;
+  op.on_success = on_success;
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_get_object_details(ZEL* handle, const ZELGetObjectDetailsOpt* opt,
                                                   void* user_data) {
-  static const EntryConfig cfg{"src\\object",
-                               "ZELGetObjectDetailsOpt",
-                               "ZELGetObjectDetailsDecorator",
-                               "Cannot allocate memory for ZELGetObjectDetailsDecorator",
-                               true,
-                               false,
-                               false};
-  start_operation<ZELGetObjectDetailsOpt, ZELGetObjectDetailsResp, clone_opt, free_opt>(cfg, handle, opt,
-                                                                                        user_data, worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

@@ -34,69 +34,25 @@ struct ZELGetPatchDecorator {
   void* user_data;
 };
 
-void free_get_patch_opt(ZELGetPatchOpt* opt) {
-  if (opt == nullptr) return;
-  free_wide(opt->bucket_key);
-  free_wide(opt->orig_key);
-  free_wide(opt->dest_key);
-  free_wide(opt->orig);
-  free_wide(opt->patch);
-  free_wide(opt->dest);
-  free_wide(opt->temp_dir);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
-}
+using Opt = ZELGetPatchOpt;
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for the ZELGetPatchOpt bucket_key"),
+    OPT_FIELD(wide, Opt, orig_key, "Cannot allocate memory for the ZELGetPatchOpt orig_key"),
+    OPT_FIELD(wide, Opt, dest_key, "Cannot allocate memory for the ZELGetPatchOpt dest_key"),
+    OPT_FIELD(wide, Opt, orig, "Cannot allocate for the ZELGetPatchOpt orig"),
+    OPT_FIELD(wide, Opt, patch, "Cannot allocate for the ZELGetPatchOpt patch"),
+    OPT_FIELD(wide, Opt, dest, "Cannot allocate for the ZELGetPatchOpt dest"),
+    OPT_FIELD(headers, Opt, headers, "Cannot allocate memory for the ZELGetPatchOpt headers"),
+    OPT_FIELD(wide, Opt, temp_dir, "Cannot allocate memory for the ZELGetPatchOpt temp_dir"),
+};
+const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELGetPatchOpt", kFields);
+const DecoratorRules kRules{ZSITE, "ZELGetPatchDecorator", true, false};
 
-const char* copy_get_patch_texts(const ZELGetPatchOpt* s, ZELGetPatchOpt* c) {
-  if (!copy_wide(s->bucket_key, &c->bucket_key))
-    return "Cannot allocate memory for the ZELGetPatchOpt bucket_key";
-  if (!copy_wide(s->orig_key, &c->orig_key)) return "Cannot allocate memory for the ZELGetPatchOpt orig_key";
-  if (!copy_wide(s->dest_key, &c->dest_key)) return "Cannot allocate memory for the ZELGetPatchOpt dest_key";
-  if (!copy_wide(s->orig, &c->orig)) return "Cannot allocate for the ZELGetPatchOpt orig";
-  if (!copy_wide(s->patch, &c->patch)) return "Cannot allocate for the ZELGetPatchOpt patch";
-  if (!copy_wide(s->dest, &c->dest)) return "Cannot allocate for the ZELGetPatchOpt dest";
-  if (!copy_headers(s->headers, &c->headers)) return "Cannot allocate memory for the ZELGetPatchOpt headers";
-  if (!copy_wide(s->temp_dir, &c->temp_dir)) return "Cannot allocate memory for the ZELGetPatchOpt temp_dir";
-  return nullptr;
-}
-
-ZELGetPatchOpt* clone_get_patch_opt(const ZELGetPatchOpt* source) {
-  auto* copy = static_cast<ZELGetPatchOpt*>(mem_calloc(1, sizeof(ZELGetPatchOpt)));
-  if (copy == nullptr) {
-    ZLOG("Cannot allocate memory for the cloned ZELGetPatchOpt");
-    return nullptr;
-  }
-  copy->apply_mode = source->apply_mode;
-  copy->preprocess = source->preprocess;
-  copy->ratio = source->ratio;
-  copy->callback = source->callback;
-  copy->done_callback = source->done_callback;
-  const char* failure = copy_get_patch_texts(source, copy);
-  if (failure == nullptr) return copy;
-  ZLOG("%s", failure);
-  free_get_patch_opt(copy);
-  return nullptr;
-}
-
-void free_get_patch_decorator(void* raw) {
-  auto* d = static_cast<ZELGetPatchDecorator*>(raw);
-  if (d == nullptr) return;
-  zel_cleanup(d->handle);
-  free_get_patch_opt(d->opt);
-  mem_free(d);
-}
+void free_get_patch_decorator(void* raw) { decorator_free(kCopy, static_cast<ZELGetPatchDecorator*>(raw)); }
 
 ZELGetPatchDecorator* make_get_patch_decorator(const ZEL* handle, const ZELGetPatchOpt* opt,
                                                void* user_data) {
-  auto* d = static_cast<ZELGetPatchDecorator*>(mem_calloc(1, sizeof(ZELGetPatchDecorator)));
-  if (d == nullptr) {
-    ZLOG("Cannot allocate memory for ZELGetPatchDecorator");
-    return nullptr;
-  }
-  d->user_data = user_data;
-  if ((d->handle = zel_clone(handle)) != nullptr && (d->opt = clone_get_patch_opt(opt)) != nullptr) return d;
-  free_get_patch_decorator(d);
-  return nullptr;
+  return decorator_make<ZELGetPatchDecorator>(kRules, kCopy, handle, opt, user_data);
 }
 
 // The first option that makes the task impossible, or none.

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <string>
 
 #include "alloc.h"
 #include "http_internal.h"
@@ -152,10 +151,14 @@ char* escape_dot_segment(char* escaped) {
   if (n == 0 || strspn(escaped, ".") != n) return escaped;
   // Built through libcurl so that the caller can still free it with
   // curl_free: "%252E" unescapes to "%2E".
-  std::string twice;
-  for (size_t i = 0; i < n; ++i) twice += "%252E";
+  auto* twice = static_cast<char*>(mem_malloc(n * 5 + 1));
   curl_free(escaped);
-  return curl_easy_unescape(nullptr, twice.c_str(), 0, nullptr);
+  if (twice == nullptr) return nullptr;
+  for (size_t i = 0; i < n; ++i) std::memcpy(twice + i * 5, "%252E", 5);
+  twice[n * 5] = '\0';
+  char* result = curl_easy_unescape(nullptr, twice, 0, nullptr);
+  mem_free(twice);
+  return result;
 }
 }  // namespace
 

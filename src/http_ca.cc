@@ -3,7 +3,6 @@
 // outdated; without one, libcurl's default store is used. That is the normal
 // case on systems with a CA store of their own, so only a bundle that is
 // there but cannot be used is logged.
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,12 +13,13 @@
 
 #include "http.h"
 #include "log.h"
+#include "thread.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\http";
 constexpr const char* kBundleName = "Tumbleframe/cacert.pem";
 
-pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+zel::mtx_t g_lock = ZEL_MTX_INIT;
 bool g_resolved = false;
 char g_bundle[kCaPathMax + 1];
 bool g_found = false;
@@ -89,25 +89,28 @@ bool executable_path(char* out, size_t size) {
 }
 
 // Without a bundle, quietly the default store; a bundle that is there but
-// cannot be used is logged, since its owner meant it to be used.
-void resolve() {
+// cannot be used is noted in `note` (empty otherwise), since its owner meant
+// it to be used. The note is logged by the caller once the lock is released:
+// the log sink is the caller's code and must never run under a library lock.
+void resolve(char* note, size_t size) {
   char exe[PATH_MAX] = {0};
+  note[0] = '\0';
   g_found = false;
   g_resolved = true;
   if (!executable_path(exe, sizeof exe)) {
-    ZLOG("Cannot read the executable's path; using the default CA store");
+    snprintf(note, size, "Cannot read the executable's path; using the default CA store");
     return;
   }
   if (!build_path(exe, g_bundle, kCaPathMax)) {
     char full[kFullPathMax + 1];
     if (build_path(exe, full, kFullPathMax) && present(full))
-      ZLOG("The executable's directory is too long for the CA bundle path; using the default CA store");
+      snprintf(note, size, "The executable's directory is too long for the CA bundle path; using the default CA store");
     return;
   }
   if (readable_file(g_bundle)) {
     g_found = true;
   } else if (present(g_bundle)) {
-    ZLOG("The CA bundle at %s cannot be read; using the default CA store", g_bundle);
+    snprintf(note, size, "The CA bundle at %s cannot be read; using the default CA store", g_bundle);
   }
 }
 }  // namespace
@@ -121,20 +124,24 @@ int http_ca_bundle_path(const char* exe_path, char* out) {
 }
 
 const char* http_ca_bundle() {
-  pthread_mutex_lock(&g_lock);
-  if (!g_resolved) resolve();
-  const char* bundle = g_found ? g_bundle : nullptr;
-  pthread_mutex_unlock(&g_lock);
+  char note[kCaPathMax + 128];
+  note[0] = '\0';
+  const char* bundle = nullptr;
+  {
+    zel::LockGuard lock(g_lock);
+    if (!g_resolved) resolve(note, sizeof note);
+    bundle = g_found ? g_bundle : nullptr;
+  }
+  if (note[0] != '\0') ZLOG("%s", note);
   return bundle;
 }
 
 void http_ca_bundle_override(const char* exe_path) {
-  pthread_mutex_lock(&g_lock);
+  zel::LockGuard lock(g_lock);
   g_overridden = exe_path != nullptr;
   if (g_overridden) {
     std::strncpy(g_override, exe_path, sizeof g_override - 1);
     g_override[sizeof g_override - 1] = '\0';
   }
   g_resolved = false;
-  pthread_mutex_unlock(&g_lock);
 }

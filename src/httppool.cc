@@ -3,7 +3,6 @@
 // them when a request may be taken again.
 #include "httppool.h"
 
-#include <pthread.h>
 
 #include <atomic>
 
@@ -20,7 +19,7 @@ struct IdleEntry {
 };
 
 struct HttpPool {
-  pthread_cond_t gate;
+  zel::cnd_t gate;
   zel::mtx_t state;
   IdleEntry* idle;  // last in, first out: the warmest connection goes next
   int capacity;
@@ -32,7 +31,7 @@ std::atomic<HttpPool*> g_pool{nullptr};
 
 // Called with the state lock held after every change of the counts.
 void apply_gate(HttpPool* pool) {
-  if (pool->available >= 1) pthread_cond_broadcast(&pool->gate);
+  if (pool->available >= 1) zel::cnd_broadcast(&pool->gate);
 }
 
 void recount(HttpPool* pool) {
@@ -53,14 +52,14 @@ HttpPool* create_pool() {
     ZLOG("Cannot initialize HTTP pool");
     return nullptr;
   }
-  if (pthread_cond_init(&pool->gate, nullptr) != 0) {
+  if (zel::cnd_init(&pool->gate) != zel::thrd_success) {
     ZLOG("%s", thread_result_message(zel::thrd_error));
     mem_free(pool);
     return nullptr;
   }
   if (zel::mtx_init(&pool->state, zel::mtx_plain) != zel::thrd_success) {
     ZLOG("%s", thread_result_message(zel::thrd_error));
-    pthread_cond_destroy(&pool->gate);
+    zel::cnd_destroy(&pool->gate);
     mem_free(pool);
     return nullptr;
   }
@@ -69,10 +68,9 @@ HttpPool* create_pool() {
 
 // Gives a counted slot back after a request could not be created for it.
 void return_slot(HttpPool* pool) {
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   pool->in_use--;
   recount(pool);
-  zel::mtx_unlock(&pool->state);
 }
 }  // namespace
 
@@ -92,22 +90,20 @@ int http_pool_set_size(int capacity) {
     ZLOG("HTTP pool size %d is below 1", capacity);
     return -1;
   }
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   pool->capacity = capacity;
   recount(pool);
-  zel::mtx_unlock(&pool->state);
   return capacity;
 }
 
 int http_pool_adjust(int delta) {
   HttpPool* pool = existing_pool();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int capacity = pool->capacity + delta;
   pool->capacity = capacity > 1 ? capacity : 1;
   recount(pool);
   capacity = pool->capacity;
-  zel::mtx_unlock(&pool->state);
   return capacity;
 }
 
@@ -116,14 +112,16 @@ int http_pool_shrink(int n) { return http_pool_adjust(-n); }
 HttpRequest* http_pool_acquire() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return http_request_init();
-  zel::mtx_lock(&pool->state);
-  while (pool->available < 1) pthread_cond_wait(&pool->gate, &pool->state.native);
-  pool->in_use++;
-  pool->available--;
-  IdleEntry* entry = pool->idle;
-  if (entry != nullptr) pool->idle = entry->next;
-  apply_gate(pool);
-  zel::mtx_unlock(&pool->state);
+  IdleEntry* entry = nullptr;
+  {
+    zel::LockGuard lock(pool->state);
+    while (pool->available < 1) lock.wait(pool->gate);
+    pool->in_use++;
+    pool->available--;
+    entry = pool->idle;
+    if (entry != nullptr) pool->idle = entry->next;
+    apply_gate(pool);
+  }
   if (entry != nullptr) {
     HttpRequest* request = entry->request;
     mem_free(entry);
@@ -143,7 +141,7 @@ void http_pool_release(HttpRequest* request) {
     // Reset outside the lock: it only touches this request.
     http_request_reset(request);
     entry = static_cast<IdleEntry*>(mem_malloc(sizeof(IdleEntry)));
-    zel::mtx_lock(&pool->state);
+    zel::LockGuard lock(pool->state);
     // Every counted release gives its slot back, whatever the capacity did
     // meanwhile; only whether the request is kept for reuse depends on it.
     if (pool->in_use > 0) {
@@ -157,7 +155,6 @@ void http_pool_release(HttpRequest* request) {
       if (pool->available < pool->capacity) pool->available++;
       apply_gate(pool);
     }
-    zel::mtx_unlock(&pool->state);
   }
   if (!kept) {
     mem_free(entry);
@@ -168,18 +165,16 @@ void http_pool_release(HttpRequest* request) {
 int http_pool_available() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int available = pool->available;
-  zel::mtx_unlock(&pool->state);
   return available;
 }
 
 int http_pool_in_use() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   int in_use = pool->in_use;
-  zel::mtx_unlock(&pool->state);
   return in_use;
 }
 
@@ -187,9 +182,8 @@ int http_pool_idle_count() {
   HttpPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
   int count = 0;
-  zel::mtx_lock(&pool->state);
+  zel::LockGuard lock(pool->state);
   for (IdleEntry* entry = pool->idle; entry != nullptr; entry = entry->next) count++;
-  zel::mtx_unlock(&pool->state);
   return count;
 }
 
@@ -202,7 +196,7 @@ void http_pool_cleanup() {
     http_request_cleanup(entry->request);
     mem_free(entry);
   }
-  pthread_cond_destroy(&pool->gate);
+  zel::cnd_destroy(&pool->gate);
   zel::mtx_destroy(&pool->state);
   mem_free(pool);
 }

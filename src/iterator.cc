@@ -33,16 +33,15 @@ ZELByteRangeIterator* iterator_init(uint64_t start, uint64_t step, uint64_t leng
 
 int iterator_has_next(ZELByteRangeIterator* iterator) {
   if (iterator == nullptr) return 0;
-  zel::mtx_lock(&iterator->mutex);
+  zel::LockGuard lock(iterator->mutex);
   int more = iterator->position < iterator->end ? 1 : 0;
-  zel::mtx_unlock(&iterator->mutex);
   return more;
 }
 
 ZELByteRange* iterator_next(ZELByteRangeIterator* iterator) {
   if (iterator == nullptr) return nullptr;
   ZELByteRange* range = nullptr;
-  zel::mtx_lock(&iterator->mutex);
+  zel::LockGuard lock(iterator->mutex);
   if (iterator->position < iterator->end) {
     range = static_cast<ZELByteRange*>(mem_malloc(sizeof(ZELByteRange)));
     if (range != nullptr) {
@@ -55,7 +54,6 @@ ZELByteRange* iterator_next(ZELByteRangeIterator* iterator) {
       iterator->position += size;
     }
   }
-  zel::mtx_unlock(&iterator->mutex);
   return range;
 }
 

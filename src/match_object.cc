@@ -18,67 +18,24 @@ constexpr const char* kLogTag = "src\\match_object";
 constexpr const char* kEntryTag = "src\\object";
 constexpr int kSignatureBlock = 2048;
 
-void free_match_opt(ZELMatchObjectOpt* opt) {
-  if (opt == nullptr) return;
-  free_wide(opt->bucket_key);
-  free_wide(opt->orig_key);
-  free_wide(opt->sig_path);
-  free_wide(opt->dest);
-  free_wide(opt->temp_dir);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
-}
+using Opt = ZELMatchObjectOpt;
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for ZELMatchObjectOpt bucket key"),
+    OPT_FIELD(wide, Opt, orig_key, "Cannot allocate memory for ZELMatchObjectOpt key"),
+    OPT_FIELD(wide, Opt, sig_path, "Cannot allocate memory for ZELMatchObjectOpt sig"),
+    OPT_FIELD(wide, Opt, dest, "Cannot allocate memory for ZELMatchObjectOpt dest"),
+    OPT_FIELD(wide, Opt, temp_dir, "Cannot allocate memory for ZELMatchObjectOpt temp dir"),
+    OPT_FIELD(headers, Opt, headers, "Cannot allocate memory for ZEL Headers"),
+};
+const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for clone ZELMatchObjectOpt", kFields);
+const DecoratorRules kRules{ZSITE, "ZELMatchObjectDecorator", true, false};
 
-ZELMatchObjectOpt* clone_match_opt(const ZELMatchObjectOpt* source) {
-  auto* copy = static_cast<ZELMatchObjectOpt*>(mem_calloc(1, sizeof(ZELMatchObjectOpt)));
-  if (copy == nullptr) {
-    ZLOG("Cannot allocate memory for clone ZELMatchObjectOpt");
-    return nullptr;
-  }
-  copy->ratio = source->ratio;
-  copy->callback = source->callback;
-  copy->match_callback = source->match_callback;
-  const char* failure = nullptr;
-  if (!copy_wide(source->bucket_key, &copy->bucket_key)) {
-    failure = "Cannot allocate memory for ZELMatchObjectOpt bucket key";
-  } else if (!copy_wide(source->orig_key, &copy->orig_key)) {
-    failure = "Cannot allocate memory for ZELMatchObjectOpt key";
-  } else if (!copy_wide(source->sig_path, &copy->sig_path)) {
-    failure = "Cannot allocate memory for ZELMatchObjectOpt sig";
-  } else if (!copy_wide(source->dest, &copy->dest)) {
-    failure = "Cannot allocate memory for ZELMatchObjectOpt dest";
-  } else if (!copy_wide(source->temp_dir, &copy->temp_dir)) {
-    failure = "Cannot allocate memory for ZELMatchObjectOpt temp dir";
-  } else if (!copy_headers(source->headers, &copy->headers)) {
-    failure = "Cannot allocate memory for ZEL Headers";
-  }
-  if (failure == nullptr) return copy;
-  ZLOG("%s", failure);
-  free_match_opt(copy);
-  return nullptr;
-}
-
-void free_match_decorator(ZELMatchObjectDecorator* decorator) {
-  if (decorator == nullptr) return;
-  zel_cleanup(decorator->handle);
-  free_match_opt(decorator->opt);
-  mem_free(decorator);
-}
+void free_match_decorator(ZELMatchObjectDecorator* decorator) { decorator_free(kCopy, decorator); }
 
 ZELMatchObjectDecorator* make_match_decorator(const ZEL* handle, const ZELMatchObjectOpt* opt,
                                               void* user_data) {
-  auto* decorator = static_cast<ZELMatchObjectDecorator*>(mem_calloc(1, sizeof(ZELMatchObjectDecorator)));
-  if (decorator == nullptr) {
-    ZLOG("Cannot allocate memory for ZELMatchObjectDecorator");
-    return nullptr;
-  }
-  decorator->user_data = user_data;
-  decorator->handle = zel_clone(handle);
-  decorator->opt = decorator->handle != nullptr ? clone_match_opt(opt) : nullptr;
-  if (decorator->opt == nullptr) {
-    free_match_decorator(decorator);
-    return nullptr;
-  }
+  auto* decorator = decorator_make<ZELMatchObjectDecorator>(kRules, kCopy, handle, opt, user_data);
+  if (decorator == nullptr) return nullptr;
   // The signature request is the object's download with this header.
   char value[89];
   std::snprintf(value, sizeof value, "signature:@%d", kSignatureBlock);

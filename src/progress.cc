@@ -32,9 +32,8 @@ void progress_cleanup(ZELProgress* progress) {
 
 void progress_set_total(ZELProgress* progress, uint64_t total) {
   if (progress == nullptr) return;
-  zel::mtx_lock(&progress->mutex);
+  zel::LockGuard lock(progress->mutex);
   progress->total = total;
-  zel::mtx_unlock(&progress->mutex);
 }
 
 ZELTransferProgress* transfer_progress_init(ZELProgress* progress, void* user_data, int32_t retry,
@@ -55,7 +54,7 @@ bool progress_report(ZELTransferProgress* data, uint64_t count, bool may_shrink,
   bool changed = false;
   // `last` belongs to one request, but it is updated under the counter's
   // mutex with transferred so the two never disagree.
-  zel::mtx_lock(&progress->mutex);
+  zel::LockGuard lock(progress->mutex);
   if (count > data->last) {
     progress->transferred += count - data->last;
     changed = true;
@@ -66,6 +65,5 @@ bool progress_report(ZELTransferProgress* data, uint64_t count, bool may_shrink,
   }
   if (changed) data->last = count;
   if (figures != nullptr) *figures = {progress->transferred, progress->total};
-  zel::mtx_unlock(&progress->mutex);
   return changed;
 }

@@ -83,7 +83,7 @@ void record(ZELUploadDecorator* u, int32_t status, const char* text, const char*
   if (status == 202) return;
   char* copy = text != nullptr ? mem_strdup(text) : nullptr;
   char* details = details_body != nullptr ? mem_strdup(details_body) : nullptr;
-  zel::mtx_lock(&u->mutex);
+  zel::LockGuard lock(u->mutex);
   mem_free(u->message);
   u->message = copy;
   u->last_status = status;
@@ -91,7 +91,6 @@ void record(ZELUploadDecorator* u, int32_t status, const char* text, const char*
     mem_free(u->details);
     u->details = details;
   }
-  zel::mtx_unlock(&u->mutex);
 }
 
 // Opens the file at the range; the system's text when it cannot.

@@ -121,64 +121,25 @@ int hash_new_file(void* raw) {
 // ---------------------------------------------------------------------------
 // The decorator that carries the upload and apply stages.
 
-void free_patch_opt(ZELPutPatchOpt* opt) {
-  if (opt == nullptr) return;
-  zel_stream_cleanup(opt->origin_stream);
-  zel_stream_cleanup(opt->derv_stream);
-  free_wide(opt->signature_path);
-  free_wide(opt->patch_path);
-  free_wide(opt->bucket_key);
-  free_wide(opt->origin_key);
-  free_wide(opt->derv_key);
-  free_wide(opt->temp_dir);
-  zel_headers_cleanup(opt->headers);
-  mem_free(opt);
-}
-
-const char* copy_patch_opt_texts(const ZELPutPatchOpt* s, ZELPutPatchOpt* c) {
-  if ((c->origin_stream = stream_clone(s->origin_stream)) == nullptr && s->origin_stream != nullptr)
-    return "Cannot allocate memory for ZELPutPatchOpt origin stream";
-  if ((c->derv_stream = stream_clone(s->derv_stream)) == nullptr && s->derv_stream != nullptr)
-    return "Cannot allocate memory for ZELPutPatchOpt derv stream";
-  if (!copy_wide(s->bucket_key, &c->bucket_key))
-    return "Cannot allocate memory for ZELPutPatchOpt bucket key";
-  if (!copy_wide(s->origin_key, &c->origin_key))
-    return "Cannot allocate memory for ZELPutPatchOpt origin object key";
-  if (!copy_wide(s->derv_key, &c->derv_key))
-    return "Cannot allocate memory for ZELPutPatchOpt derv object key";
-  if (!copy_wide(s->signature_path, &c->signature_path))
-    return "Cannot allocate memory for ZELPutPatchOpt signature path";
-  if (!copy_wide(s->patch_path, &c->patch_path))
-    return "Cannot allocate memory for ZELPutPatchOpt patch path";
-  if (!copy_wide(s->temp_dir, &c->temp_dir)) return "Cannot allocate memory for ZELPutPatchOpt temp dir";
-  if (!copy_headers(s->headers, &c->headers)) return "Cannot allocate memory for ZEL Headers";
-  return nullptr;
-}
-
-ZELPutPatchOpt* clone_patch_opt(const ZELPutPatchOpt* source) {
-  auto* copy = static_cast<ZELPutPatchOpt*>(mem_calloc(1, sizeof(ZELPutPatchOpt)));
-  if (copy == nullptr) {
-    ZLOG("Cannot allocate memory for cloned ZELPutPatchOpt");
-    return nullptr;
-  }
-  copy->process_type = source->process_type;
-  copy->ratio = source->ratio;
-  copy->callback = source->callback;
-  copy->details_callback = source->details_callback;
-  copy->abort_callback = source->abort_callback;
-  const char* failure = copy_patch_opt_texts(source, copy);
-  if (failure == nullptr) return copy;
-  ZLOG("%s", failure);
-  free_patch_opt(copy);
-  return nullptr;
-}
+using Opt = ZELPutPatchOpt;
+const OptField kFields[] = {
+    OPT_FIELD(stream, Opt, origin_stream, "Cannot allocate memory for ZELPutPatchOpt origin stream"),
+    OPT_FIELD(stream, Opt, derv_stream, "Cannot allocate memory for ZELPutPatchOpt derv stream"),
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for ZELPutPatchOpt bucket key"),
+    OPT_FIELD(wide, Opt, origin_key, "Cannot allocate memory for ZELPutPatchOpt origin object key"),
+    OPT_FIELD(wide, Opt, derv_key, "Cannot allocate memory for ZELPutPatchOpt derv object key"),
+    OPT_FIELD(wide, Opt, signature_path, "Cannot allocate memory for ZELPutPatchOpt signature path"),
+    OPT_FIELD(wide, Opt, patch_path, "Cannot allocate memory for ZELPutPatchOpt patch path"),
+    OPT_FIELD(wide, Opt, temp_dir, "Cannot allocate memory for ZELPutPatchOpt temp dir"),
+    OPT_FIELD(headers, Opt, headers, "Cannot allocate memory for ZEL Headers"),
+};
+const OptTable kCopy = opt_table<Opt>(ZSITE, "Cannot allocate memory for cloned ZELPutPatchOpt", kFields);
+const DecoratorRules kRules{ZSITE, "ZELPutPatchDecorator", true, false};
 
 void free_patch_decorator(ZELPutPatchDecorator* d) {
   if (d == nullptr) return;
-  zel_cleanup(d->handle);
-  free_patch_opt(d->opt);
   mem_free(d->sha1);
-  mem_free(d);
+  decorator_free(kCopy, d);
 }
 
 // Adds "name:value" in front; false (list unchanged) when memory runs out.
@@ -191,18 +152,13 @@ bool prepend_header(ZELHeaders** list, const char* name, const char* value) {
 
 ZELPutPatchDecorator* make_patch_decorator(const ZEL* handle, const ZELPutPatchOpt* opt,
                                            const char* origin_sha1, const char* derv_sha1, void* user_data) {
-  auto* d = static_cast<ZELPutPatchDecorator*>(mem_calloc(1, sizeof(ZELPutPatchDecorator)));
-  if (d == nullptr) {
-    ZLOG("Cannot allocate memory for ZELPutPatchDecorator");
-    return nullptr;
-  }
-  d->user_data = user_data;
+  auto* d = decorator_make<ZELPutPatchDecorator>(kRules, kCopy, handle, opt, user_data);
+  if (d == nullptr) return nullptr;
   char delta[90];
   char process[90];
   std::snprintf(delta, sizeof delta, "patch:%s->%s", origin_sha1, derv_sha1);
   std::snprintf(process, sizeof process, "%d", opt->process_type);
-  bool ok = (d->handle = zel_clone(handle)) != nullptr && (d->opt = clone_patch_opt(opt)) != nullptr &&
-            (d->sha1 = mem_strdup(derv_sha1)) != nullptr &&
+  bool ok = (d->sha1 = mem_strdup(derv_sha1)) != nullptr &&
             prepend_header(&d->opt->headers, "x-pmw-delta-object", delta) &&
             prepend_header(&d->opt->headers, "x-pmw-delta-processtype", process);
   if (ok) return d;

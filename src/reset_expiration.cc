@@ -2,44 +2,41 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\reset_expiration";
+using Opt = ZELResetExpirationOpt;
 
-ZELResetExpirationOpt* clone_opt(const ZELResetExpirationOpt* source) {
-  static const KeyPairMessages messages{"Cannot allocate memory for the cloned ZELResetExpirationOpt",
-                                        "Cannot allocate memory for ZELResetExpirationOpt key",
-                                        "Cannot allocate memory for ZELResetExpirationOpt bucket key",
-                                        "Cannot clone the ZELResetExpirationOpt headers", true};
-  return clone_key_pair_opt(kLogTag, source, messages);
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for ZELResetExpirationOpt key"),
+    OPT_FIELD(wide, Opt, bucket_key, "Cannot allocate memory for ZELResetExpirationOpt bucket key"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELResetExpirationOpt headers")};
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELResetExpirationOpt", kFields);
+
+const char* missing(const void* raw) {
+  const auto* opt = static_cast<const Opt*>(raw);
+  if (opt->bucket_key == nullptr) return "ZELResetExpirationOpt bucket_key is (null)";
+  if (opt->key == nullptr) return "ZELResetExpirationOpt object_key is (null)";
+  return nullptr;
 }
 
-void free_opt(ZELResetExpirationOpt* opt) { free_key_pair_opt(opt); }
-
-void on_success(const Exchange& exchange, const OpDecorator<ZELResetExpirationOpt>& decorator) {
-  deliver_object_details(kLogTag, exchange, decorator.handle->api_version, decorator.opt->details_callback,
-                         decorator.opt->callback, decorator.user_data);
+void on_success(const OpCall& call, const Exchange& exchange) {
+  deliver_object_details(ZSITE, call, exchange, call.options<Opt>()->details_callback);
 }
 
-int worker(void* raw) {
-  static const KeyPairWorker w{kLogTag,
-                               "ZELResetExpirationDecorator",
-                               "ZELResetExpirationOpt",
-                               "ZELResetExpirationOpt bucket_key is (null)",
-                               "ZELResetExpirationOpt object_key is (null)",
-                               "/resetexpiration",
-                               HttpMethod::post,
-                               "application/json"};
-  return run_key_pair_worker<ZELResetExpirationOpt, ZELResetExpirationResp, free_opt>(raw, w, on_success);
-}
+const Operation kOperation = [] {
+  Operation op;
+  object_operation<Opt>(op, kCopy, "/buckets/%s/objects/%s/resetexpiration");
+  OPERATION_NAMES(op, "ZELResetExpiration");
+  op.log_clone_failures = true;
+  op.site = ZSITE;
+  op.missing = missing;
+  op.method = HttpMethod::post;
+  op.content_type = "application/json";
+  op.on_success = on_success;
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_reset_object_expiration(ZEL* handle, const ZELResetExpirationOpt* opt,
                                                        void* user_data) {
-  static const EntryConfig cfg{"src\\object",
-                               "ZELResetExpirationOpt",
-                               "ZELResetExpirationDecorator",
-                               "Cannot allocate memory for ZELResetExpirationDecorator",
-                               true,
-                               true,
-                               false};
-  start_operation<ZELResetExpirationOpt, ZELResetExpirationResp, clone_opt, free_opt>(cfg, handle, opt,
-                                                                                      user_data, worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

@@ -1,50 +1,44 @@
-#include "bucket_access.h"
 #include "json.h"
+#include "object_op.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\revoke_bucket_access";
-using Decorator = OpDecorator<ZELRevokeBucketAccessOpt>;
+using Opt = ZELRevokeBucketAccessOpt;
 
-const AccessNames kNames{kLogTag,
-                         "Cannot allocate memory for the cloned ZELRevokeBucketAccessOpt",
-                         "Cannot allocate memory for ZELRevokeBucketAccessOpt key",
-                         "Cannot clone the ZELRevokeBucketAccessOpt permissions list",
-                         "Cannot clone the ZELRevokeBucketAccessOpt headers",
-                         "ZELRevokeBucketAccessDecorator",
-                         "ZELRevokeBucketAccessOpt",
-                         "ZELRevokeBucketAccessOpt key is (null)",
-                         "/buckets/%s/revoke"};
+const OptField kFields[] = {
+    OPT_FIELD(wide, Opt, key, "Cannot allocate memory for ZELRevokeBucketAccessOpt key"),
+    OPT_FIELD(permissions, Opt, permissions, "Cannot clone the ZELRevokeBucketAccessOpt permissions list"),
+    OPT_FIELD(headers, Opt, headers, "Cannot clone the ZELRevokeBucketAccessOpt headers")};
+const OptTable kCopy =
+    opt_table<Opt>(ZSITE, "Cannot allocate memory for the cloned ZELRevokeBucketAccessOpt", kFields);
 
-void free_opt(ZELRevokeBucketAccessOpt* opt) { free_access_opt(opt); }
-
-ZELRevokeBucketAccessOpt* clone_opt(const ZELRevokeBucketAccessOpt* source) {
-  return clone_access_opt(kNames, source);
+const char* missing(const void* raw) {
+  return static_cast<const Opt*>(raw)->key == nullptr ? "ZELRevokeBucketAccessOpt key is (null)" : nullptr;
 }
 
-char* to_json(const ZELRevokeBucketAccessOpt* opt, uint32_t version) {
-  return revoke_bucket_access_tojson(opt, version);
+char* to_json(const void* opt, uint32_t version) {
+  return revoke_bucket_access_tojson(static_cast<const Opt*>(opt), version);
 }
 
 // Whatever the body of a 200 holds, the revocation is done.
-void on_success(const Exchange&, const Decorator& decorator) {
-  if (decorator.opt->done_callback != nullptr) decorator.opt->done_callback(decorator.user_data);
-}
-
-int worker(void* raw) {
-  return run_access_worker<ZELRevokeBucketAccessOpt, ZELRevokeBucketAccessResp, free_opt>(raw, kNames, to_json,
-                                                                                         on_success);
-}
+const Operation kOperation = [] {
+  Operation op;
+  bucket_operation<Opt>(op, kCopy);
+  OPERATION_NAMES(op, "ZELRevokeBucketAccess");
+  op.site = ZSITE;
+  op.missing = missing;
+  op.path = "/buckets/%s/revoke";
+  op.args[0] = PATH_NAME(Opt, key);
+  op.method = HttpMethod::post;
+  op.content_type = "application/json";
+  op.body = to_json;
+  op.body_failure = "Cannot marshall http request body to json";
+  op.on_success = call_done<Opt>;
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_revoke_bucket_access(ZEL* handle, const ZELRevokeBucketAccessOpt* opt,
                                                     void* user_data) {
-  static const EntryConfig cfg{"src\\bucket",
-                               "ZELRevokeBucketAccessOpt",
-                               "ZELRevokeBucketAccessDecorator",
-                               "Cannot allocate memory for ZELRevokeBucketAccessDecorator",
-                               false,
-                               false,
-                               true};
-  start_operation<ZELRevokeBucketAccessOpt, ZELRevokeBucketAccessResp, clone_opt, free_opt>(
-      cfg, handle, opt, user_data, worker);
+  FRAME_START(kOperation, handle, opt, user_data);
 }

@@ -101,6 +101,31 @@ void mtx_destroy(mtx_t* mutex) {
   if (mutex != nullptr) pthread_mutex_destroy(&mutex->native);
 }
 
+int cnd_init(cnd_t* cond) {
+  if (cond == nullptr) return thrd_error;
+  return pthread_cond_init(&cond->native, nullptr) == 0 ? thrd_success : thrd_error;
+}
+
+int cnd_signal(cnd_t* cond) { return pthread_cond_signal(&cond->native) == 0 ? thrd_success : thrd_error; }
+
+int cnd_broadcast(cnd_t* cond) {
+  return pthread_cond_broadcast(&cond->native) == 0 ? thrd_success : thrd_error;
+}
+
+int cnd_wait(cnd_t* cond, mtx_t* mutex) {
+  return pthread_cond_wait(&cond->native, &mutex->native) == 0 ? thrd_success : thrd_error;
+}
+
+int cnd_timedwait(cnd_t* cond, mtx_t* mutex, const struct timespec* until) {
+  int rc = pthread_cond_timedwait(&cond->native, &mutex->native, until);
+  if (rc == ETIMEDOUT) return thrd_timedout;
+  return rc == 0 ? thrd_success : thrd_error;
+}
+
+void cnd_destroy(cnd_t* cond) {
+  if (cond != nullptr) pthread_cond_destroy(&cond->native);
+}
+
 }  // namespace zel
 
 const char* thread_result_message(int code) {

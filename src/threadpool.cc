@@ -28,7 +28,7 @@ struct WorkerRecord {
 
 struct ThreadPool {
   zel::mtx_t lock;      // guards the queue and the counters
-  pthread_cond_t idle;  // signalled when the last running worker leaves
+  zel::cnd_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;
   unsigned limit;
@@ -54,7 +54,7 @@ void leave(ThreadPool* pool, WorkerRecord* self) {
   pool->finished = self;
   pool->running--;
   recount(pool);
-  if (pool->running == 0) pthread_cond_broadcast(&pool->idle);
+  if (pool->running == 0) zel::cnd_broadcast(&pool->idle);
 }
 
 // With the lock held: the next task, or nullptr when the queue is empty.
@@ -70,13 +70,15 @@ int worker(void* raw) {
   auto* self = static_cast<WorkerRecord*>(raw);
   ThreadPool* pool = self->pool;
   for (;;) {
-    zel::mtx_lock(&pool->lock);
-    Task* task = g_stopping.load() ? nullptr : take(pool);
-    // The slot goes back in the same hold of the lock in which the queue
-    // was found empty, so a task queued right after finds the slot free and
-    // starts a worker of its own instead of waiting for the next one.
-    if (task == nullptr) leave(pool, self);
-    zel::mtx_unlock(&pool->lock);
+    Task* task = nullptr;
+    {
+      zel::LockGuard lock(pool->lock);
+      task = g_stopping.load() ? nullptr : take(pool);
+      // The slot goes back in the same hold of the lock in which the queue
+      // was found empty, so a task queued right after finds the slot free and
+      // starts a worker of its own instead of waiting for the next one.
+      if (task == nullptr) leave(pool, self);
+    }
     if (task == nullptr) {
       void (*hook)() = g_leave_hook.load();
       if (hook != nullptr) hook();
@@ -103,25 +105,24 @@ void link(ThreadPool* pool, Task* task, bool at_head) {
 }
 
 // With the lock held: starts a worker when a slot is free. A worker that
-// cannot start leaves the task queued for the running ones.
-void start_worker(ThreadPool* pool) {
-  if (pool->free_slots <= 0) return;
+// cannot start leaves the task queued for the running ones; its thread
+// result is returned for the caller to log once the lock is released (the
+// log sink is the application's code).
+int start_worker(ThreadPool* pool) {
+  if (pool->free_slots <= 0) return zel::thrd_success;
   auto* record = static_cast<WorkerRecord*>(mem_calloc(1, sizeof(WorkerRecord)));
-  if (record == nullptr) {
-    ZLOG("Cannot create a new thread: %s", thread_result_message(zel::thrd_nomem));
-    return;
-  }
+  if (record == nullptr) return zel::thrd_nomem;
   record->pool = pool;
   // The worker can only leave under the lock this caller holds, so the
   // record is complete before anyone reads its thread.
   int result = zel::thrd_create(&record->thread, worker, record);
   if (result != zel::thrd_success) {
-    ZLOG("Cannot create a new thread: %s", thread_result_message(result));
     mem_free(record);
-    return;
+    return result;
   }
   pool->running++;
   recount(pool);
+  return zel::thrd_success;
 }
 
 // Joins the workers taken off the finished list (each has left already, so
@@ -146,19 +147,26 @@ int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
   task->function = function;
   task->argument = argument;
   task->next = nullptr;
-  zel::mtx_lock(&pool->lock);
-  // A worker's own task may race the shut-down; the flag is written under
-  // this lock, so this check cannot miss it and no task outlives the pool.
-  if (g_stopping.load()) {
-    zel::mtx_unlock(&pool->lock);
+  WorkerRecord* finished = nullptr;
+  bool stopping = false;
+  int started = zel::thrd_success;
+  {
+    zel::LockGuard lock(pool->lock);
+    // A worker's own task may race the shut-down; the flag is written under
+    // this lock, so this check cannot miss it and no task outlives the pool.
+    stopping = g_stopping.load() != 0;
+    if (!stopping) {
+      link(pool, task, at_head);
+      started = start_worker(pool);
+      finished = pool->finished;
+      pool->finished = nullptr;
+    }
+  }
+  if (stopping) {
     mem_free(task);
     return -1;
   }
-  link(pool, task, at_head);
-  start_worker(pool);
-  WorkerRecord* finished = pool->finished;
-  pool->finished = nullptr;
-  zel::mtx_unlock(&pool->lock);
+  if (started != zel::thrd_success) ZLOG("Cannot create a new thread: %s", thread_result_message(started));
   join_finished(finished);
   return 0;
 }
@@ -166,9 +174,8 @@ int enqueue(ThreadTaskFn function, void* argument, bool at_head) {
 int read_counter(int ThreadPool::*field) {
   ThreadPool* pool = g_pool.load();
   if (pool == nullptr) return -1;
-  zel::mtx_lock(&pool->lock);
+  zel::LockGuard lock(pool->lock);
   int value = pool->*field;
-  zel::mtx_unlock(&pool->lock);
   return value;
 }
 }  // namespace
@@ -186,7 +193,7 @@ int thread_pool_init(int limit) {
       mem_free(pool);
       return -1;
     }
-    if (pthread_cond_init(&pool->idle, nullptr) != 0) {
+    if (zel::cnd_init(&pool->idle) != zel::thrd_success) {
       ZLOG("%s", thread_result_message(zel::thrd_error));
       zel::mtx_destroy(&pool->lock);
       mem_free(pool);
@@ -208,10 +215,9 @@ int thread_pool_set_size(int limit) {
     ZLOG("Thread pool size %d is below 1", limit);
     return -1;
   }
-  zel::mtx_lock(&pool->lock);
+  zel::LockGuard lock(pool->lock);
   pool->limit = static_cast<unsigned>(limit);
   recount(pool);
-  zel::mtx_unlock(&pool->lock);
   return limit;
 }
 
@@ -230,24 +236,28 @@ int thread_pool_free_slots() { return read_counter(&ThreadPool::free_slots); }
 void thread_pool_cleanup() {
   ThreadPool* pool = g_pool.load();
   if (pool == nullptr) return;
-  zel::mtx_lock(&pool->lock);
-  g_stopping.store(1);
-  Task* task = pool->first;
-  pool->first = pool->last = nullptr;
-  zel::mtx_unlock(&pool->lock);
+  Task* task = nullptr;
+  {
+    zel::LockGuard lock(pool->lock);
+    g_stopping.store(1);
+    task = pool->first;
+    pool->first = pool->last = nullptr;
+  }
   while (task != nullptr) {
     Task* next = task->next;
     mem_free(task);
     task = next;
   }
-  zel::mtx_lock(&pool->lock);
-  while (pool->running > 0) pthread_cond_wait(&pool->idle, &pool->lock.native);
-  WorkerRecord* finished = pool->finished;
-  pool->finished = nullptr;
-  zel::mtx_unlock(&pool->lock);
+  WorkerRecord* finished = nullptr;
+  {
+    zel::LockGuard lock(pool->lock);
+    while (pool->running > 0) lock.wait(pool->idle);
+    finished = pool->finished;
+    pool->finished = nullptr;
+  }
   join_finished(finished);
   g_pool.store(nullptr);
-  pthread_cond_destroy(&pool->idle);
+  zel::cnd_destroy(&pool->idle);
   zel::mtx_destroy(&pool->lock);
   mem_free(pool);
 }

@@ -1,8 +1,6 @@
 // Pieces both transfer engines share.
 #include "transfer.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +10,7 @@
 #include "http_plan.h"
 #include "httppool.h"
 #include "log.h"
+#include "thread.h"
 
 namespace {
 
@@ -26,27 +25,25 @@ struct Pending {
   Pending* next;
 };
 
-pthread_mutex_t g_pending_lock = PTHREAD_MUTEX_INITIALIZER;
+zel::mtx_t g_pending_lock = ZEL_MTX_INIT;
 Pending* g_pending = nullptr;
 int g_pending_count = 0;
 
 void pending_link(Pending* node) {
-  pthread_mutex_lock(&g_pending_lock);
+  zel::LockGuard lock(g_pending_lock);
   node->prev = nullptr;
   node->next = g_pending;
   if (g_pending != nullptr) g_pending->prev = node;
   g_pending = node;
   g_pending_count++;
-  pthread_mutex_unlock(&g_pending_lock);
 }
 
 void pending_unlink(Pending* node) {
-  pthread_mutex_lock(&g_pending_lock);
+  zel::LockGuard lock(g_pending_lock);
   if (node->prev != nullptr) node->prev->next = node->next;
   if (node->next != nullptr) node->next->prev = node->prev;
   if (g_pending == node) g_pending = node->next;
   g_pending_count--;
-  pthread_mutex_unlock(&g_pending_lock);
 }
 
 // The task the worker pool actually runs: once started, the argument is
@@ -79,11 +76,13 @@ int transfer_enqueue(ThreadTaskFn function, void* argument, TransferDropFn drop,
 }
 
 void transfer_release_dropped() {
-  pthread_mutex_lock(&g_pending_lock);
-  Pending* node = g_pending;
-  g_pending = nullptr;
-  g_pending_count = 0;
-  pthread_mutex_unlock(&g_pending_lock);
+  Pending* node = nullptr;
+  {
+    zel::LockGuard lock(g_pending_lock);
+    node = g_pending;
+    g_pending = nullptr;
+    g_pending_count = 0;
+  }
   // Dropping one argument may finish a transfer whose other tasks are
   // further down the list; each release only touches its own argument and
   // the transfer it counts into.
@@ -96,10 +95,8 @@ void transfer_release_dropped() {
 }
 
 int transfer_pending_count() {
-  pthread_mutex_lock(&g_pending_lock);
-  int count = g_pending_count;
-  pthread_mutex_unlock(&g_pending_lock);
-  return count;
+  zel::LockGuard lock(g_pending_lock);
+  return g_pending_count;
 }
 
 void transfer_note_failure(int32_t status) {
@@ -107,8 +104,8 @@ void transfer_note_failure(int32_t status) {
 }
 
 namespace {
-pthread_mutex_t g_wait_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t g_wait_cond = PTHREAD_COND_INITIALIZER;
+zel::mtx_t g_wait_lock = ZEL_MTX_INIT;
+zel::cnd_t g_wait_cond = ZEL_CND_INIT;
 std::atomic<uint32_t> g_base_ms{100};
 std::atomic<uint32_t> g_cap_ms{5000};
 
@@ -125,7 +122,7 @@ uint32_t backoff_ms(uint32_t retry) {
   if (state == 0) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    state = (static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(pthread_self()) << 1)) | 1;
+    state = (static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&state)) << 1)) | 1;
   }
   state ^= state << 13;  // xorshift64
   state ^= state >> 7;
@@ -142,18 +139,17 @@ bool transfer_backoff(uint32_t retry) {
   uint64_t ns = static_cast<uint64_t>(deadline.tv_nsec) + static_cast<uint64_t>(ms) * 1000000u;
   deadline.tv_sec += static_cast<time_t>(ns / 1000000000u);
   deadline.tv_nsec = static_cast<long>(ns % 1000000000u);
-  pthread_mutex_lock(&g_wait_lock);
-  int waited = 0;
-  while (!stopping() && waited != ETIMEDOUT)
-    waited = pthread_cond_timedwait(&g_wait_cond, &g_wait_lock, &deadline);
-  pthread_mutex_unlock(&g_wait_lock);
+  {
+    zel::LockGuard lock(g_wait_lock);
+    int waited = zel::thrd_success;
+    while (!stopping() && waited == zel::thrd_success) waited = lock.wait_until(g_wait_cond, deadline);
+  }
   return !stopping();
 }
 
 void transfer_wake_all() {
-  pthread_mutex_lock(&g_wait_lock);
-  pthread_cond_broadcast(&g_wait_cond);
-  pthread_mutex_unlock(&g_wait_lock);
+  zel::LockGuard lock(g_wait_lock);
+  zel::cnd_broadcast(&g_wait_cond);
 }
 
 void transfer_set_backoff(uint32_t base_ms, uint32_t cap_ms) {

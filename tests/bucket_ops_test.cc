@@ -6,7 +6,7 @@
 #include "cache.h"
 #include "create_bucket.h"
 #include "lib_fixture.h"
-#include "record_log.h"
+#include "captured_log.h"
 #include "thread.h"
 
 namespace zeltest {
@@ -232,12 +232,12 @@ TEST_F(BucketFrame, AutomaticCreationUsesTheCache) {
 }
 
 TEST_F(BucketFrame, EntryPointFailures) {
-  LogCapture capture;
+  zeltest::CapturedLog capture;
   Recorder rec;
   zel_create_bucket(handle(), nullptr, &rec);
   zel_list_buckets(handle(), nullptr, &rec);
   EXPECT_TRUE(rec.events().empty());
-  EXPECT_EQ(record_log::messages("src\\bucket"),
+  EXPECT_EQ(zeltest::CapturedLog::messages("src\\bucket"),
             (std::vector<std::string>{"ZELCreateBucketOpt is not initialized", "ZELListBucketsOpt is not initialized"}));
 
   Recorder no_handle;
@@ -246,7 +246,7 @@ TEST_F(BucketFrame, EntryPointFailures) {
   Event e = no_handle.only();
   EXPECT_EQ(e.code, 0);
   EXPECT_EQ(e.message, "Cannot allocate memory for ZELListBucketsDecorator");
-  EXPECT_EQ(record_log::last("src\\bucket"), "Unable to clone zel");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\bucket"), "Unable to clone zel");
 
   Recorder create_failed;
   ZELCreateBucketOpt copt{u"abc", 0, nullptr, nullptr, on_status<ZELCreateBucketResp>, nullptr};

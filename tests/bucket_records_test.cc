@@ -9,7 +9,7 @@
 
 #include "alloc.h"
 #include "bucket.h"
-#include "record_log.h"
+#include "captured_log.h"
 
 namespace {
 
@@ -82,7 +82,7 @@ TEST(Permissions, FailedAppendLeavesTheListUnchanged) {
 }
 
 TEST(Permissions, CloneFailuresLogAndLeaveNothing) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELBucketPermissions* list = zel_permissions_init();
   zel_permissions_append(list, "A", 0);
   zel_permissions_append(list, "B", 1);
@@ -91,7 +91,7 @@ TEST(Permissions, CloneFailuresLogAndLeaveNothing) {
     mem_fail_at(step);
     EXPECT_EQ(permissions_clone(list), nullptr) << "step " << step;
     mem_fail_at(0);
-    EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for the cloned ZELBucketPermissions");
+    EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for the cloned ZELBucketPermissions");
   }
   zel_permissions_cleanup(list);
 }
@@ -107,16 +107,16 @@ TEST(BucketDetails, InitGivesAnEmptyListAndLogsEachFailure) {
   zel_permissions_append(details->permissions, "A", 0);
   zel_bucket_details_cleanup(details);
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(1);
   EXPECT_EQ(zel_bucket_details_init(), nullptr);
-  EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELBucketDetails");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELBucketDetails");
   mem_fail_at(2);
   EXPECT_EQ(zel_bucket_details_init(), nullptr);
-  EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELBucketDetails.permissions");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELBucketDetails.permissions");
   mem_fail_at(1);
   EXPECT_EQ(zel_permissions_init(), nullptr);
-  EXPECT_EQ(record_log::messages(kTag).size(), 2u) << "permission list init logs nothing";
+  EXPECT_EQ(zeltest::CapturedLog::messages(kTag).size(), 2u) << "permission list init logs nothing";
   mem_fail_at(0);
 }
 

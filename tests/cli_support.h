@@ -22,7 +22,7 @@
 
 extern char** environ;
 
-namespace clitest {
+namespace zeltest {
 
 using zeltest::http;
 using zeltest::kAuthHeader;
@@ -150,8 +150,8 @@ class CliTest : public zeltest::EmulatorTest {
       run.status = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : -1;
     }
     posix_spawn_file_actions_destroy(&actions);
-    run.out = xfer::read_file(out_path);
-    run.err = xfer::read_file(err_path);
+    run.out = zeltest::read_file(out_path);
+    run.err = zeltest::read_file(err_path);
     return run;
   }
 
@@ -206,7 +206,7 @@ class CliTest : public zeltest::EmulatorTest {
     return out;
   }
 
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
-}  // namespace clitest
+}  // namespace zeltest

@@ -4,7 +4,7 @@
 
 namespace {
 
-using namespace clitest;
+using namespace zeltest;
 
 TEST_F(CliTest, BucketCommandsPrintTextAndJson) {
   Ran mb = zel({"mb", "photos", "--policy", "persistent", "--grant", "svc-a:read", "--grant", "svc-b:full"});
@@ -54,14 +54,14 @@ TEST_F(CliTest, BucketListingFollowsEveryPageUnlessLimited) {
   ASSERT_EQ(json_array_size(list), 106u) << "105 made here and the fixture's";
   EXPECT_STREQ(json_string_value(json_object_get(json_array_get(list, 0), "bucket")), "b000")
       << "service order";
-  EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/buckets?").size(), 2u) << "two pages";
+  EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/buckets?").size(), 2u) << "two pages";
 
   server_.clear_requests();
   Ran some = zel({"buckets", "--limit", "3"});
   ASSERT_EQ(some.status, 0) << describe(some);
   EXPECT_EQ(some.out.rfind("b000\ttemporary\t20", 0), 0u) << some.out;
   EXPECT_EQ(std::count(some.out.begin(), some.out.end(), '\n'), 3);
-  auto sent = xfer::matching(server_.requests(), "GET", "/buckets?");
+  auto sent = zeltest::matching(server_.requests(), "GET", "/buckets?");
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_NE(sent[0].target.find("limit=3"), std::string::npos) << sent[0].target;
 }
@@ -77,7 +77,7 @@ TEST_F(CliTest, ObjectCommandsWithSlashesAndNonAsciiKeys) {
       << put.out;
   EXPECT_NE(put.out.find("sha1 " + sha1_hex(data)), std::string::npos) << put.out;
   EXPECT_EQ(put.err, "") << "no progress bar when standard error is not a terminal";
-  auto puts = xfer::matching(server_.requests(), "PUT", "/objects/");
+  auto puts = zeltest::matching(server_.requests(), "PUT", "/objects/");
   ASSERT_EQ(puts.size(), 1u);
   EXPECT_NE(puts[0].target.find("/buckets/bkt/objects/" + escaped), std::string::npos) << puts[0].target;
   EXPECT_EQ(stored(escaped), data);
@@ -108,7 +108,7 @@ TEST_F(CliTest, ObjectCommandsWithSlashesAndNonAsciiKeys) {
   Ran touch = zel({"touch", "bkt/copy/ß.bin"});
   ASSERT_EQ(touch.status, 0) << describe(touch);
   EXPECT_EQ(touch.out.rfind("expiration reset for bkt/copy/ß.bin\n", 0), 0u) << touch.out;
-  EXPECT_EQ(xfer::matching(server_.requests(), "POST", "resetexpiration").size(), 1u);
+  EXPECT_EQ(zeltest::matching(server_.requests(), "POST", "resetexpiration").size(), 1u);
 }
 
 TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
@@ -121,18 +121,18 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
   EXPECT_EQ(num(d, "size"), 300000);
   EXPECT_EQ(str(d, "sha1"), sha1_hex(data));
   EXPECT_EQ(str(zeltest::JsonPtr(json_incref(json_object_get(d.get(), "object"))), "key"), "big");
-  EXPECT_EQ(xfer::matching(server_.requests(), "PUT", "/resumable").size(), 5u) << "65536-byte chunks";
+  EXPECT_EQ(zeltest::matching(server_.requests(), "PUT", "/resumable").size(), 5u) << "65536-byte chunks";
 
   Ran get = zel({"get", "bkt/big", dir_.file("back")});
   ASSERT_EQ(get.status, 0) << describe(get);
-  EXPECT_EQ(xfer::read_file(dir_.file("back")), data);
+  EXPECT_EQ(zeltest::read_file(dir_.file("back")), data);
   EXPECT_NE(get.out.find("downloaded bkt/big to " + dir_.file("back") + ": 293.0 KiB in "), std::string::npos)
       << get.out;
   EXPECT_NE(get.out.find("sha1 " + sha1_hex(data)), std::string::npos) << "the local file's SHA-1";
 
   Ran part = zel({"--json", "get", "bkt/big", dir_.file("part"), "--range", "100-199"});
   ASSERT_EQ(part.status, 0) << describe(part);
-  EXPECT_EQ(xfer::read_file(dir_.file("part")), data.substr(100, 100));
+  EXPECT_EQ(zeltest::read_file(dir_.file("part")), data.substr(100, 100));
   EXPECT_EQ(num(result(part), "size"), 100);
 
   Ran ranged = zel({"put", file, "bkt/ranged", "--range", "0-99", "--session", "s-r"});
@@ -153,7 +153,7 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
   EXPECT_EQ(anonymous.status, 1) << "the emulator wants a token: " << describe(anonymous);
   Ran by_url = zel({"get-url", url, dir_.file("url"), "--auth"});
   ASSERT_EQ(by_url.status, 0) << describe(by_url);
-  EXPECT_EQ(xfer::read_file(dir_.file("url")), data);
+  EXPECT_EQ(zeltest::read_file(dir_.file("url")), data);
 }
 
 TEST_F(CliTest, ResumeSendsOnlyWhatTheServiceMisses) {
@@ -183,7 +183,7 @@ TEST_F(CliTest, ResumeSendsOnlyWhatTheServiceMisses) {
   EXPECT_NE(resume.out.find("uploaded " + file + " to bkt/r/ü: 64.0 KiB in"), std::string::npos)
       << resume.out;
   EXPECT_NE(resume.out.find("sha1 " + sha1_hex(data)), std::string::npos) << resume.out;
-  auto sent = xfer::matching(server_.requests(), "PUT", "/objects/");
+  auto sent = zeltest::matching(server_.requests(), "PUT", "/objects/");
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].header("Content-Range"), "bytes 65536-131071/262644");
   EXPECT_EQ(sent[0].header("Session-Id"), "s-0001");
@@ -194,7 +194,7 @@ TEST_F(CliTest, ResumeSendsOnlyWhatTheServiceMisses) {
   Ran again = zel({"--json", "resume", file, "bkt/r/ü", "--session", "s-0001"});
   ASSERT_EQ(again.status, 0) << describe(again);
   EXPECT_EQ(str(result(again), "sha1"), sha1_hex(data));
-  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty());
+  EXPECT_TRUE(zeltest::matching(server_.requests(), "PUT", "/objects/").empty());
   Ran fresh = zel({"resume", file, "bkt/fresh", "--session", "s-0002"});
   ASSERT_EQ(fresh.status, 0) << describe(fresh);
   EXPECT_EQ(stored("fresh"), data);
@@ -267,7 +267,7 @@ TEST_F(CliTest, NumericOptionsAndUsageErrorsExitTwoWithOneLine) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << "want '" << c.message << "' in: " << r.err;
     EXPECT_LT(r.err.find('\n'), 100u) << "one short line: " << r.err;
   }
-  EXPECT_EQ(xfer::matching(server_.requests(), "", "/buckets/b2").size(), 0u)
+  EXPECT_EQ(zeltest::matching(server_.requests(), "", "/buckets/b2").size(), 0u)
       << "nothing sent on usage errors";
   for (const char* size : {"5MiB", "8M", "65536", "64k"}) {
     Ran ok = zel({"-q", "--chunk-size", size, "put", dir_.write("c", pattern_bytes(70000, 1)), "bkt/c"});
@@ -441,7 +441,7 @@ TEST_F(CliTest, CompletionAndManPageFollowTheHelp) {
   EXPECT_EQ(complete("zel help g"), "grant get get-url\n");
   EXPECT_EQ(complete("zel --api \"\""), "1 2\n");
 
-  std::string man = xfer::read_file(ZEL_BIN_DIR "/../cli/zel.1");
+  std::string man = zeltest::read_file(ZEL_BIN_DIR "/../cli/zel.1");
   if (man.empty()) GTEST_SKIP() << "no man page (help2man missing)";
   EXPECT_NE(man.find(".TH ZEL \"1\""), std::string::npos);
   for (const char* text : {"stall\\-timeout", "get\\-url", "resume", "Exit status"})

@@ -7,14 +7,14 @@
 
 namespace {
 
-using namespace clitest;
+using namespace zeltest;
 
 class CliTransferTest : public CliTest {
  protected:
   // A file that must survive every failed download.
   std::string precious() { return dir_.write("keep.txt", "precious bytes\n"); }
   void expect_untouched(const std::string& path, const Ran& r) {
-    EXPECT_EQ(xfer::read_file(path), "precious bytes\n") << describe(r);
+    EXPECT_EQ(zeltest::read_file(path), "precious bytes\n") << describe(r);
     EXPECT_TRUE(leftovers(".zel-").empty()) << "a temporary file was left: " << leftovers(".zel-")[0];
   }
   void interrupt_put(int signal);
@@ -26,7 +26,7 @@ TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
   std::string keep = precious();
 
   // The stored bytes changed behind the service's back: same size, other SHA-1.
-  std::string good = xfer::read_file(blob_of("obj"));
+  std::string good = zeltest::read_file(blob_of("obj"));
   std::ofstream(blob_of("obj"), std::ios::binary | std::ios::trunc) << pattern_bytes(200000, 2);
   Ran corrupt = zel({"get", "bkt/obj", keep});
   EXPECT_EQ(corrupt.status, 1) << describe(corrupt);
@@ -54,10 +54,10 @@ TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
 
   Ran ok = zel({"get", "bkt/obj", keep, "--range", "100-199"});
   ASSERT_EQ(ok.status, 0) << describe(ok);
-  EXPECT_EQ(xfer::read_file(keep), data.substr(100, 100));
+  EXPECT_EQ(zeltest::read_file(keep), data.substr(100, 100));
   Ran whole = zel({"get", "bkt/obj", keep});
   ASSERT_EQ(whole.status, 0) << describe(whole);
-  EXPECT_EQ(xfer::read_file(keep), data);
+  EXPECT_EQ(zeltest::read_file(keep), data);
   EXPECT_TRUE(leftovers(".zel-").empty());
 
   precious();
@@ -101,7 +101,7 @@ TEST_F(CliTransferTest, ResumeRefusesAFileThatIsNotTheSessions) {
   EXPECT_NE(unnoted.err.find("holds bytes up to 149999: it is not the file of this session"),
             std::string::npos)
       << unnoted.err;
-  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
+  EXPECT_TRUE(zeltest::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
 
   // Same size, other bytes: the note of the session's start tells; without
   // it (another machine) only the final SHA-1 can.
@@ -111,7 +111,7 @@ TEST_F(CliTransferTest, ResumeRefusesAFileThatIsNotTheSessions) {
                                 sha1_hex(data) + ")"),
             std::string::npos)
       << other_file.err;
-  EXPECT_TRUE(xfer::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
+  EXPECT_TRUE(zeltest::matching(server_.requests(), "PUT", "/objects/").empty()) << "nothing sent";
   Ran mixed =
       zel({"resume", other, "bkt/half", "--session", "s-half"}, {"XDG_STATE_HOME=" + dir_.file("elsewhere")});
   EXPECT_EQ(mixed.status, 1) << describe(mixed);
@@ -138,7 +138,7 @@ void CliTransferTest::interrupt_put(int signal) {
       command({"--parallel", "1", "put", file, "bkt/big", "--session", "s-int"}), 80,
       [&](const std::string&) {
         return std::chrono::steady_clock::now() - started > std::chrono::milliseconds(1000) &&
-               !xfer::matching(server_.requests(), "PUT", "resumable").empty();
+               !zeltest::matching(server_.requests(), "PUT", "resumable").empty();
       },
       signal == SIGINT ? 0 : signal);
   EXPECT_EQ(run.status, 130) << run.screen;
@@ -174,7 +174,7 @@ TEST_F(CliTransferTest, CtrlCDuringGetLeavesTheTargetAlone) {
   EXPECT_EQ(run.status, 130) << run.screen;
   EXPECT_NE(run.screen.find("zel get: interrupted; " + keep + " left untouched"), std::string::npos)
       << run.screen;
-  EXPECT_EQ(xfer::read_file(keep), "precious bytes\n");
+  EXPECT_EQ(zeltest::read_file(keep), "precious bytes\n");
   EXPECT_TRUE(leftovers(".zel-").empty());
 }
 
@@ -232,7 +232,7 @@ TEST_F(CliTransferTest, DestinationsAsPeopleExpect) {
 
   ASSERT_EQ(mkdir(dir_.file("down").c_str(), 0755), 0);
   ASSERT_EQ(zel({"-q", "get", "bkt/2024/photo.jpg", dir_.file("down")}).status, 0);
-  EXPECT_EQ(xfer::read_file(dir_.file("down/photo.jpg")), data);
+  EXPECT_EQ(zeltest::read_file(dir_.file("down/photo.jpg")), data);
 
   ASSERT_EQ(zel({"-q", "cp", "bkt/photo.jpg", "bkt/h5.jpg"}).status, 0);
   EXPECT_EQ(stored("h5.jpg"), data) << "BUCKET/DST stays in the bucket, not bkt/bkt/...";
@@ -321,7 +321,7 @@ TEST_F(CliTransferTest, StalledAttemptsAreAbortedAndTimeoutsApply) {
     Ran r = zel({option, "1", "--retries", "0", "get", "bkt/stall", dir_.file("stall")});
     EXPECT_EQ(r.status, 4) << option << ": " << describe(r);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2800)) << option;
-    EXPECT_FALSE(xfer::file_exists(dir_.file("stall")));
+    EXPECT_FALSE(zeltest::file_exists(dir_.file("stall")));
   }
 }
 

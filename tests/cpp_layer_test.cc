@@ -75,7 +75,7 @@ class CppLayerTest : public zeltest::EmulatorTest {
 
   std::optional<zel::Library> library_;
   std::optional<zel::Client> client_;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
 TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
@@ -93,7 +93,7 @@ TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
   ASSERT_TRUE(put.value().details.has_value());
   EXPECT_EQ(put.value().details->object_key, key);
   EXPECT_EQ(put.value().details->sha1, sha1_hex(data));
-  auto puts = xfer::matching(server_.requests(), "PUT", "/resumable");
+  auto puts = zeltest::matching(server_.requests(), "PUT", "/resumable");
   ASSERT_EQ(puts.size(), 3u);
   EXPECT_NE(puts[0].target.find("/objects/dir%2F%C3%BCn%C3%AF%20%E2%98%83%2F%F0%9D%84%9E.bin/"),
             std::string::npos)
@@ -104,7 +104,7 @@ TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
   EXPECT_EQ(details.value().object_key, key);
   EXPECT_EQ(details.value().size, data.size());
   ASSERT_TRUE(client_->get_object("bkt", key, dir_.file("down")).get().ok());
-  EXPECT_EQ(xfer::read_file(dir_.file("down")), data);
+  EXPECT_EQ(zeltest::read_file(dir_.file("down")), data);
 
   auto copy = client_->copy_object("bkt", key, "kopie/ß").get();
   ASSERT_TRUE(copy.ok()) << copy.error().message;

@@ -5,7 +5,7 @@
 
 #include "delta_support.h"
 
-namespace deltatest {
+namespace zeltest {
 namespace {
 
 Bytes concat_trailer(Bytes data) {
@@ -190,4 +190,4 @@ TEST_F(HostileTest, AllocationFailuresAreSurvived) {
 }
 
 }  // namespace
-}  // namespace deltatest
+}  // namespace zeltest

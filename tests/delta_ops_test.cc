@@ -20,11 +20,10 @@
 #include "transfer_support.h"
 
 using namespace zeltest;
-using xfer::wide;
 
 namespace {
 
-struct DeltaOutcome : xfer::Outcome {
+struct DeltaOutcome : zeltest::Outcome {
   int matches = 0;
   int32_t match_result = -99;
   std::atomic<bool> abort{false};
@@ -133,10 +132,10 @@ class DeltaOps : public LibTest {
                    tmp = wide(dir_.file(""));
     ZELStream* origin_stream = zel_stream_init(origin.c_str());
     ZELStream* derv_stream = zel_stream_init(derv.c_str());
-    ZELPutPatchOpt opt{origin_stream,    derv_stream, sig.c_str(), patch.c_str(),
-                       u"dlt",           u"base",     u"next",     tmp.c_str(),
-                       process_type,     ratio,       headers,     xfer::on_status<ZELPutPatchResp>,
-                       xfer::on_details, on_abort};
+    ZELPutPatchOpt opt{origin_stream, derv_stream, sig.c_str(), patch.c_str(),
+                       u"dlt",        u"base",     u"next",     tmp.c_str(),
+                       process_type,  ratio,       headers,     outcome_status<ZELPutPatchResp>,
+                       on_details,    on_abort};
     zel_put_patch(handle(), &opt, out);
     zel_headers_cleanup(headers);
     zel_stream_cleanup(origin_stream);
@@ -146,8 +145,8 @@ class DeltaOps : public LibTest {
   ZELGetPatchOpt get_opt(double ratio) {
     ZELGetPatchOpt opt{
         u"dlt",       u"base", u"next", orig_.c_str(), patch_.c_str(), dest_.c_str(),
-        tmp_.c_str(), 0,       0,       ratio,         nullptr,        xfer::on_status<ZELGetPatchResp>,
-        xfer::on_done};
+        tmp_.c_str(), 0,       0,       ratio,         nullptr,        outcome_status<ZELGetPatchResp>,
+        outcome_done};
     return opt;
   }
   struct Report {
@@ -163,7 +162,7 @@ class DeltaOps : public LibTest {
     return Report{out.done, out.code, out.message};
   }
 
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
   std::string base_, next_;
   std::u16string orig_ = w("base"), patch_ = w("patch"), dest_ = w("out"), tmp_ = wide(dir_.file(""));
 };
@@ -252,7 +251,7 @@ TEST_F(DeltaOps, MatchReportsOnceAndRemovesTheSignature) {
     server_.clear_requests();
     std::u16string key = wide(row.key), dest = w(row.file), sig = w("sig");
     ZELMatchObjectOpt opt{u"dlt",       key.c_str(), sig.c_str(), dest.c_str(),
-                          tmp_.c_str(), row.ratio,   nullptr,     xfer::on_status<ZELMatchObjectResp>,
+                          tmp_.c_str(), row.ratio,   nullptr,     outcome_status<ZELMatchObjectResp>,
                           on_match};
     DeltaOutcome out;
     zel_match_object(handle(), &opt, &out);
@@ -476,7 +475,7 @@ TEST_F(DeltaOps, GetPatchOutcomes) {
   ASSERT_TRUE(wait_until([&] { return jobs("createdelta")[0].first == KRI_JOB_FINISHED; }));
   Report second = get_patch(get_opt(0.5));
   EXPECT_EQ(second.done, 1) << second.message;
-  EXPECT_EQ(xfer::read_file(dir_.file("out")), next_);
+  EXPECT_EQ(zeltest::read_file(dir_.file("out")), next_);
   ASSERT_EQ(remove(dir_.file("out").c_str()), 0);
 
   HttpResult patch =
@@ -545,9 +544,9 @@ TEST_F(DeltaOps, GetPatchToAnEmptyObjectSkipsTheRatio) {
   }));
   Report out = get_patch(get_opt(0.0));
   EXPECT_EQ(out.done, 1) << out.message;
-  EXPECT_TRUE(xfer::file_exists(dir_.file("out")));
-  EXPECT_EQ(xfer::read_file(dir_.file("out")), "");
-  EXPECT_FALSE(xfer::file_exists(dir_.file("patch")));
+  EXPECT_TRUE(zeltest::file_exists(dir_.file("out")));
+  EXPECT_EQ(zeltest::read_file(dir_.file("out")), "");
+  EXPECT_FALSE(zeltest::file_exists(dir_.file("patch")));
 }
 
 }  // namespace

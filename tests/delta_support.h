@@ -18,7 +18,7 @@
 #include "alloc.h"
 #include "util.h"
 
-namespace deltatest {
+namespace zeltest {
 
 using Bytes = std::vector<unsigned char>;
 
@@ -133,4 +133,4 @@ class DeltaTest : public ::testing::Test {
   std::string dir_;
 };
 
-}  // namespace deltatest
+}  // namespace zeltest

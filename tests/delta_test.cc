@@ -8,7 +8,7 @@
 
 #include "delta_support.h"
 
-namespace deltatest {
+namespace zeltest {
 namespace {
 
 struct Case {
@@ -274,4 +274,4 @@ TEST_F(DeltaTest, ConcurrentCallsOnDifferentFiles) {
 }
 
 }  // namespace
-}  // namespace deltatest
+}  // namespace zeltest

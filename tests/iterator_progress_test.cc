@@ -12,7 +12,7 @@
 #include "iterator.h"
 #include "object.h"
 #include "progress.h"
-#include "record_log.h"
+#include "captured_log.h"
 
 namespace {
 
@@ -63,17 +63,17 @@ TEST(Iterator, ChunkBoundaries) {
 }
 
 TEST(Iterator, RefusalsAndFailedAllocations) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   EXPECT_EQ(iterator_init(0, 0, 100), nullptr);
-  EXPECT_EQ(record_log::last("src\\iterator"), "Cannot initialize iterator with step equal 0");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\iterator"), "Cannot initialize iterator with step equal 0");
   EXPECT_EQ(iterator_init(UINT64_MAX, 1, 2), nullptr);
-  EXPECT_EQ(record_log::last("src\\iterator"),
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\iterator"),
             "Cannot initialize iterator with a range beyond the largest offset");
   log.clear();
   mem_fail_at(1);
   EXPECT_EQ(iterator_init(0, 1, 1), nullptr);
   mem_fail_at(0);
-  EXPECT_TRUE(record_log::messages("src\\iterator").empty()) << "a failed record allocation is silent";
+  EXPECT_TRUE(zeltest::CapturedLog::messages("src\\iterator").empty()) << "a failed record allocation is silent";
 
   // A chunk whose range cannot be allocated is handed out on the next call.
   ZELByteRangeIterator* iterator = iterator_init(0, 4, 8);
@@ -126,11 +126,11 @@ TEST(Progress, InitAndFailures) {
   progress_cleanup(progress);
   progress_cleanup(nullptr);
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(1);
   EXPECT_EQ(progress_init(1), nullptr);
   mem_fail_at(0);
-  EXPECT_EQ(record_log::last("src\\progress"), "Cannot allocate memory for ZELProgress");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\progress"), "Cannot allocate memory for ZELProgress");
 }
 
 TEST(Progress, ReportsAddOnlyNewBytesAndDownloadsMayShrink) {

@@ -12,7 +12,8 @@
 
 #include "alloc.h"
 #include "bucket.h"
-#include "record_log.h"
+#include "alloc_walk.h"
+#include "captured_log.h"
 
 namespace {
 
@@ -93,19 +94,19 @@ TEST(RequestBodies, CreateBodyBytesAndIndependentReading) {
 }
 
 TEST(RequestBodies, CreateFailuresAreLogged) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELCreateBucketOpt opt{};
   opt.policy = ZEL_BUCKET_POLICY_TRANSIENT;
   EXPECT_EQ(create_bucket_v2_tojson(&opt), nullptr) << "no key";
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error create_bucket_v2_tojson: "))
-      << record_log::last(kTag);
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error create_bucket_v2_tojson: "))
+      << zeltest::CapturedLog::last(kTag);
 
   opt.key = u"k";
   ZELBucketPermissions* list = appended({{"A", 0}, {nullptr, 1}});
   opt.permissions = list;
   log.clear();
   EXPECT_EQ(create_bucket_v1_tojson(&opt), nullptr) << "an entry without id cannot be sent";
-  std::vector<std::string> messages = record_log::messages(kTag);
+  std::vector<std::string> messages = zeltest::CapturedLog::messages(kTag);
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_TRUE(starts_with(messages[0], "Error permission_list_v1_tojson: ")) << messages[0];
 
@@ -113,7 +114,7 @@ TEST(RequestBodies, CreateFailuresAreLogged) {
   json_t* array = json_array();
   ZELBucketPermissions* reversed = permissions_clone(list);  // A first, then the entry without id
   EXPECT_LT(permission_list_v2_tojson(reversed, array), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error permission_list_v2_tojson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error permission_list_v2_tojson: "));
   ASSERT_EQ(json_array_size(array), 1u);
   EXPECT_STREQ(json_string_value(json_object_get(json_array_get(array, 0), "authId")), "A");
   EXPECT_EQ(permission_list_v1_tojson(nullptr, array), 0);
@@ -124,7 +125,7 @@ TEST(RequestBodies, CreateFailuresAreLogged) {
   opt.permissions = nullptr;
   log.clear();
   EXPECT_EQ(create_bucket_v1_tojson(&opt), nullptr);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error create_bucket_v1_tojson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error create_bucket_v1_tojson: "));
   zel_permissions_cleanup(reversed);
   zel_permissions_cleanup(list);
 }
@@ -153,14 +154,14 @@ TEST(RequestBodies, GrantAndRevokeBodies) {
   EXPECT_EQ(grant_bucket_access_tojson(&grant, 7), nullptr);
   EXPECT_EQ(revoke_bucket_access_tojson(&revoke, 7), nullptr);
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELBucketPermissions* without_id = appended({{nullptr, 0}});
   revoke.permissions = without_id;
   grant.permissions = without_id;
   EXPECT_EQ(revoke_bucket_access_v2_tojson(&revoke), nullptr);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error revoke_bucket_access_v2_tojson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error revoke_bucket_access_v2_tojson: "));
   EXPECT_EQ(grant_bucket_access_v1_tojson(&grant), nullptr);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error permission_list_v1_tojson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error permission_list_v1_tojson: "));
   zel_permissions_cleanup(without_id);
   zel_permissions_cleanup(list);
   zel_permissions_cleanup(caller);
@@ -194,22 +195,22 @@ TEST(BucketDetails, BothVersionsReadTheSameRecord) {
 }
 
 TEST(BucketDetails, StrictnessDuplicatesAndUnknownNames) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELBucketDetails* details = zel_bucket_details_init();
   const char* extra =
       "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],\"policyKey\":\"transient\",\"x\":"
       "1}";
   EXPECT_LT(bucket_details_v1_fromjson(extra, details), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket details from json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Cannot parse bucket details from json: "));
   EXPECT_EQ(details->bucket_key, nullptr) << "no field is set when the unpack fails";
 
   const char* duplicate =
       "{\"key\":\"b\",\"key\":\"c\",\"owner\":\"o\",\"createDate\":1,\"permissions\":[],"
       "\"policyKey\":\"transient\"}";
   EXPECT_EQ(bucket_details_v1_fromjson(duplicate, details), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error bucket_details_v1_fromjson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error bucket_details_v1_fromjson: "));
   EXPECT_EQ(bucket_details_v2_fromjson("not json", details), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error bucket_details_v2_fromjson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error bucket_details_v2_fromjson: "));
 
   const char* odd_names =
       "{\"bucketKey\":\"b\",\"bucketOwner\":\"o\",\"createdDate\":-4,\"permissions\":"
@@ -233,14 +234,14 @@ TEST(BucketDetails, StrictnessDuplicatesAndUnknownNames) {
 }
 
 TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   const char* v1 =
       "{\"key\":\"b\",\"owner\":\"o\",\"createDate\":1,\"permissions\":"
       "[{\"serviceId\":\"A\",\"access\":\"read\"},{\"serviceId\":\"B\"}],\"policyKey\":\"transient\"}";
   ZELBucketDetails* details = zel_bucket_details_init();
   EXPECT_EQ(bucket_details_v1_fromjson(v1, details), -1);
   EXPECT_EQ(details->permissions, nullptr) << "a half-read list must not reach the caller";
-  std::vector<std::string> messages = record_log::messages(kTag);
+  std::vector<std::string> messages = zeltest::CapturedLog::messages(kTag);
   ASSERT_EQ(messages.size(), 2u);
   EXPECT_TRUE(starts_with(messages[0], "Cannot parse permission from json: ")) << messages[0];
   EXPECT_EQ(messages[1], "Cannot parse permissions from json");
@@ -253,16 +254,16 @@ TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
   details = zel_bucket_details_init();
   EXPECT_EQ(bucket_details_v2_fromjson(v2, details), -1) << "an id of the wrong type fails too";
   EXPECT_EQ(details->permissions, nullptr);
-  EXPECT_EQ(record_log::messages(kTag).size(), 1u) << "version 2 adds no line of its own";
+  EXPECT_EQ(zeltest::CapturedLog::messages(kTag).size(), 1u) << "version 2 adds no line of its own";
   zel_bucket_details_cleanup(details);
 
   log.clear();
   EXPECT_EQ(permission_list_v1_fromjson(nullptr, nullptr), -1);
-  EXPECT_EQ(record_log::last(kTag), "Permissions instance is not initialized");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Permissions instance is not initialized");
 }
 
 TEST(GrantAnswer, PermissionsInReverseOrderWithVersionMessages) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELBucketPermissions* list = zel_permissions_init();
   ASSERT_EQ(
       bucket_permissions_fromjson(
@@ -279,11 +280,11 @@ TEST(GrantAnswer, PermissionsInReverseOrderWithVersionMessages) {
       bucket_permissions_v2_fromjson("{\"permissions\":[{\"authId\":\"Z\",\"access\":\"full\"}]}", list), 0);
   EXPECT_EQ(entries(list), (std::vector<Entry>{{"Z", 1}}));
   EXPECT_LT(bucket_permissions_v1_fromjson("{\"servicesAllowed\":[],\"more\":1}", list), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket permissions form json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Cannot parse bucket permissions form json: "));
   EXPECT_LT(bucket_permissions_v2_fromjson("{\"servicesAllowed\":[]}", list), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket permissions from json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Cannot parse bucket permissions from json: "));
   EXPECT_EQ(bucket_permissions_v1_fromjson("[", list), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error bucket_permissions_v1_fromjson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error bucket_permissions_v1_fromjson: "));
   EXPECT_EQ(bucket_permissions_v2_fromjson("{\"permissions\":{}}", list), -1) << "not an array";
   EXPECT_EQ(bucket_permissions_fromjson("{\"permissions\":[]}", list, 0), -1);
   EXPECT_EQ(entries(list), (std::vector<Entry>{{"Z", 1}}));
@@ -291,7 +292,7 @@ TEST(GrantAnswer, PermissionsInReverseOrderWithVersionMessages) {
 }
 
 TEST(Listing, ItemsReversedNextDefaultsAndVersionOneFails) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   const char* body =
       "{\"items\":[{\"bucketKey\":\"one\",\"createdDate\":1,\"policyKey\":\"transient\"},"
       "{\"bucketKey\":\"twö\",\"createdDate\":2,\"policyKey\":\"Mystery\",\"region\":\"x\"}],"
@@ -314,20 +315,20 @@ TEST(Listing, ItemsReversedNextDefaultsAndVersionOneFails) {
   EXPECT_EQ(std::u16string(page->next_page), u"bucket-77");
   EXPECT_EQ(list_buckets_fromjson("{\"items\":[]}", page, 1), -1);
   EXPECT_LT(list_buckets_v2_fromjson("{\"next\":\"x\"}", page), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing object details v2 json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error parsing object details v2 json: "));
   EXPECT_EQ(list_buckets_v2_fromjson("{oops", page), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "json_loads({oops)\nerror.text: "))
-      << record_log::last(kTag);
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "json_loads({oops)\nerror.text: "))
+      << zeltest::CapturedLog::last(kTag);
   EXPECT_EQ(list_buckets_v2_fromjson("{\"items\":[{\"bucketKey\":\"a\",\"policyKey\":\"t\"}]}", page), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Cannot parse bucket list item from json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Cannot parse bucket list item from json: "));
   EXPECT_EQ(page->count, 0u);
   EXPECT_EQ(list_bucket_items_fromjson(page, nullptr), -1);
-  EXPECT_EQ(record_log::last(kTag), "ListBucketItem instance is not initialized");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "ListBucketItem instance is not initialized");
   list_buckets_details_cleanup(page);
 }
 
 TEST(ObjectDetails, VersionOneDescribesTheLastObject) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   const char* body =
       "{\"bucket-key\":\"bk\",\"objects\":["
       "{\"id\":\"first\",\"key\":\"a\",\"sha-1\":\"s1\",\"size\":1,\"content-type\":\"t1\",\"location\":"
@@ -361,20 +362,20 @@ TEST(ObjectDetails, VersionOneDescribesTheLastObject) {
   EXPECT_EQ(std::u16string(details->bucket_key), u"only");
   EXPECT_EQ(details->object_key, nullptr);
   EXPECT_LT(object_details_v1_fromjson("{\"bucket-key\":\"b\",\"objects\":[],\"more\":0}", details), 0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing object details v1 json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error parsing object details v1 json: "));
   EXPECT_LT(object_details_v1_fromjson("{\"bucket-key\":\"b\",\"objects\":[{\"key\":\"k\",\"size\":0,"
                                        "\"content-type\":\"c\",\"location\":\"l\",\"extra\":1}]}",
                                        details),
             0)
       << "objects are unpacked strictly as well";
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing object details v1 json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error parsing object details v1 json: "));
   EXPECT_EQ(object_details_v1_fromjson("", details), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "json_loads()\nerror.text: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "json_loads()\nerror.text: "));
   zel_object_details_cleanup(details);
 }
 
 TEST(ObjectDetails, VersionTwoOptionalKeysAndStrictTypes) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   ZELObjectDetails* details = zel_object_details_init();
   const char* minimal =
       "{\"bucketKey\":\"b\",\"objectKey\":\"k\",\"size\":42,\"contentType\":\"text/plain\"}";
@@ -404,15 +405,15 @@ TEST(ObjectDetails, VersionTwoOptionalKeysAndStrictTypes) {
                                        "\"contentType\":\"c\"}",
                                        details),
             0);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing object details v2 json: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error parsing object details v2 json: "));
   EXPECT_EQ(object_details_v2_fromjson("{\"bucketKey\":\"b\",\"bucketKey\":\"b\"}", details), -1);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "json_loads("));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "json_loads("));
   EXPECT_EQ(object_details_fromjson(minimal, details, 5), -1);
   zel_object_details_cleanup(details);
 }
 
 TEST(ErrorReason, OnlyAnExactReasonBody) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   char* reason = reinterpret_cast<char*>(1);
   ASSERT_EQ(err_reason_fromjson("{\"reason\": \"Object not found\"}", &reason), 0);
   ASSERT_NE(reason, nullptr);
@@ -421,43 +422,44 @@ TEST(ErrorReason, OnlyAnExactReasonBody) {
 
   EXPECT_LT(err_reason_fromjson("{\"reason\":\"x\",\"code\":4}", &reason), 0);
   EXPECT_EQ(reason, nullptr);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error parsing json error.text: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error parsing json error.text: "));
   EXPECT_LT(err_reason_fromjson("{\"reason\":5}", &reason), 0);
   EXPECT_EQ(err_reason_fromjson("oops", &reason), -1);
   EXPECT_EQ(reason, nullptr);
-  EXPECT_TRUE(starts_with(record_log::last(kTag), "Error err_reason_fromjson: "));
+  EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error err_reason_fromjson: "));
   EXPECT_EQ(err_reason_fromjson(nullptr, &reason), -1);
   EXPECT_EQ(err_reason_fromjson("{\"reason\":\"x\"}", nullptr), -1);
 }
 
 TEST(ParsedRecords, FailedCopiesAreReportedNotHalfDone) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   const char* body = "{\"bucketKey\":\"b\",\"objectKey\":\"k\",\"size\":1,\"contentType\":\"c\"}";
   // Every allocation of the parse may fail; each must end in -1 without a
   // leak, and the parse must succeed once nothing fails.
-  for (long step = 1;; ++step) {
+  // The records are made before the step's failure is armed.
+  zeltest::walk_allocations(20, [&](long step) {
+    mem_fail_at(0);
     ZELObjectDetails* details = zel_object_details_init();
     mem_fail_at(step);
     int result = object_details_v2_fromjson(body, details);
-    mem_fail_at(0);
     zel_object_details_cleanup(details);
-    if (result == 0) break;
+    if (result == 0) return true;
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELObjectDetails fields");
-    ASSERT_LT(step, 20);
-  }
+    EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELObjectDetails fields");
+    return false;
+  });
   const char* listing = "{\"items\":[{\"bucketKey\":\"a\",\"createdDate\":1,\"policyKey\":\"t\"}]}";
-  for (long step = 1;; ++step) {
+  zeltest::walk_allocations(20, [&](long step) {
+    mem_fail_at(0);
     ZELListBucketsDetails* page = list_buckets_details_init();
     mem_fail_at(step);
     int result = list_buckets_v2_fromjson(listing, page);
-    mem_fail_at(0);
     list_buckets_details_cleanup(page);
-    if (result == 1) break;
+    if (result == 1) return true;
     EXPECT_EQ(result, -1);
-    ASSERT_LT(step, 20);
-  }
-  EXPECT_EQ(record_log::last(kTag), "Cannot append new permission to the list");
+    return false;
+  });
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot append new permission to the list");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #pragma once
 // Integration tests of the library: an emulator per test, the library's
-// local environment pointed at it, a settable bearer token, and a recorder
-// that turns callbacks from library threads into events a test can wait for.
+// local environment pointed at it, and a settable bearer token.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 #include <zel/zel.h>
 
 #include "frame.h"
+#include "recorder.h"
 #include "zel_server.h"
 
 namespace zeltest {
@@ -40,51 +40,6 @@ inline char* get_token() {
   return strdup(token_value().c_str());
 }
 inline void free_token(char* token) { free(token); }
-
-struct Event {
-  std::string kind;  // "callback", "done", "details", ...
-  int32_t code = 0;
-  std::string message;
-};
-
-// Collects callback events; safe to call from any thread.
-class Recorder {
- public:
-  void add(Event event) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(std::move(event));
-    changed_.notify_all();
-  }
-  // Waits until at least `count` events arrived; false on timeout.
-  bool wait_for(size_t count, std::chrono::seconds timeout = std::chrono::seconds(30)) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
-  }
-  std::vector<Event> events() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  // The single event of a finished call; fails the test when there is not
-  // exactly one after a short grace period for stray second reports.
-  Event only() {
-    EXPECT_TRUE(wait_for(1)) << "no callback arrived";
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::vector<Event> all = events();
-    EXPECT_EQ(all.size(), 1u) << "expected exactly one report";
-    return all.empty() ? Event{"none", -999, ""} : all.front();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Event> events_;
-};
-
-template <class Resp>
-void on_status(const Resp* resp, void* user_data) {
-  static_cast<Recorder*>(user_data)->add({"callback", resp->code, resp->message ? resp->message : "<null>"});
-}
-inline void on_done(void* user_data) { static_cast<Recorder*>(user_data)->add({"done", 0, ""}); }
 
 // Library integration tests: zel_global_init, the local environment on the
 // emulator, and a clean shutdown that waits for every detached worker.

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lib_fixture.h"
-#include "record_log.h"
+#include "captured_log.h"
 #include "thread.h"
 
 namespace zeltest {
@@ -287,7 +287,7 @@ INSTANTIATE_TEST_SUITE_P(ApiVersions, ObjectOps, ::testing::Values(1u, 2u));
 class ObjectFrame : public LibTest {};
 
 TEST_F(ObjectFrame, ArgumentErrorsAreOnlyLogged) {
-  LogCapture capture;
+  zeltest::CapturedLog capture;
   Recorder rec;
   ZELDeleteObjectOpt del{u"b", u"k", nullptr, on_status<ZELDeleteObjectResp>, on_done};
   ZEL* no_token = zel_init(ZEL_ENV_LOCAL, 2, nullptr, nullptr);
@@ -298,14 +298,14 @@ TEST_F(ObjectFrame, ArgumentErrorsAreOnlyLogged) {
   zel_cleanup(no_token);
   wait_for_workers();
   EXPECT_TRUE(rec.events().empty());
-  EXPECT_EQ(record_log::messages("src\\object"),
+  EXPECT_EQ(zeltest::CapturedLog::messages("src\\object"),
             (std::vector<std::string>{"ZEL is not initialized", "ZEL is not initialized",
                                       "ZELCopyObjectOpt is not initialized",
                                       "ZELGetObjectSessionOpt is not initialized"}));
 }
 
 TEST_F(ObjectFrame, DecoratorFailuresReachTheCallbackOnTheCallersThread) {
-  LogCapture capture;
+  zeltest::CapturedLog capture;
   ZEL* h = handle();
   Recorder r1, r2, r3;
   ZELDeleteObjectOpt del{u"b", u"k", nullptr, on_status<ZELDeleteObjectResp>, on_done};
@@ -321,11 +321,33 @@ TEST_F(ObjectFrame, DecoratorFailuresReachTheCallbackOnTheCallersThread) {
   mem_fail_at(5);  // decorator, handle, options record, source key, destination key
   zel_copy_object(h, &cp, &r3);
   EXPECT_EQ(r3.only().message, "Cannot allocate memory for ZELCopyObjectDecorator");
-  EXPECT_EQ(record_log::messages("src\\object"),
+  EXPECT_EQ(zeltest::CapturedLog::messages("src\\object"),
             (std::vector<std::string>{"Cannot allocate memory for ZELDeleteObjectDecorator",
                                       "Unable to clone opt", "Unable to clone opt"}));
-  EXPECT_EQ(record_log::last("src\\undelete_object"), "Cannot allocate memory for the cloned ZELUndeleteObjectOpt");
-  EXPECT_EQ(record_log::last("src\\copy_object"), "Cannot allocate memory for ZELCopyObjectOpt destination key");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\undelete_object"), "Cannot allocate memory for the cloned ZELUndeleteObjectOpt");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\copy_object"), "Cannot allocate memory for ZELCopyObjectOpt destination key");
+}
+
+// A header list copy that lost any line (node or text) fails the whole
+// call: the request must never go out without a line its caller gave.
+TEST_F(ObjectFrame, HeaderCopyThatLosesALineFailsTheCall) {
+  zeltest::CapturedLog capture;
+  ZEL* h = handle();
+  ZELHeaders* headers = zel_headers_append(zel_headers_append(nullptr, "A", "1"), "B", "2");
+  ZELDeleteObjectOpt del{u"b", u"k", headers, on_status<ZELDeleteObjectResp>, on_done};
+  for (long step = 6; step <= 9; ++step) {  // after decorator, handle, record and both keys
+    SCOPED_TRACE(step);
+    capture.clear();
+    Recorder rec;
+    mem_fail_at(step);
+    zel_delete_object(h, &del, &rec);
+    mem_fail_at(0);
+    EXPECT_EQ(rec.only().message, "Cannot allocate memory for ZELDeleteObjectDecorator");
+    EXPECT_EQ(zeltest::CapturedLog::last("src\\delete_object"), "Cannot clone the ZELDeleteObjectOpt headers");
+  }
+  wait_for_workers();
+  EXPECT_TRUE(server_.requests().empty());
+  zel_headers_cleanup(headers);
 }
 
 int refuse_nomem() { return zel::thrd_nomem; }

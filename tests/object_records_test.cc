@@ -6,13 +6,15 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "alloc.h"
+#include "alloc_walk.h"
+#include "captured_log.h"
 #include "object.h"
-#include "record_log.h"
 #include "util.h"
 
 namespace {
@@ -29,25 +31,9 @@ std::vector<Range> ranges_of(const ZELByteRanges* list) {
   return out;
 }
 
-// Calls `attempt` with the n-th allocation failing, for n = 1, 2, ... until
-// it succeeds, and collects the message logged last by each failure (runs of
-// one message, such as the several allocations of one header list, counted
-// once). `attempt` returns whether it succeeded and frees what it made.
 template <class Attempt>
 std::vector<std::string> failure_messages(Attempt attempt) {
-  LogCapture log;
-  std::vector<std::string> out;
-  for (long step = 1; step < 100; ++step) {
-    log.clear();
-    mem_fail_at(step);
-    bool ok = attempt();
-    mem_fail_at(0);
-    if (ok) return out;
-    std::string message = record_log::last(kTag);
-    if (out.empty() || out.back() != message) out.push_back(message);
-  }
-  ADD_FAILURE() << "never succeeded";
-  return out;
+  return zeltest::walk_failure_messages(kTag, attempt);
 }
 
 void nop_resp(const ZELPutObjectResp*, void*) {}
@@ -85,13 +71,13 @@ TEST(Stream, DefaultsReadWriteAndSeekTheOpenFile) {
   zel_stream_cleanup(stream);
   zel_stream_cleanup(nullptr);
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   for (long step : {1L, 2L}) {
     mem_fail_at(step);
     EXPECT_EQ(zel_stream_init(u"name"), nullptr) << "step " << step;
   }
   mem_fail_at(0);
-  EXPECT_TRUE(record_log::messages(kTag).empty()) << "stream init fails silently";
+  EXPECT_TRUE(zeltest::CapturedLog::messages(kTag).empty()) << "stream init fails silently";
 }
 
 TEST(Stream, CloneIsDeepAndLogsEachFailure) {
@@ -141,13 +127,13 @@ TEST(ByteRanges, AppendPushesAtTheHead) {
   EXPECT_EQ(list->count, 2u);
   EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
 
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(1);
   EXPECT_EQ(zel_byte_ranges_append(list, 20, 30), list) << "the list comes back unchanged";
   mem_fail_at(0);
   EXPECT_EQ(list->count, 2u);
   EXPECT_EQ(ranges_of(list), (std::vector<Range>{{5, 9}, {1, 2}}));
-  EXPECT_EQ(record_log::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
+  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
   zel_byte_ranges_cleanup(list);
   zel_byte_ranges_cleanup(nullptr);
 }
@@ -213,125 +199,104 @@ struct PutFixture {
   }
 };
 
-TEST(OptionsCopy, PutCopyOwnsEverythingAndSharesCallbacks) {
-  PutFixture fixture;
-  ZELPutObjectOpt* copy = put_object_opt_clone(&fixture.opt);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_NE(copy->bucket_key, fixture.opt.bucket_key);
-  EXPECT_EQ(std::u16string(copy->bucket_key), u"bucket");
-  EXPECT_EQ(std::u16string(copy->key), u"dir/objét");
-  EXPECT_NE(copy->session_id, fixture.opt.session_id);
-  EXPECT_STREQ(copy->session_id, "session-1");
-  EXPECT_STREQ(copy->content_type, "text/plain");
-  ASSERT_NE(copy->range, &fixture.range);
-  EXPECT_EQ(copy->range->start, 100u);
-  EXPECT_EQ(copy->range->end, 199u);
-  ASSERT_NE(copy->stream, fixture.stream);
-  EXPECT_EQ(std::u16string(copy->stream->filename), u"upload.bin");
-  ASSERT_NE(copy->headers, nullptr);
-  EXPECT_NE(copy->headers, fixture.headers);
-  EXPECT_STREQ(zel_headers_find(copy->headers, "A"), "1");
-  EXPECT_STREQ(zel_headers_find(copy->headers, "B"), "2");
-  EXPECT_EQ(copy->callback, nop_resp);
-  EXPECT_EQ(copy->chunk_failed_callback, nop_chunk_failed);
-  EXPECT_EQ(copy->details_callback, nop_details);
-  EXPECT_EQ(copy->chunk_done_callback, nop_chunk_done);
-  EXPECT_EQ(copy->progress_callback, nop_progress);
-  EXPECT_EQ(copy->stats_callback, nop_stats);
-  put_object_opt_cleanup(copy);
+// One table drives each copy: what matters is that the copy owns every
+// pointer field (the caller may free its records at once), keeps callbacks
+// and scalars, and fails in copy order with each field's message, freeing
+// what it made (the sanitizer build checks the frees).
+struct CopyCase {
+  const char* name;
+  std::function<bool()> deep_copy;  // copies, checks ownership, frees
+  std::function<bool()> attempt;    // copies and frees; true when it worked
+  std::vector<std::string> failures;
+};
 
-  ZELPutObjectOpt sparse{};
-  sparse.bucket_key = u"b";
-  ZELPutObjectOpt* sparse_copy = put_object_opt_clone(&sparse);
-  ASSERT_NE(sparse_copy, nullptr);
-  EXPECT_EQ(sparse_copy->key, nullptr);
-  EXPECT_EQ(sparse_copy->session_id, nullptr);
-  EXPECT_EQ(sparse_copy->range, nullptr);
-  EXPECT_EQ(sparse_copy->stream, nullptr);
-  EXPECT_EQ(sparse_copy->headers, nullptr);
-  put_object_opt_cleanup(sparse_copy);
-  put_object_opt_cleanup(nullptr);
-  EXPECT_EQ(put_object_opt_clone(nullptr), nullptr);
-}
-
-TEST(OptionsCopy, PutFailuresInCopyOrderWithTheirMessages) {
-  PutFixture fixture;
-  auto messages = failure_messages([&] {
-    ZELPutObjectOpt* copy = put_object_opt_clone(&fixture.opt);
-    put_object_opt_cleanup(copy);
-    return copy != nullptr;
-  });
-  EXPECT_EQ(messages, (std::vector<std::string>{
-                          "Cannot allocate memory for the cloned ZELPutObjectOpt",
-                          "Cannot allocate memory for ZELPutObjectOpt bucket_key",
-                          "Cannot allocate memory for ZELPutObjectOpt key",
-                          "Cannot allocate memory for ZELPutObjectOpt session_id",
-                          "Cannot allocate memory for ZELPutObjectOpt content_type",
-                          "Cannot allocate memory for ZELByteRanges list",
-                          "Cannot allocate memory for ZELPutObjectOpt stream",
-                          "Cannot allocate memory for ZELPutObjectOpt headers",
-                      }));
-}
-
-TEST(OptionsCopy, GetAndGetByUrlCopiesAndFailures) {
-  ZELByteRange range{0, 9};
-  ZELStream* stream = zel_stream_init(u"out.bin");
-  ZELHeaders* headers = zel_headers_append(nullptr, "X", "y");
-  ZELGetObjectOpt get{u"bucket", u"key",       &range,   stream,       headers,
-                      1,         nop_get_resp, nop_done, nop_progress, nop_stats};
-  ZELGetObjectOpt* get_copy = get_object_opt_clone(&get);
-  ASSERT_NE(get_copy, nullptr);
-  EXPECT_EQ(std::u16string(get_copy->key), u"key");
-  EXPECT_EQ(get_copy->size_unknown, 1);
-  EXPECT_NE(get_copy->range, &range);
-  EXPECT_EQ(get_copy->range->end, 9u);
-  EXPECT_EQ(get_copy->done_callback, nop_done);
-  EXPECT_EQ(get_copy->stats_callback, nop_stats);
-  get_object_opt_cleanup(get_copy);
-  EXPECT_EQ(failure_messages([&] {
-              ZELGetObjectOpt* copy = get_object_opt_clone(&get);
-              get_object_opt_cleanup(copy);
-              return copy != nullptr;
-            }),
-            (std::vector<std::string>{
-                "Cannot allocate memory for the cloned ZELGetObjectOpt",
-                "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
-                "Cannot allocate memory for the ZELGetObjectOpt key",
-                "Cannot allocate memory for the ZELGetObjectOpt range",
-                "Cannot allocate for the ZELGetObjectOpt stream",
-                "Cannot allocate memory for the ZELGetObjectOpt headers",
-            }));
-
+TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
+  PutFixture put;
+  ZELGetObjectOpt get{u"bucket", u"key",       &put.range, put.stream,   put.headers,
+                      1,         nop_get_resp, nop_done,   nop_progress, nop_stats};
   ZELGetObjectByURLOpt by_url{u"https://example.test/o",
                               true,
-                              &range,
-                              stream,
-                              headers,
+                              &put.range,
+                              put.stream,
+                              put.headers,
                               0,
                               nop_url_resp,
                               nop_done,
                               nop_progress,
                               nop_stats};
-  ZELGetObjectByURLOpt* url_copy = get_object_by_url_opt_clone(&by_url);
-  ASSERT_NE(url_copy, nullptr);
-  EXPECT_EQ(std::u16string(url_copy->download_url), u"https://example.test/o");
-  EXPECT_TRUE(url_copy->authenticate);
-  EXPECT_EQ(url_copy->callback, nop_url_resp);
-  get_object_by_url_opt_cleanup(url_copy);
-  EXPECT_EQ(failure_messages([&] {
-              ZELGetObjectByURLOpt* copy = get_object_by_url_opt_clone(&by_url);
-              get_object_by_url_opt_cleanup(copy);
-              return copy != nullptr;
-            }),
-            (std::vector<std::string>{
-                "Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
-                "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
-                "Cannot allocate memory for the ZELGetObjectByURLOpt range",
-                "Cannot allocate for the ZELGetObjectByURLOpt stream",
-                "Cannot allocate memory for the ZELGetObjectByURLOpt headers",
-            }));
-  zel_stream_cleanup(stream);
-  zel_headers_cleanup(headers);
+  const CopyCase cases[] = {
+      {"put",
+       [&] {
+         ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
+         bool ok = c != nullptr && c->key != put.opt.key && std::u16string(c->key) == u"dir/objét" &&
+                   c->session_id != put.opt.session_id && c->range != &put.range && c->range->end == 199 &&
+                   c->stream != put.stream && c->headers != put.headers &&
+                   std::string(zel_headers_find(c->headers, "B")) == "2" &&
+                   c->chunk_done_callback == nop_chunk_done && c->stats_callback == nop_stats;
+         put_object_opt_cleanup(c);
+         return ok;
+       },
+       [&] {
+         ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
+         put_object_opt_cleanup(c);
+         return c != nullptr;
+       },
+       {"Cannot allocate memory for the cloned ZELPutObjectOpt",
+        "Cannot allocate memory for ZELPutObjectOpt bucket_key",
+        "Cannot allocate memory for ZELPutObjectOpt key",
+        "Cannot allocate memory for ZELPutObjectOpt session_id",
+        "Cannot allocate memory for ZELPutObjectOpt content_type",
+        "Cannot allocate memory for ZELByteRanges list", "Cannot allocate memory for ZELPutObjectOpt stream",
+        "Cannot allocate memory for ZELPutObjectOpt headers"}},
+      {"get",
+       [&] {
+         ZELGetObjectOpt* c = get_object_opt_clone(&get);
+         bool ok = c != nullptr && c->key != get.key && c->size_unknown == 1 && c->range != &put.range &&
+                   c->done_callback == nop_done;
+         get_object_opt_cleanup(c);
+         return ok;
+       },
+       [&] {
+         ZELGetObjectOpt* c = get_object_opt_clone(&get);
+         get_object_opt_cleanup(c);
+         return c != nullptr;
+       },
+       {"Cannot allocate memory for the cloned ZELGetObjectOpt",
+        "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
+        "Cannot allocate memory for the ZELGetObjectOpt key",
+        "Cannot allocate memory for the ZELGetObjectOpt range",
+        "Cannot allocate for the ZELGetObjectOpt stream",
+        "Cannot allocate memory for the ZELGetObjectOpt headers"}},
+      {"by url",
+       [&] {
+         ZELGetObjectByURLOpt* c = get_object_by_url_opt_clone(&by_url);
+         bool ok = c != nullptr && c->download_url != by_url.download_url && c->authenticate &&
+                   c->callback == nop_url_resp;
+         get_object_by_url_opt_cleanup(c);
+         return ok;
+       },
+       [&] {
+         ZELGetObjectByURLOpt* c = get_object_by_url_opt_clone(&by_url);
+         get_object_by_url_opt_cleanup(c);
+         return c != nullptr;
+       },
+       {"Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
+        "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
+        "Cannot allocate memory for the ZELGetObjectByURLOpt range",
+        "Cannot allocate for the ZELGetObjectByURLOpt stream",
+        "Cannot allocate memory for the ZELGetObjectByURLOpt headers"}},
+  };
+  for (const CopyCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_TRUE(c.deep_copy());
+    EXPECT_EQ(failure_messages(c.attempt), c.failures);
+  }
+  ZELPutObjectOpt sparse{};
+  ZELPutObjectOpt* sparse_copy = put_object_opt_clone(&sparse);
+  ASSERT_NE(sparse_copy, nullptr) << "absent fields stay absent";
+  EXPECT_EQ(sparse_copy->headers, nullptr);
+  put_object_opt_cleanup(sparse_copy);
+  EXPECT_EQ(put_object_opt_clone(nullptr), nullptr);
 }
 
 char* token() { return nullptr; }
@@ -436,7 +401,7 @@ TEST(RangeHeader, ValuesIntoRangeLists) {
   ZELByteRanges* list = zel_byte_ranges_init();
   EXPECT_EQ(byte_ranges_from_header(nullptr, list), -1);
   EXPECT_EQ(byte_ranges_from_header("bytes=1-2", nullptr), -1);
-  LogCapture log;
+  zeltest::CapturedLog log;
   mem_fail_at(2);  // the second range cannot be stored
   EXPECT_EQ(byte_ranges_from_header("bytes=1-2,3-4", list), -1);
   mem_fail_at(0);

@@ -16,9 +16,9 @@
 
 namespace {
 
-using xfer::GetOptions;
-using xfer::Outcome;
-using xfer::PutOptions;
+using zeltest::GetOptions;
+using zeltest::Outcome;
+using zeltest::PutOptions;
 using zeltest::Fault;
 using zeltest::FaultProxy;
 using zeltest::pattern_bytes;
@@ -56,7 +56,7 @@ class RequestPathTest : public zeltest::LibTest {
 
   std::unique_ptr<FaultProxy> proxy_;
   ZEL* h_ = nullptr;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
 const Fault kBodyFaults[] = {Fault::cut_after_status,  Fault::shorten_body,   Fault::drop_length_and_cut,
@@ -78,7 +78,7 @@ TEST_F(RequestPathTest, FaultyChunkAnswersAreRetriedAndTheBytesAreRight) {
     zel_get_object(h_, &g.opt, &o);
     ASSERT_TRUE(o.wait_once()) << "exactly one report";
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(sha1_hex(xfer::read_file(dir_.file(key))), sha1_hex(data));
+    EXPECT_EQ(sha1_hex(zeltest::read_file(dir_.file(key))), sha1_hex(data));
     EXPECT_EQ(proxy_->applied(fault), 1);
   }
 }
@@ -101,7 +101,7 @@ TEST_F(RequestPathTest, CutAnswersFailTheDownloadWhenNoAttemptRemains) {
     EXPECT_EQ(o.done, 0);
     EXPECT_EQ(o.callbacks, 1);
     EXPECT_NE(o.code, 200);
-    EXPECT_LT(xfer::read_file(dir_.file(key)).size(), 40000u) << "nothing reserved beyond the bytes written";
+    EXPECT_LT(zeltest::read_file(dir_.file(key)).size(), 40000u) << "nothing reserved beyond the bytes written";
   }
 }
 
@@ -121,8 +121,8 @@ TEST_F(RequestPathTest, RedirectLoopsEndAfterFiveHops) {
   store("loop", 10, 5);
   proxy_->add_fault(Fault::redirect_loop, "loop/details", 100);
   Outcome o;
-  ZELGetObjectDetailsOpt opt{u"bkt", u"loop", nullptr, xfer::on_status<ZELGetObjectDetailsResp>,
-                             xfer::on_details};
+  ZELGetObjectDetailsOpt opt{u"bkt", u"loop", nullptr, zeltest::outcome_status<ZELGetObjectDetailsResp>,
+                             zeltest::on_details};
   zel_get_object_details(h_, &opt, &o);
   ASSERT_TRUE(o.wait_once());
   EXPECT_EQ(o.code, CURLE_TOO_MANY_REDIRECTS) << o.message;
@@ -135,7 +135,7 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   std::string prefix = proxy_->base_url() + "/zel/v2/buckets/bkt/objects/";
   std::string neighbour(kHttpUrlMax - prefix.size(), 'V');
   std::string data = store(neighbour, 1000, 6);
-  std::u16string mine = xfer::wide(std::string(4060, 'V') + "-mine");
+  std::u16string mine = zeltest::wide(std::string(4060, 'V') + "-mine");
   std::string local = dir_.file("src");
   dir_.write("src", pattern_bytes(3 * kChunk, 9));
   Outcome put, get, del, cp, details, session, undel;
@@ -145,20 +145,20 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   GetOptions g("bkt", "x", dir_.file("out"));
   g.opt.key = mine.c_str();
   zel_get_object(h_, &g.opt, &get);
-  ZELDeleteObjectOpt d{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELDeleteObjectResp>, xfer::on_done};
+  ZELDeleteObjectOpt d{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELDeleteObjectResp>, zeltest::outcome_done};
   zel_delete_object(h_, &d, &del);
-  ZELCopyObjectOpt c{u"bkt",           mine.c_str(), u"copy", xfer::on_status<ZELCopyObjectResp>,
-                     xfer::on_details, nullptr};
+  ZELCopyObjectOpt c{u"bkt",           mine.c_str(), u"copy", zeltest::outcome_status<ZELCopyObjectResp>,
+                     zeltest::on_details, nullptr};
   zel_copy_object(h_, &c, &cp);
-  ZELCopyObjectOpt c2{u"bkt",           u"a",   mine.c_str(), xfer::on_status<ZELCopyObjectResp>,
-                      xfer::on_details, nullptr};
+  ZELCopyObjectOpt c2{u"bkt",           u"a",   mine.c_str(), zeltest::outcome_status<ZELCopyObjectResp>,
+                      zeltest::on_details, nullptr};
   Outcome cp2;
   zel_copy_object(h_, &c2, &cp2);
-  ZELGetObjectDetailsOpt de{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELGetObjectDetailsResp>,
-                            xfer::on_details};
+  ZELGetObjectDetailsOpt de{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELGetObjectDetailsResp>,
+                            zeltest::on_details};
   zel_get_object_details(h_, &de, &details);
-  ZELUndeleteObjectOpt u{u"bkt", mine.c_str(), nullptr, xfer::on_status<ZELUndeleteObjectResp>,
-                         xfer::on_done};
+  ZELUndeleteObjectOpt u{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELUndeleteObjectResp>,
+                         zeltest::outcome_done};
   zel_undelete_object(h_, &u, &undel);
   for (Outcome* o : {&put, &get, &del, &cp, &cp2, &details, &undel}) {
     ASSERT_TRUE(o->wait_once());
@@ -168,7 +168,7 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   wait_for_workers();
   EXPECT_TRUE(server_.requests().empty()) << "nothing may be sent";
   EXPECT_EQ(sha1_hex(object_bytes(neighbour)), sha1_hex(data));
-  EXPECT_FALSE(xfer::file_exists(dir_.file("out"))) << "the output file is not even created";
+  EXPECT_FALSE(zeltest::file_exists(dir_.file("out"))) << "the output file is not even created";
 }
 
 char* evil_token() { return strdup("tok\r\nX-Evil: 1"); }
@@ -209,7 +209,7 @@ TEST_F(RequestPathTest, SessionIdsThatWouldChangeTheStatusUrlAreRefused) {
   for (const char* id : {"a/../b", "a?x", "a#b", "a%2F", "a b"}) {
     SCOPED_TRACE(id);
     Outcome o;
-    ZELGetObjectSessionOpt s{u"bkt", u"k", id, nullptr, xfer::on_status<ZELGetObjectSessionResp>, nullptr};
+    ZELGetObjectSessionOpt s{u"bkt", u"k", id, nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>, nullptr};
     zel_get_object_session(h_, &s, &o);
     ASSERT_TRUE(o.wait_once());
     EXPECT_EQ(o.code, 0);
@@ -246,7 +246,7 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   ASSERT_TRUE(server_.restart()) << server_.error();
   proxy_->set_upstream(server_.port());
   Outcome o;
-  ZELGetObjectSessionOpt s{u"bkt",    u"big", "s-empty", nullptr, xfer::on_status<ZELGetObjectSessionResp>,
+  ZELGetObjectSessionOpt s{u"bkt",    u"big", "s-empty", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>,
                            on_session};
   zel_get_object_session(h_, &s, &o);
   ASSERT_TRUE(o.wait_once()) << o.message;
@@ -272,7 +272,7 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   EXPECT_EQ(put_empty.details, 1) << put_empty.message;
   seen.ranges.store(-1);
   Outcome o2;
-  ZELGetObjectSessionOpt s2{u"bkt",    u"empty", "s-zero", nullptr, xfer::on_status<ZELGetObjectSessionResp>,
+  ZELGetObjectSessionOpt s2{u"bkt",    u"empty", "s-zero", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>,
                             on_session};
   zel_get_object_session(h_, &s2, &o2);
   ASSERT_TRUE(o2.wait_once());
@@ -373,7 +373,7 @@ class RetryWaitTest : public zeltest::LibTest {
     LibTest::TearDown();
   }
   ZEL* h_ = nullptr;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 }  // namespace
 
@@ -401,7 +401,7 @@ TEST_F(RetryWaitTest, RetriesWaitWithBackoffAndRefusalsDoNot) {
   zel_get_object(h_, &g2.opt, &o2);
   ASSERT_TRUE(o2.wait_once());
   EXPECT_EQ(o2.code, 409);
-  EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/objects/r").size(), 2u) << "details and one GET";
+  EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/objects/r").size(), 2u) << "details and one GET";
 }
 
 // Shut-down does not wait out a retry's backoff.
@@ -414,7 +414,7 @@ TEST_F(RetryWaitTest, ShutdownInterruptsTheWait) {
   zel_get_object(h_, &g.opt, &o);
   // Both chunks have failed once and wait for their retry.
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (xfer::matching(server_.requests(), "GET", "/objects/w").size() < 3 &&
+  while (zeltest::matching(server_.requests(), "GET", "/objects/w").size() < 3 &&
          std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   auto start = std::chrono::steady_clock::now();
@@ -471,5 +471,5 @@ TEST_F(RequestPathTest, ClaimedSizesBeyondWhatAFileCanHoldAreRefused) {
   ASSERT_TRUE(o.wait_once());
   EXPECT_EQ(o.done, 0);
   EXPECT_EQ(o.message, "The object size is out of range");
-  EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/objects/claim").size(), 1u) << "the details only";
+  EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/objects/claim").size(), 1u) << "the details only";
 }

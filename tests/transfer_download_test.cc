@@ -7,13 +7,13 @@
 #include "get_object.h"
 #include "httppool.h"
 #include "raw_http_server.h"
-#include "record_log.h"
+#include "captured_log.h"
 #include "transfer_support.h"
 
 namespace {
 
-using xfer::GetOptions;
-using xfer::Outcome;
+using zeltest::GetOptions;
+using zeltest::Outcome;
 using zeltest::pattern_bytes;
 using zeltest::sha1_hex;
 
@@ -48,14 +48,14 @@ class DownloadTest : public zeltest::LibTest {
 
   std::vector<zeltest::RecordedRequest> gets() {
     std::vector<zeltest::RecordedRequest> out;
-    for (const auto& r : xfer::matching(server_.requests(), "GET", "/objects/")) {
+    for (const auto& r : zeltest::matching(server_.requests(), "GET", "/objects/")) {
       if (r.target.find("/details") == std::string::npos) out.push_back(r);
     }
     return out;
   }
 
   ZEL* h_ = nullptr;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
 TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
@@ -75,7 +75,7 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    std::string got = xfer::read_file(dir_.file(key));
+    std::string got = zeltest::read_file(dir_.file(key));
     EXPECT_EQ(got.size(), data.size());
     EXPECT_EQ(sha1_hex(got), sha1_hex(data));
     auto sent = gets();
@@ -87,7 +87,7 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
                            std::to_string(c.size - 1)),
               1u);
     // One before (size and SHA-1) and one after the chunks (still the same object).
-    EXPECT_EQ(xfer::matching(server_.requests(), "GET", "/details").size(), 2u) << "size query and check";
+    EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/details").size(), 2u) << "size query and check";
   }
 }
 
@@ -99,8 +99,8 @@ TEST_F(DownloadTest, EmptyObjectGivesAnEmptyFileWithoutAGet) {
   Outcome o;
   download(g, o);
   EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-  EXPECT_TRUE(xfer::file_exists(dir_.file("empty")));
-  EXPECT_EQ(xfer::read_file(dir_.file("empty")), "");
+  EXPECT_TRUE(zeltest::file_exists(dir_.file("empty")));
+  EXPECT_EQ(zeltest::read_file(dir_.file("empty")), "");
   EXPECT_TRUE(gets().empty());
 }
 
@@ -117,8 +117,8 @@ TEST_F(DownloadTest, CallerRangesAreWrittenFromOffsetZero) {
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(xfer::read_file(dir_.file("ranged")), data.substr(c.start, c.end - c.start + 1));
-    EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty())
+    EXPECT_EQ(zeltest::read_file(dir_.file("ranged")), data.substr(c.start, c.end - c.start + 1));
+    EXPECT_TRUE(zeltest::matching(server_.requests(), "GET", "/details").empty())
         << "a range needs no size query";
   }
 }
@@ -135,7 +135,7 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
       g.opt.headers = headers;
     } else {
       g.opt.size_unknown = 1;
-      g.opt.progress_callback = xfer::on_progress;
+      g.opt.progress_callback = zeltest::on_progress;
     }
     Outcome o;
     download(g, o);
@@ -144,14 +144,14 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
     auto sent = gets();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].header("Range"), "");
-    EXPECT_TRUE(xfer::matching(server_.requests(), "GET", "/details").empty());
+    EXPECT_TRUE(zeltest::matching(server_.requests(), "GET", "/details").empty());
     // With the delta header the service answers the object's signature.
     std::string expected = delta
                                ? zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/unknown",
                                                {zeltest::kAuthHeader, "x-pmw-delta-object: signature:@2048"})
                                      .body
                                : data;
-    EXPECT_EQ(xfer::read_file(dir_.file("unknown")), expected);
+    EXPECT_EQ(zeltest::read_file(dir_.file("unknown")), expected);
     if (!delta) {
       EXPECT_EQ(o.progress_total, data.size()) << "the total comes from the transfer";
       EXPECT_EQ(o.progress_max, data.size());
@@ -160,7 +160,7 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
 }
 
 TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   std::string data = store("retry", kChunk + 10, 33);
   {
     SCOPED_TRACE("500: retried five times, then Chunk Download Failed");
@@ -171,7 +171,7 @@ TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
     download(g, o);
     EXPECT_EQ(o.code, 500);
     EXPECT_EQ(o.message, "Chunk Download Failed");
-    std::vector<std::string> lines = record_log::messages("src\\get_object");
+    std::vector<std::string> lines = zeltest::CapturedLog::messages("src\\get_object");
     ASSERT_EQ(lines.size(), 5u);
     for (int n = 1; n <= 5; n++) {
       EXPECT_EQ(lines[n - 1],
@@ -203,7 +203,7 @@ TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(xfer::read_file(dir_.file("retry")), data) << "an error body never reaches the file";
+    EXPECT_EQ(zeltest::read_file(dir_.file("retry")), data) << "an error body never reaches the file";
     EXPECT_EQ(gets().size(), 3u);
     EXPECT_EQ(http_pool_available(), 7);
   }
@@ -213,7 +213,7 @@ TEST_F(DownloadTest, ProgressSumsToTheSizeAndCanCancel) {
   std::string data = store("progress", 10 * kChunk + 7, 77);
   {
     GetOptions g("bkt", "progress", dir_.file("progress"));
-    g.opt.progress_callback = xfer::on_progress;
+    g.opt.progress_callback = zeltest::on_progress;
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1);
@@ -226,7 +226,7 @@ TEST_F(DownloadTest, ProgressSumsToTheSizeAndCanCancel) {
     SCOPED_TRACE("cancelled from progress_callback");
     server_.clear_requests();
     GetOptions g("bkt", "progress", dir_.file("cancelled"));
-    g.opt.progress_callback = xfer::on_progress;
+    g.opt.progress_callback = zeltest::on_progress;
     Outcome o;
     o.cancel_after = 0;
     download(g, o);
@@ -238,19 +238,19 @@ TEST_F(DownloadTest, ProgressSumsToTheSizeAndCanCancel) {
 
 TEST_F(DownloadTest, ByUrlWithAndWithoutToken) {
   std::string data = store("byurl", 3 * kChunk + 1, 91);
-  std::u16string url = xfer::wide(server_.api(2) + "/buckets/bkt/objects/byurl");
-  ZELStream* stream = zel_stream_init(xfer::wide(dir_.file("byurl")).c_str());
+  std::u16string url = zeltest::wide(server_.api(2) + "/buckets/bkt/objects/byurl");
+  ZELStream* stream = zel_stream_init(zeltest::wide(dir_.file("byurl")).c_str());
   ZELGetObjectByURLOpt opt{};
   opt.download_url = url.c_str();
   opt.stream = stream;
-  opt.callback = xfer::on_status<ZELGetObjectByURLResp>;
-  opt.done_callback = xfer::on_done;
+  opt.callback = zeltest::outcome_status<ZELGetObjectByURLResp>;
+  opt.done_callback = zeltest::outcome_done;
   opt.authenticate = true;
   Outcome o;
   zel_get_object_by_url(h_, &opt, &o);
   ASSERT_TRUE(o.wait_once());
   EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-  EXPECT_EQ(xfer::read_file(dir_.file("byurl")), data);
+  EXPECT_EQ(zeltest::read_file(dir_.file("byurl")), data);
   auto sent = gets();
   ASSERT_EQ(sent.size(), 5u) << "a two-byte size query and four chunks";
   for (const auto& r : sent) EXPECT_NE(r.header("Authorization"), "");
@@ -275,10 +275,10 @@ TEST_F(DownloadTest, SizeByUrlReadsContentRangeTotalsBeyondFourGiB) {
   raw.script(
       zeltest::RawHttpServer::reply(206, "Partial Content", "ab", {"Content-Range: bytes 0-1/5000000000"}));
   raw.script(zeltest::RawHttpServer::reply(404, "Not Found", "{\"reason\":\"gone\"}"));
-  std::u16string url = xfer::wide(raw.url("/some/object"));
+  std::u16string url = zeltest::wide(raw.url("/some/object"));
   ZELGetObjectByURLOpt opt{};
   opt.download_url = url.c_str();
-  opt.callback = xfer::on_status<ZELGetObjectByURLResp>;
+  opt.callback = zeltest::outcome_status<ZELGetObjectByURLResp>;
   Outcome o;
   ZELGetObjectByURLDecorator decorator{h_, &opt, &o};
   int found = 0;

@@ -6,16 +6,16 @@
 
 #include "alloc.h"
 #include "httppool.h"
-#include "record_log.h"
+#include "captured_log.h"
 #include "transfer.h"
 #include "threads.h"
 #include "transfer_support.h"
 
 namespace {
 
-using xfer::GetOptions;
-using xfer::Outcome;
-using xfer::PutOptions;
+using zeltest::GetOptions;
+using zeltest::Outcome;
+using zeltest::PutOptions;
 using zeltest::pattern_bytes;
 using zeltest::sha1_hex;
 
@@ -30,7 +30,7 @@ class StressTest : public zeltest::LibTest {
     h_->chunk_size = 65536;
   }
   ZEL* h_ = nullptr;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
 TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
@@ -70,7 +70,7 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
     EXPECT_EQ(get_outcomes[i]->finals, 1) << i;
     EXPECT_EQ(get_outcomes[i]->done, 1)
         << i << ": " << get_outcomes[i]->code << " " << get_outcomes[i]->message;
-    EXPECT_EQ(sha1_hex(xfer::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]))
+    EXPECT_EQ(sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]))
         << i;
   }
 }
@@ -79,7 +79,7 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
 // memory, the transfer still ends with exactly one report and gives back
 // every pooled request (and, under the sanitizers, every byte).
 TEST_F(StressTest, EveryAllocationFailureEndsInExactlyOneReport) {
-  LogCapture log;  // the failures log a line each; keep them off the console
+  zeltest::CapturedLog log;  // the failures log a line each; keep them off the console
   std::string data = pattern_bytes(3 * 65536 + 5, 4);
   std::string path = dir_.write("torture", data);
   put_object("bkt", "torture", data);

@@ -16,7 +16,7 @@
 
 #include "lib_fixture.h"
 
-namespace xfer {
+namespace zeltest {
 
 inline std::u16string wide(const std::string& text) { return std::u16string(text.begin(), text.end()); }
 
@@ -99,7 +99,7 @@ struct Outcome {
 };
 
 template <class Resp>
-void on_status(const Resp* resp, void* user_data) {
+void outcome_status(const Resp* resp, void* user_data) {
   auto* o = static_cast<Outcome*>(user_data);
   std::lock_guard<std::mutex> lock(o->mutex);
   o->callbacks++;
@@ -120,7 +120,7 @@ inline void on_details(const ZELObjectDetails* details, void* user_data) {
   o->finish();
 }
 
-inline void on_done(void* user_data) {
+inline void outcome_done(void* user_data) {
   auto* o = static_cast<Outcome*>(user_data);
   std::lock_guard<std::mutex> lock(o->mutex);
   o->done++;
@@ -167,7 +167,7 @@ struct PutOptions {
     opt.bucket_key = bucket.c_str();
     opt.key = key.c_str();
     opt.stream = stream;
-    opt.callback = on_status<ZELPutObjectResp>;
+    opt.callback = outcome_status<ZELPutObjectResp>;
     opt.details_callback = on_details;
     opt.chunk_failed_callback = on_chunk_failed;
     opt.chunk_done_callback = on_chunk_done;
@@ -191,8 +191,8 @@ struct GetOptions {
     opt.bucket_key = bucket.c_str();
     opt.key = key.c_str();
     opt.stream = stream;
-    opt.callback = on_status<ZELGetObjectResp>;
-    opt.done_callback = on_done;
+    opt.callback = outcome_status<ZELGetObjectResp>;
+    opt.done_callback = outcome_done;
     opt.stats_callback = on_stats;
   }
   ~GetOptions() { zel_stream_cleanup(stream); }
@@ -203,13 +203,13 @@ struct GetOptions {
 };
 
 // Requests of the journal that match a method and a piece of the target.
-inline std::vector<zeltest::RecordedRequest> matching(const std::vector<zeltest::RecordedRequest>& all,
+inline std::vector<RecordedRequest> matching(const std::vector<RecordedRequest>& all,
                                                       const std::string& method, const std::string& part) {
-  std::vector<zeltest::RecordedRequest> out;
+  std::vector<RecordedRequest> out;
   for (const auto& r : all) {
     if (r.method == method && r.target.find(part) != std::string::npos) out.push_back(r);
   }
   return out;
 }
 
-}  // namespace xfer
+}  // namespace zeltest

@@ -7,13 +7,13 @@
 #include "alloc.h"
 #include "httppool.h"
 #include "put_object.h"
-#include "record_log.h"
+#include "captured_log.h"
 #include "transfer_support.h"
 
 namespace {
 
-using xfer::Outcome;
-using xfer::PutOptions;
+using zeltest::Outcome;
+using zeltest::PutOptions;
 using zeltest::http;
 using zeltest::kAuthHeader;
 using zeltest::pattern_bytes;
@@ -37,7 +37,7 @@ class UploadTest : public zeltest::LibTest {
   }
 
   std::vector<zeltest::RecordedRequest> puts() {
-    return xfer::matching(server_.requests(), "PUT", "/objects/");
+    return zeltest::matching(server_.requests(), "PUT", "/objects/");
   }
 
   // Uploads `data` as `key` and waits for the single report.
@@ -47,7 +47,7 @@ class UploadTest : public zeltest::LibTest {
   }
 
   ZEL* h_ = nullptr;
-  xfer::ScratchDir dir_;
+  zeltest::ScratchDir dir_;
 };
 
 TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
@@ -123,7 +123,7 @@ TEST_F(UploadTest, ResumedUploadSendsOnlyTheMissingRanges) {
   ASSERT_EQ(o1.chunk_failures.size(), 1u);
   EXPECT_EQ(o1.chunk_failures[0], std::make_pair(int32_t{403}, std::string("Forbidden")));
   EXPECT_EQ(o1.chunks_done.size(), 4u);
-  EXPECT_EQ(xfer::matching(server_.requests(), "PUT", "resumable").size(), 5u) << "a 403 is not retried";
+  EXPECT_EQ(zeltest::matching(server_.requests(), "PUT", "resumable").size(), 5u) << "a 403 is not retried";
 
   zeltest::HttpResult status =
       http("GET", server_.api(2) + "/buckets/bkt/objects/resume/status/resume-session-0001", {kAuthHeader});
@@ -172,7 +172,7 @@ TEST_F(UploadTest, RangedUploadLandsAtItsOffsetsAndEndsWithoutDetails) {
 }
 
 TEST_F(UploadTest, FailedStatusesAreRetriedOnlyWhenWorthIt) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   std::string data = pattern_bytes(kChunk + 10, 9);
   std::string path = dir_.write("retry", data);
   {
@@ -185,7 +185,7 @@ TEST_F(UploadTest, FailedStatusesAreRetriedOnlyWhenWorthIt) {
     EXPECT_EQ(o.message, "Resumable upload failed or was cancelled");
     EXPECT_EQ(o.chunk_failures.size(), 2u);
     EXPECT_EQ(puts().size(), 12u) << "two chunks, six attempts each";
-    std::vector<std::string> lines = record_log::messages("src\\put_object");
+    std::vector<std::string> lines = zeltest::CapturedLog::messages("src\\put_object");
     for (int n = 1; n <= 5; n++) {
       std::string line =
           "Chunk (65536-65545/65546) upload failed (status: 500, error: Injected fault) - retry #" +
@@ -228,7 +228,7 @@ TEST_F(UploadTest, ProgressSumsToTheSizeAndCanCancel) {
   std::string path = dir_.write("progress", data);
   {
     PutOptions p("bkt", "progress", path);
-    p.opt.progress_callback = xfer::on_progress;
+    p.opt.progress_callback = zeltest::on_progress;
     Outcome o;
     upload(p, o);
     EXPECT_EQ(o.details, 1);
@@ -244,7 +244,7 @@ TEST_F(UploadTest, ProgressSumsToTheSizeAndCanCancel) {
     // when its first progress report cancels it.
     ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"resumable","delay_ms":300,"times":-1})"));
     PutOptions p("bkt", "cancelled", path);
-    p.opt.progress_callback = xfer::on_progress;
+    p.opt.progress_callback = zeltest::on_progress;
     Outcome o;
     o.cancel_after = 0;
     upload(p, o);
@@ -260,7 +260,7 @@ TEST_F(UploadTest, ProgressSumsToTheSizeAndCanCancel) {
 }
 
 TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
-  LogCapture log;
+  zeltest::CapturedLog log;
   PutOptions p("bkt", "nofile", dir_.file("does-not-exist"));
   Outcome o;
   zel_put_object(h_, &p.opt, &o);
@@ -278,7 +278,7 @@ TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
   Outcome silent;
   zel_put_object(nullptr, &p.opt, &silent);
   EXPECT_EQ(silent.finals, 0);
-  EXPECT_EQ(record_log::last("src\\object"), "ZEL is not initialized");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\object"), "ZEL is not initialized");
 
   PutOptions nokey("bkt", "x", dir_.write("x", "abc"));
   nokey.opt.key = nullptr;
@@ -303,7 +303,7 @@ TEST_F(UploadTest, OptionsMayBeFreedAtOnceAndBucketsAreCreatedOnDemand) {
   auto journal = server_.requests();
   ASSERT_FALSE(journal.empty());
   EXPECT_EQ(journal.front().method, "POST") << "the bucket is made before the first chunk";
-  EXPECT_EQ(xfer::matching(journal, "POST", "/buckets").size(), 1u);
+  EXPECT_EQ(zeltest::matching(journal, "POST", "/buckets").size(), 1u);
 }
 
 TEST(SessionId, PrintableCodesInHexAndNeverRepeated) {

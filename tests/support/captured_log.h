@@ -55,6 +55,23 @@ class CapturedLog {
     std::lock_guard<std::mutex> guard(mutex());
     lines().clear();
   }
+  // Messages logged under `tag` ("src\\json"), oldest first, without the
+  // time stamp, the source line and the closing line feed.
+  static std::vector<std::string> messages(const std::string& tag) {
+    std::lock_guard<std::mutex> guard(mutex());
+    std::vector<std::string> out;
+    for (const std::string& line : lines()) {
+      size_t space = line.find(' ');
+      if (space == std::string::npos || line.compare(space + 1, tag.size() + 1, tag + ":") != 0) continue;
+      out.push_back(message_of(line));
+    }
+    return out;
+  }
+  // The last message under `tag`, or "" when none was logged.
+  static std::string last(const std::string& tag) {
+    std::vector<std::string> all = messages(tag);
+    return all.empty() ? std::string() : all.back();
+  }
 
  private:
   static std::mutex& mutex() {
