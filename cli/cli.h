@@ -26,8 +26,8 @@ namespace zelcli {
 // Exit statuses, one per kind of failure (documented in the README).
 constexpr int kServiceFailed = 1;  // the service refused, or its bytes failed verification
 constexpr int kUsage = 2;
-constexpr int kLocalFailed = 3;        // a local file or resource
-constexpr int kTransportFailed = 4;    // the endpoint could not be reached or the exchange broke
+constexpr int kLocalFailed = 3;      // a local file or resource
+constexpr int kTransportFailed = 4;  // the endpoint could not be reached or the exchange broke
 constexpr int kNoPatch = 5;  // --no-fallback: no patch could be used (files too different, none ready)
 constexpr int kInterruptedBase = 128;  // plus the signal number, for a second signal
 // A transfer stopped by SIGINT or SIGTERM ends with one status, whichever

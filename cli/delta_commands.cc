@@ -14,7 +14,8 @@ void add_delta_options(CLI::App* cmd, DeltaArgs& args, const char* direction) {
       "--base", args.base,
       up ? "Send only a patch against this local file, which must equal --base-key's object"
          : "Fetch only a patch and apply it to this local file, which must equal --base-key's object");
-  CLI::Option* key = cmd->add_option("--base-key", args.base_key, "The stored object --base equals (same bucket)");
+  CLI::Option* key =
+      cmd->add_option("--base-key", args.base_key, "The stored object --base equals (same bucket)");
   base->needs(key);
   key->needs(base);
   cmd->add_option("--ratio", args.ratio,
@@ -32,7 +33,8 @@ void check_delta_args(const DeltaArgs& args, const Target& target) {
   parse_target(target.bucket + "/" + args.base_key);  // UTF-8 check
   // The patch travels as the new object's content, so the base cannot be
   // the same object.
-  if (args.base_key == target.key) throw UsageError("--base-key must name another object than " + target.text());
+  if (args.base_key == target.key)
+    throw UsageError("--base-key must name another object than " + target.text());
 }
 
 zel::DeltaOptions delta_options(const DeltaArgs& args) {
@@ -96,7 +98,8 @@ void add_match_command(CLI::App& app, Context& ctx) {
   cmd->add_option("FILE", args->file, "The local file")->required();
   cmd->add_option("--ratio", args->ratio, "Largest share of changed bytes that still matches (default 0.5)")
       ->check(CLI::Range(0.0, 1.0));
-  cmd->footer("Only the object's signature is downloaded.\nExample:\n  zel match videos/cut-v1.mp4 cut-v2.mp4");
+  cmd->footer(
+      "Only the object's signature is downloaded.\nExample:\n  zel match videos/cut-v1.mp4 cut-v2.mp4");
   cmd->callback([&ctx, args] { ctx.action = [args](Context& c) { return run_match(c, *args); }; });
 }
 

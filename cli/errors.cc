@@ -154,8 +154,8 @@ int Output::fail(const Failure& f) const {
   std::fprintf(stderr, "%s\n", line.c_str());
   if (!f.hint.empty()) std::fprintf(stderr, "hint: %s\n", f.hint.c_str());
   if (global_.json) {
-    static const char* kinds[] = {"local",        "transport", "service", "verification",
-                                  "usage",        "interrupted", "no-patch"};
+    static const char* kinds[] = {"local", "transport",   "service", "verification",
+                                  "usage", "interrupted", "no-patch"};
     json_t* error = json_pack("{s:s, s:s, s:s}", "kind", kinds[static_cast<int>(f.kind)], "target",
                               f.target.c_str(), "message", f.message.c_str());
     json_object_set_new(error, "status", f.status > 0 ? json_integer(f.status) : json_null());

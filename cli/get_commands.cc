@@ -98,9 +98,9 @@ int finish(Context& c, const GetArgs& a, TempFile& temp, const std::string& to, 
   if (failure) return c.out.fail(*failure);
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   std::optional<uint64_t> wire = via.how == "full" ? std::optional<uint64_t>(size) : via.wire;
-  print_summary(c.out,
-                {"downloaded", a.source, to == "-" ? "standard output" : to, size, seconds, sha1, via.how, wire},
-                owned.release());
+  print_summary(
+      c.out, {"downloaded", a.source, to == "-" ? "standard output" : to, size, seconds, sha1, via.how, wire},
+      owned.release());
   return 0;
 }
 

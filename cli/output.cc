@@ -166,7 +166,8 @@ void print_summary(const Output& out, const Summary& s, json_t* extra) {
                           static_cast<json_int_t>(rate + 0.5), "sha1", s.sha1.c_str());
   if (!s.how.empty()) {
     json_object_set_new(doc, "transfer", json_string(s.how.c_str()));
-    json_object_set_new(doc, "wire_bytes", s.wire ? json_integer(static_cast<json_int_t>(*s.wire)) : json_null());
+    json_object_set_new(doc, "wire_bytes",
+                        s.wire ? json_integer(static_cast<json_int_t>(*s.wire)) : json_null());
   }
   json_object_set_new(doc, "object", extra != nullptr ? extra : json_null());
   out.result(doc, text + timing, true);

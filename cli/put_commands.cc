@@ -160,9 +160,11 @@ int run_put(Context& c, const PutArgs& a, Upload& up) {
 // Sends only a patch against --base; falls back to the whole file when no
 // patch can be used, unless --no-fallback.
 int run_put_patch(Context& c, const PutArgs& a, Upload& up) {
-  for (const auto& [given, name] : {std::pair{!a.range.empty(), "--range"}, {!a.session.empty(), "--session"},
+  for (const auto& [given, name] : {std::pair{!a.range.empty(), "--range"},
+                                    {!a.session.empty(), "--session"},
                                     {!a.content_type.empty(), "--content-type"},
-                                    {a.create_bucket, "--create-bucket"}, {a.file == "-", "standard input"}})
+                                    {a.create_bucket, "--create-bucket"},
+                                    {a.file == "-", "standard input"}})
     if (given) throw UsageError(std::string(name) + " cannot be combined with --base");
   check_delta_args(a.delta, up.target);
   uint64_t base_size = 0;

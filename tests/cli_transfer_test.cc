@@ -272,7 +272,8 @@ TEST_F(CliTransferTest, PatchTransfersFallBackToWholeOnesUnlessTold) {
 
   Ran refused = zel(base({"put", other_file, "bkt/v3", "--ratio", "0.2", "--no-fallback"}), env);
   EXPECT_EQ(refused.status, 5) << describe(refused);
-  EXPECT_NE(refused.err.find("differs from bkt/v1 by more than --ratio 0.2"), std::string::npos) << refused.err;
+  EXPECT_NE(refused.err.find("differs from bkt/v1 by more than --ratio 0.2"), std::string::npos)
+      << refused.err;
   EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/v3/details", {kAuthHeader}).status, 404);
   Ran whole = zel(base({"--json", "put", other_file, "bkt/v3", "--ratio", "0.2"}), env);
   ASSERT_EQ(whole.status, 0) << describe(whole);

@@ -241,7 +241,9 @@ struct DeltaCall : Call<DeltaResult> {
   }
   void fail(int32_t code, const char* message) noexcept {
     remove_scratch();
-    deliver<DeltaResult>(as_user_data(), [&] { return Result<DeltaResult>(Error{code, message ? message : ""}); });
+    deliver<DeltaResult>(as_user_data(), [&] {
+      return Result<DeltaResult>(Error{code, message ? message : ""});
+    });
   }
   // The library hands user data back to callbacks that reach it as a
   // Call<DeltaResult>, so that is the pointer it is given.
@@ -330,9 +332,9 @@ inline void on_get_patch_status(const ZELGetPatchResp* resp, void* user_data) no
   auto* call = DeltaCall::of(user_data);
   const char* message = resp->message ? resp->message : "";
   // A failed patch-details query also asks the service to make the patch.
-  bool not_ready = resp->code == ZEL_PATCH_NOT_FOUND ||
-                   (resp->code == ZEL_PATCH_NO_DETAILS &&
-                    std::strcmp(message, "Cannot get patch object details") == 0);
+  bool not_ready =
+      resp->code == ZEL_PATCH_NOT_FOUND ||
+      (resp->code == ZEL_PATCH_NO_DETAILS && std::strcmp(message, "Cannot get patch object details") == 0);
   if (!not_ready && resp->code != ZEL_PATCH_TOO_DIFFERENT) return call->fail(resp->code, message);
   call->remove_scratch();
   call->succeed(outcome(not_ready ? DeltaOutcome::kPatchNotReady : DeltaOutcome::kTooDifferent));
