@@ -290,7 +290,7 @@ TEST_F(CliTransferTest, PatchTransfersFallBackToWholeOnesUnlessTold) {
   expect_untouched(keep, not_ready);
   Ran got = zel(base({"--json", "get", "bkt/v2", keep}), env);
   for (int i = 0; i < 100 && got.status == 0 && str(result(got), "transfer") == "full"; ++i) {
-    EXPECT_EQ(xfer::read_file(keep), new_data);
+    EXPECT_EQ(zeltest::read_file(keep), new_data);
     precious();
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     got = zel(base({"--json", "get", "bkt/v2", keep}), env);
@@ -298,7 +298,7 @@ TEST_F(CliTransferTest, PatchTransfersFallBackToWholeOnesUnlessTold) {
   ASSERT_EQ(got.status, 0) << describe(got);
   EXPECT_EQ(str(result(got), "transfer"), "patch");
   EXPECT_LT(num(result(got), "wire_bytes"), 30000);
-  EXPECT_EQ(xfer::read_file(keep), new_data);
+  EXPECT_EQ(zeltest::read_file(keep), new_data);
   EXPECT_TRUE(leftovers(".zel-").empty()) << "left behind: " << leftovers(".zel-")[0];
 
   Ran close = zel({"match", "bkt/v1", new_file, "--ratio", "0.2"});

@@ -333,11 +333,11 @@ TEST_F(CppLayerTest, DeltaOperationsSayWhichOutcomeHappened) {
     got = client_->get_patch("bkt", "v1", "v2", old_file, out, options).get();
     ASSERT_TRUE(got.ok()) << got.error().code << " " << got.error().message;
     if (got.value().outcome != zel::DeltaOutcome::kPatchNotReady) break;
-    EXPECT_FALSE(xfer::file_exists(out));
+    EXPECT_FALSE(zeltest::file_exists(out));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   ASSERT_EQ(got.value().outcome, zel::DeltaOutcome::kPatched);
-  EXPECT_EQ(xfer::read_file(out), new_data);
+  EXPECT_EQ(zeltest::read_file(out), new_data);
   ASSERT_TRUE(got.value().patch_size.has_value());
   EXPECT_LT(*got.value().patch_size, new_data.size() / 10);
   options.ratio = 0.0;
