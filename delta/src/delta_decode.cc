@@ -11,8 +11,11 @@ namespace {
 constexpr uint8_t kOpEnd = 0, kOpLiteral = 1, kOpCopy = 2;
 constexpr size_t kReadBuffer = 256 * 1024;
 // Result buffers: enough in flight that neither the hash nor the writes
-// wait for the other, few enough to stay a few MiB.
-constexpr size_t kRing = 4;
+// wait for the other, few enough to stay a few MiB. Each side wakes the
+// other only for a batch of buffers, as on a busy machine every wait costs a
+// turn of the scheduler.
+constexpr uint64_t kRing = 8;
+constexpr uint64_t kBatch = kRing / 2;
 constexpr size_t kResultBuffer = 1 << 20;
 
 [[noreturn]] void damaged(const char* why) { throw DiffError(std::string("The patch is damaged: ") + why); }
@@ -123,7 +126,11 @@ uint8_t* ResultWriter::room(size_t* n) {
   if (fill_ == 0) {
     // The slot's previous buffer must be hashed before it is refilled.
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return hashed_ + kRing > sent_; });
+    if (hashed_ + kRing == sent_) {
+      writer_waits_ = true;
+      changed_.wait(lock, [this] { return hashed_ + kBatch >= sent_; });
+      writer_waits_ = false;
+    }
     lock.unlock();
     if (!buffers_[slot]) buffers_[slot].reset(new uint8_t[kResultBuffer]);
   }
@@ -134,11 +141,13 @@ uint8_t* ResultWriter::room(size_t* n) {
 void ResultWriter::send() {
   size_t slot = sent_ % kRing;
   sizes_[slot] = fill_;
+  bool wake;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     ++sent_;
+    wake = hasher_waits_ && hashed_ + kBatch <= sent_;
   }
-  changed_.notify_all();
+  if (wake) changed_.notify_all();
   out_.write(buffers_[slot].get(), fill_);
   fill_ = 0;
 }
@@ -146,22 +155,26 @@ void ResultWriter::send() {
 void ResultWriter::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return hashed_ < sent_ || closed_; });
+    hasher_waits_ = true;
+    changed_.wait(lock, [this] { return hashed_ + kBatch <= sent_ || closed_; });
+    hasher_waits_ = false;
     if (abandoned_ || hashed_ == sent_) return;
-    size_t slot = hashed_ % kRing;
-    lock.unlock();
-    std::exception_ptr error;
-    if (!error_) {
-      try {
-        sha_.update(buffers_[slot].get(), sizes_[slot]);
-      } catch (...) {
-        error = std::current_exception();
+    while (hashed_ < sent_ && !abandoned_) {
+      size_t slot = hashed_ % kRing;
+      lock.unlock();
+      std::exception_ptr error;
+      if (!error_) {
+        try {
+          sha_.update(buffers_[slot].get(), sizes_[slot]);
+        } catch (...) {
+          error = std::current_exception();
+        }
       }
+      lock.lock();
+      if (error) error_ = error;
+      ++hashed_;
+      if (writer_waits_ && hashed_ + kBatch >= sent_) changed_.notify_all();
     }
-    lock.lock();
-    if (error) error_ = error;
-    ++hashed_;
-    changed_.notify_all();
   }
 }
 

@@ -80,6 +80,7 @@ class ResultWriter {
   uint64_t sent_ = 0;    // buffers handed over, in order
   uint64_t hashed_ = 0;  // buffers the thread is done with
   bool closed_ = false, abandoned_ = false;
+  bool writer_waits_ = false, hasher_waits_ = false;
   std::exception_ptr error_;
   Sha1 sha_;
   std::mutex mutex_;

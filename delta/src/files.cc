@@ -80,6 +80,9 @@ OutputFile::OutputFile(const char16_t* target, const char* what) : target_(targe
   }
   if (file_ == nullptr)
     throw DiffError(diff_errno_message((std::string("Cannot create the ") + what).c_str()));
+  // Every writer hands over large pieces already; a stream buffer would
+  // only split and copy them.
+  std::setvbuf(file_, nullptr, _IONBF, 0);
 }
 
 OutputFile::~OutputFile() {
