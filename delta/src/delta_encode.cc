@@ -114,12 +114,13 @@ uint64_t delta_encode(const SigIndex& index, const File& input, DeltaWriter& out
     len = keep + got;
     eof = got < want;
   }
-  // Fewer than a block's bytes remain: only the base's short last block,
-  // ending exactly here, can cover them.
-  size_t rest = len - i;
-  if (rest != 0 && rest == index.tail_len() && index.tail_matches(&buffer[i])) {
-    out.literal(&buffer[lit], i - lit);
-    out.copy((index.blocks() - 1) * block, rest);
+  // Fewer than a block's bytes remain, none of them the start of a full
+  // block: only the base's short last block, ending the file, can cover
+  // some of them.
+  size_t tail = index.tail_len();
+  if (tail != 0 && len - i >= tail && index.tail_matches(&buffer[len - tail])) {
+    out.literal(&buffer[lit], len - tail - lit);
+    out.copy((index.blocks() - 1) * block, tail);
   } else {
     out.literal(&buffer[lit], len - lit);
   }
