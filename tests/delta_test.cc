@@ -116,8 +116,9 @@ TEST_F(DeltaTest, SignatureHoldsTheFileSha1AtOffset4) {
   EXPECT_EQ(file_sha1(nullptr), nullptr);
 }
 
-// Our block sums are computed in parallel outside librsync; librsync's delta
-// job only finds matches if they equal its own, byte for byte.
+// The part of our signature after its own header is a librsync signature:
+// the block sums, computed on two threads, must equal librsync's byte for
+// byte.
 TEST_F(DeltaTest, BlockSumsEqualLibrsyncSignature) {
   Bytes data = random_bytes(3 * 1024 * 1024 + 1234, 30);
   write("file", data);
