@@ -112,6 +112,43 @@ TEST_F(HostileTest, ApplyRefusesCorruptedPatches) {
   }
 }
 
+// Delta streams no encoder writes, behind a valid header: each is refused
+// before it can read outside the base or write past the stated size.
+TEST_F(HostileTest, CraftedStreamsAreRefused) {
+  Bytes header = read("stored");
+  header.resize(64);
+  const Bytes big = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01};  // 2^64 - 1
+  struct Stream {
+    const char* why;
+    Bytes ops;
+  } streams[] = {
+      {"nothing built", {0x00}},
+      {"unknown instruction", {0x07, 0x00}},
+      {"empty literal", {0x01, 0x00, 0x00}},
+      {"literal longer than the new file", {0x01, 0xE0, 0xD4, 0x03, 0x00}},  // 60000 bytes
+      {"copy past the base's end", {0x02, 0xC0, 0x8D, 0x06, 0x01, 0x00}},    // at 50016
+      {"copy before the base's start", {0x02, 0x03, 0x01, 0x00}},            // at -2
+      {"copy too long", {0x02, 0x00, 0xD1, 0x86, 0x03, 0x00}},               // 50001 bytes
+      {"number of eleven bytes", {0x01, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01}},
+      {"truncated literal", {0x01, 0x10, 'a', 'b'}},
+      {"no end instruction", {0x02, 0x00, 0x10}},
+  };
+  std::vector<Stream> all(std::begin(streams), std::end(streams));
+  Bytes huge_copy = {0x02, 0x00};
+  huge_copy.insert(huge_copy.end(), big.begin(), big.end());
+  all.push_back({"copy of 2^64 - 1 bytes", huge_copy});
+  for (const Stream& stream : all) {
+    Bytes patch = header;
+    patch.insert(patch.end(), stream.ops.begin(), stream.ops.end());
+    write("crafted", patch);
+    files_ = listing();
+    expect_refused("base", sha1_hex(base_), "crafted", stream.why);
+    std::string message;
+    apply("base", sha1_hex(base_), "crafted", "out", 0, &message);
+    EXPECT_EQ(message.rfind("The patch is", 0), 0u) << stream.why << ": " << message;
+  }
+}
+
 TEST_F(HostileTest, DamagedSignaturesAreRefused) {
   Bytes sig = read("sig");
   auto refused = [&](const Bytes& bad, const std::string& why) {

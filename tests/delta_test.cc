@@ -74,6 +74,17 @@ TEST_F(DeltaTest, PatchesCarryOnlyWhatChanged) {
   ASSERT_EQ(patch("sig", "new", "patch", 0), 0);
   // 3000 new bytes spoil at most 3 blocks: the rest are copies.
   EXPECT_LT(read("patch").size(), 64 + 3 * 2048 + 4096u);
+  // The base's short last block is found after a spoilt full block too.
+  Bytes odd = random_bytes(5000, 13);
+  Bytes odd_new = odd;
+  odd_new[3000] ^= 1;
+  write("odd", odd);
+  write("odd.new", odd_new);
+  ASSERT_EQ(signature("odd", "odd.sig"), 0);
+  ASSERT_EQ(patch("odd.sig", "odd.new", "odd.patch", 0), 0);
+  EXPECT_LT(read("odd.patch").size(), 64 + 2048 + 64u);
+  ASSERT_EQ(apply("odd", sha1_hex(odd), "odd.patch", "odd.out"), 0);
+  EXPECT_EQ(read("odd.out"), odd_new);
   // Compressible literal data shrinks with a compression level.
   Bytes text;
   for (int i = 0; text.size() < 200000; ++i) {
@@ -105,8 +116,9 @@ TEST_F(DeltaTest, SignatureHoldsTheFileSha1AtOffset4) {
   EXPECT_EQ(file_sha1(nullptr), nullptr);
 }
 
-// Our block sums are computed in parallel outside librsync; librsync's delta
-// job only finds matches if they equal its own, byte for byte.
+// The part of our signature after its own header is a librsync signature:
+// the block sums, computed on two threads, must equal librsync's byte for
+// byte.
 TEST_F(DeltaTest, BlockSumsEqualLibrsyncSignature) {
   Bytes data = random_bytes(3 * 1024 * 1024 + 1234, 30);
   write("file", data);

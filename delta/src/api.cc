@@ -1,8 +1,5 @@
 // The exported functions: argument checks, then the work inside diff_guard.
-#include <librsync.h>
-
 #include <cstdlib>
-#include <mutex>
 
 #include "alloc.h"
 #include "diff.h"
@@ -20,13 +17,6 @@ namespace {
 
 using zeldiff::DiffError;
 
-// librsync reports its failures on standard error as well; ours reach the
-// caller as messages, so its own trace is turned off once.
-void quiet_librsync() {
-  static std::once_flag once;
-  std::call_once(once, [] { rs_trace_set_level(RS_LOG_EMERG); });
-}
-
 constexpr int32_t kSignatureFormat = 1;
 constexpr int32_t kPatchFormat = 1;
 constexpr int32_t kMaxLevel = 19;
@@ -41,7 +31,6 @@ DIFF_EXPORT int32_t diff_create_signature(const char16_t* file, const char16_t* 
   return zeldiff::diff_guard(err_msg, [&] {
     if (file == nullptr || signature == nullptr) throw DiffError("A path is missing");
     if (format != kSignatureFormat) throw DiffError("Unsupported signature format");
-    quiet_librsync();
     zeldiff::signature_create(file, signature, block_size);
     return 0;
   });
@@ -93,7 +82,6 @@ DIFF_EXPORT int32_t diff_create_patch(const char16_t* new_file, DiffFileList* ba
     if (flags != 0) throw DiffError("Unknown patch flags");
     if (level < 0 || level > kMaxLevel) throw DiffError("The compression level must be 0 to 19");
     if (verify != 0 && verify != 1) throw DiffError("The verify value must be 0 or 1");
-    quiet_librsync();
     zeldiff::patch_create(new_file, bases->head->path, patch, level, verify == 1);
     return 0;
   });
@@ -104,7 +92,6 @@ DIFF_EXPORT int32_t diff_apply_patch(const char16_t* result, const char16_t* pat
   return zeldiff::diff_guard(err_msg, [&] {
     if (result == nullptr || patch == nullptr) throw DiffError("A path is missing");
     if (bases == nullptr) throw DiffError("The base list is empty");
-    quiet_librsync();
     zeldiff::patch_apply(result, patch, *bases, apply_mode);
     return 0;
   });

@@ -1,7 +1,7 @@
-// Patch application: the base is hashed on a second thread while librsync's
-// patch job rebuilds the new file into a temporary file; the result replaces
-// the target only when the base, the output's size and its SHA-1 all agree
-// with the patch.
+// Patch application: the delta stream rebuilds the new file into a
+// temporary file while a second thread hashes it; the result replaces the
+// target only when the base, the output's size and its SHA-1 all agree with
+// the patch.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "job.h"
+#include "delta_stream.h"
 #include "patch.h"
 
 namespace zeldiff {
@@ -18,27 +18,6 @@ namespace {
 
 constexpr int32_t kKeepMode = 1;
 constexpr int32_t kSync = 2;
-
-// Where the patch job reads the base; failures are kept here because
-// librsync cannot carry an exception.
-struct BaseReader {
-  const File* file;
-  uint64_t size;
-  std::exception_ptr error;
-};
-
-rs_result copy_from_base(void* opaque, rs_long_t pos, size_t* len, void** buf) {
-  BaseReader* base = static_cast<BaseReader*>(opaque);
-  if (pos < 0 || static_cast<uint64_t>(pos) >= base->size) return RS_CORRUPT;
-  *len = static_cast<size_t>(std::min<uint64_t>(*len, base->size - static_cast<uint64_t>(pos)));
-  try {
-    if (base->file->read_at(*buf, *len, static_cast<uint64_t>(pos)) != *len) return RS_IO_ERROR;
-  } catch (...) {
-    base->error = std::current_exception();
-    return RS_IO_ERROR;
-  }
-  return RS_DONE;
-}
 
 PatchHeader read_header(const File& patch) {
   uint8_t raw[kPatchHeaderSize];
@@ -57,8 +36,8 @@ void check_entry(const DiffFileEntry* entry, const PatchHeader& h, uint8_t sha1[
   }
 }
 
-// Runs the patch job from `patch` (after its header) into `sink`.
-void run_patch(const File& patch, const PatchHeader& h, BaseReader& base, const Sink& sink) {
+// Runs the delta stream of `patch` (after its header) into `out`.
+void run_patch(const File& patch, const PatchHeader& h, const File& base, ResultWriter& out) {
   uint64_t offset = kPatchHeaderSize;
   Source raw = [&](uint8_t* buffer, size_t cap) {
     size_t got = patch.read_at(buffer, cap, offset);
@@ -68,14 +47,7 @@ void run_patch(const File& patch, const PatchHeader& h, BaseReader& base, const 
   std::unique_ptr<ZstdReader> zstd;
   if (h.flags & kPatchZstd) zstd = std::make_unique<ZstdReader>(raw);
   Source source = zstd ? Source([&](uint8_t* buffer, size_t cap) { return zstd->read(buffer, cap); }) : raw;
-  JobPtr job(rs_patch_begin(copy_from_base, &base));
-  if (!job) throw std::bad_alloc();
-  try {
-    job_run(job.get(), source, sink, "The patch is damaged");
-  } catch (...) {
-    if (base.error) std::rethrow_exception(base.error);
-    throw;
-  }
+  delta_decode(source, base, h.base_size, h.new_size, out);
 }
 
 }  // namespace
@@ -92,18 +64,11 @@ void patch_apply(const char16_t* result, const char16_t* patch_path, const DiffF
   if (base_file.size() != h.base_size) throw DiffError("The base file's size differs from the patch's base");
 
   OutputFile out(result, "result file");
-  HashPipe sha;
-  uint64_t written = 0;
-  Sink sink = [&](const uint8_t* data, size_t n) {
-    if (n > h.new_size - written) throw DiffError("The patch is damaged: it builds more data than it states");
-    written += n;
-    sha.push(data, n);
-    out.write(data, n);
-  };
-  BaseReader base{&base_file, h.base_size, nullptr};
-  run_patch(patch, h, base, sink);
+  ResultWriter writer(out);
+  run_patch(patch, h, base_file, writer);
   uint8_t digest[kSha1Size];
-  sha.finish(digest);
+  writer.finish(digest);
+  uint64_t written = writer.written();
   if (written != h.new_size || std::memcmp(digest, h.new_sha1, kSha1Size) != 0) {
     // Only now is the base hashed: a result that verifies cannot come from a
     // wrong base, and a failure is worth the time to name its cause.

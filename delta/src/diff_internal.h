@@ -6,13 +6,10 @@
 #include <openssl/evp.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <exception>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -120,31 +117,6 @@ class FileHasher {
   uint64_t bytes_ = 0;
   std::thread thread_;  // last: starts once the members above exist
 };
-// SHA-1 of a stream on a thread of its own: push() hands over a copy, with
-// a few MiB in flight at most, so the producer does not wait for the hash.
-class HashPipe {
- public:
-  HashPipe();
-  HashPipe(const HashPipe&) = delete;
-  HashPipe& operator=(const HashPipe&) = delete;
-  ~HashPipe();
-  void push(const uint8_t* data, size_t n);
-  // Waits for the digest of everything pushed; rethrows a hash failure.
-  void finish(uint8_t digest[20]);
-
- private:
-  void flush();
-  void run();
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<std::vector<uint8_t>> queue_;
-  std::vector<uint8_t> pending_;
-  bool closed_ = false;
-  Sha1 sha_;
-  std::exception_ptr error_;
-  std::thread thread_;  // last: starts once the members above exist
-};
-
 // Hashes the whole file; throws on a read failure.
 void sha1_of_file(const File& file, uint8_t digest[kSha1Size]);
 void sha1_to_hex(const uint8_t digest[kSha1Size], char hex[2 * kSha1Size + 1]);

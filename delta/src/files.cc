@@ -80,6 +80,9 @@ OutputFile::OutputFile(const char16_t* target, const char* what) : target_(targe
   }
   if (file_ == nullptr)
     throw DiffError(diff_errno_message((std::string("Cannot create the ") + what).c_str()));
+  // Every writer hands over large pieces already; a stream buffer would
+  // only split and copy them.
+  std::setvbuf(file_, nullptr, _IONBF, 0);
 }
 
 OutputFile::~OutputFile() {
@@ -188,74 +191,6 @@ void FileHasher::hash(const File& file) {
     bytes_ += got;
   }
   sha.final(digest_);
-}
-
-namespace {
-constexpr size_t kPipeChunk = 1 << 20;
-constexpr size_t kPipeDepth = 4;
-}  // namespace
-
-HashPipe::HashPipe() {
-  thread_ = std::thread([this] { run(); });
-}
-
-HashPipe::~HashPipe() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    closed_ = true;
-    queue_.clear();
-  }
-  changed_.notify_all();
-  if (thread_.joinable()) thread_.join();
-}
-
-void HashPipe::push(const uint8_t* data, size_t n) {
-  pending_.insert(pending_.end(), data, data + n);
-  if (pending_.size() >= kPipeChunk) flush();
-}
-
-void HashPipe::flush() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return queue_.size() < kPipeDepth || error_; });
-  if (error_) std::rethrow_exception(error_);
-  queue_.push_back(std::move(pending_));
-  pending_ = std::vector<uint8_t>();
-  pending_.reserve(kPipeChunk + (1 << 19));
-  lock.unlock();
-  changed_.notify_all();
-}
-
-void HashPipe::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  for (;;) {
-    changed_.wait(lock, [this] { return !queue_.empty() || closed_; });
-    if (queue_.empty()) return;
-    std::vector<uint8_t> chunk = std::move(queue_.front());
-    queue_.pop_front();
-    lock.unlock();
-    changed_.notify_all();
-    try {
-      sha_.update(chunk.data(), chunk.size());
-    } catch (...) {
-      lock.lock();
-      error_ = std::current_exception();
-      changed_.notify_all();
-      return;
-    }
-    lock.lock();
-  }
-}
-
-void HashPipe::finish(uint8_t digest[20]) {
-  if (!pending_.empty()) flush();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    closed_ = true;
-  }
-  changed_.notify_all();
-  thread_.join();
-  if (error_) std::rethrow_exception(error_);
-  sha_.final(digest);
 }
 
 void sha1_to_hex(const uint8_t digest[kSha1Size], char hex[2 * kSha1Size + 1]) {

@@ -1,6 +1,6 @@
-// Patch creation: librsync's delta job against a loaded signature, its
-// output compressed into the patch file, the header written last once the
-// new file's SHA-1 and size are known.
+// Patch creation: the encoder against the signature's index, its output
+// compressed into the patch file, the header written last once the new
+// file's SHA-1 and size are known.
 #include "patch.h"
 
 #include <sys/stat.h>
@@ -9,34 +9,13 @@
 #include <memory>
 #include <string>
 
-#include "job.h"
+#include "delta_stream.h"
 #include "signature.h"
 
 namespace zeldiff {
 namespace {
 
-constexpr uint8_t kPatchMagic[4] = {'z', 'd', 'p', 1};
-
-struct SumsetFree {
-  void operator()(rs_signature_t* sums) const { rs_free_sumset(sums); }
-};
-using SumsetPtr = std::unique_ptr<rs_signature_t, SumsetFree>;
-
-// Loads the librsync part of a checked signature file and indexes it.
-// librsync's file loader sizes its block table from the file's length at
-// once; fed as a stream, it would grow the table by doubling and could
-// briefly hold three times the signature.
-SumsetPtr load_sumset(const File& sig) {
-  if (fseeko(sig.stream(), static_cast<off_t>(kSigHeaderSize), SEEK_SET) != 0) {
-    throw DiffError(diff_errno_message("Cannot read the signature file"));
-  }
-  rs_signature_t* raw = nullptr;
-  rs_result result = rs_loadsig_file(sig.stream(), &raw, nullptr);
-  SumsetPtr sums(raw);
-  if (result != RS_DONE) throw DiffError(std::string("Cannot load the signature: ") + rs_strerror(result));
-  if (!sums || rs_build_hash_table(sums.get()) != RS_DONE) throw DiffError("Cannot index the signature");
-  return sums;
-}
+constexpr uint8_t kPatchMagic[4] = {'z', 'd', 'p', 2};
 
 struct Snapshot {
   uint64_t size;
@@ -83,7 +62,7 @@ void patch_create(const char16_t* new_file, const char16_t* signature, const cha
   File sig, input;
   File::open_read(sig, signature, "signature file");
   SigHeader base = signature_read_header(sig);
-  SumsetPtr sums = load_sumset(sig);
+  SigIndex index(sig, base);
   File::open_read(input, new_file, "new file");
   Snapshot before = snapshot(input);
 
@@ -92,19 +71,13 @@ void patch_create(const char16_t* new_file, const char16_t* signature, const cha
   uint8_t raw[kPatchHeaderSize] = {};
   out.write(raw, sizeof raw);  // rewritten at the end
   FileHasher hasher(input);
-  uint64_t offset = 0;
-  Source source = [&](uint8_t* buffer, size_t cap) {
-    size_t got = input.read_at(buffer, cap, offset);
-    offset += got;
-    return got;
-  };
   Sink to_file = [&](const uint8_t* data, size_t n) { out.write(data, n); };
   std::unique_ptr<ZstdWriter> zstd;
   if (level > 0) zstd = std::make_unique<ZstdWriter>(level, to_file);
   Sink sink = zstd ? Sink([&](const uint8_t* data, size_t n) { zstd->write(data, n); }) : to_file;
-  JobPtr job(rs_delta_begin(sums.get()));
-  if (!job) throw std::bad_alloc();
-  job_run(job.get(), source, sink, "Cannot build the delta");
+  DeltaWriter writer(sink);
+  uint64_t offset = delta_encode(index, input, writer);
+  writer.finish();
   if (zstd) zstd->finish();
   const uint8_t* digest = hasher.wait();
   // The hash and the delta read the file separately: they describe the same

@@ -2,13 +2,13 @@
 // The patch file.
 //
 // Layout (integers little-endian):
-//   0   4  magic "zdp" and format version 1
+//   0   4  magic "zdp" and format version 2
 //   4   4  flags: bit 0 set when the delta stream is one zstd frame
 //   8  20  SHA-1 of the base file, raw bytes
 //  28  20  SHA-1 of the new file
 //  48   8  size of the new file
 //  56   8  size of the base file
-//  64  ..  librsync delta stream (compressed when flagged)
+//  64  ..  delta stream of delta_stream.h (compressed when flagged)
 #include <cstddef>
 #include <cstdint>
 

@@ -8,8 +8,9 @@
 //  32  12  librsync signature header: magic (RabinKarp + MD4), block length,
 //          strong sum length
 //  44  ..  per block: 4-byte rolling sum, then the strong sum
-// The part from offset 32 is exactly a librsync signature, so librsync's own
-// loader and delta job consume it unchanged.
+// The part from offset 32 is exactly a librsync signature (RabinKarp rolling
+// sums, MD4 strong sums), so librsync's tools can read it and our sums can be
+// checked against librsync's.
 #include <cstddef>
 #include <cstdint>
 
@@ -42,8 +43,8 @@ uint32_t signature_strong_len(uint64_t size, uint32_t block_len);
 // Writes the signature of `file` to `signature`.
 void signature_create(const char16_t* file, const char16_t* signature, uint32_t block_len);
 
-// librsync's RabinKarp rolling sum, so that our sums and librsync's delta
-// job agree.
+// librsync's RabinKarp rolling sum, so that our signatures and librsync's
+// agree.
 constexpr uint32_t kRkSeed = 1;
 constexpr uint32_t kRkMult = 0x08104225u;
 constexpr uint32_t kRkAdj = 0x08104224u;  // (kRkMult - 1) * kRkSeed

@@ -1,7 +1,6 @@
 #pragma once
-// Driving librsync jobs between a source and a sink of bytes, and the zstd
-// stages that sit between a job and a file.
-#include <librsync.h>
+// Sources and sinks of bytes, and the zstd stages that sit between the delta
+// stream and the patch file.
 #include <zstd.h>
 
 #include <cstddef>
@@ -18,17 +17,6 @@ namespace zeldiff {
 using Source = std::function<size_t(uint8_t* buffer, size_t cap)>;
 // Consumes n bytes. Throws on failure.
 using Sink = std::function<void(const uint8_t* data, size_t n)>;
-
-struct JobFree {
-  void operator()(rs_job_t* job) const { rs_job_free(job); }
-};
-using JobPtr = std::unique_ptr<rs_job_t, JobFree>;
-
-// Runs `job` to its end. The output buffer is twice the input chunk, as a
-// delta job that cannot flush what one input chunk produces grows its own
-// buffer without bound. Throws "<what>: <librsync's reason>" on failure and
-// when input is left over after the job ended.
-void job_run(rs_job_t* job, const Source& source, const Sink& sink, const char* what);
 
 // Compresses what it is given with zstd at `level` into `sink`.
 class ZstdWriter {
