@@ -46,7 +46,10 @@ void put_whole(Ctx &c) {
   if (fd < 0) return c.error(500, "Cannot create a file for the upload");
   Sha1 sha;
   BlockWriter w(fd, 0, known ? length : UINT64_MAX, &sha);
-  bool ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); }) && w.flush();
+  bool got = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+  // Flushed even after a failed read: the writer's helper must be done with
+  // the file and the hash before either is used.
+  bool ok = w.flush() && got;
   bool agree = !known || w.received() == length;
   ok = ok && agree && fsync(fd) == 0;
   close(fd);
@@ -83,7 +86,8 @@ bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
     int fd = open_for_ingest(c.app.store.session_path(s.row), 0);
     if (fd < 0) return c.error(500, "Cannot open the session's file"), false;
     BlockWriter w(fd, span.start, len, nullptr);
-    ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); }) && w.flush();
+    ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+    ok = w.flush() && ok;  // always: the writer is done with fd only then
     got = w.received();
     // Acknowledged bytes must survive a power cut: synced before the range
     // that names them is recorded.
