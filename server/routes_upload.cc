@@ -93,6 +93,8 @@ bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
     // that names them is recorded.
     bool synced = !ok || got != len || fdatasync(fd) == 0;
     close(fd);
+    // Even a chunk cut short may have replaced bytes already hashed.
+    c.app.sessions.chunk_written(s, span);
     if (!synced) return c.error(500, "The chunk could not be stored"), false;
   }
   if (ok && got == len) return true;
@@ -118,6 +120,7 @@ void put_chunk(Ctx &c) {
   ObjectMeta m;
   switch (c.app.sessions.record(s, span)) {
     case Sessions::After::kPartial:
+      c.app.sessions.advance_hash(s);
       c.res.status = 202;
       c.res.set_header("Range", format_ranges(s.ranges));
       return;
