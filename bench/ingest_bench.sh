@@ -134,8 +134,9 @@ zel_whole() {
 }
 nginx_whole() { curl -sf -o /dev/null -H "Expect:" -T "$work/source.bin" "$nurl/whole.bin"; }
 nginx_whole_sync() { nginx_whole && sync; }
-zel_chunks() { curl -s -Z --parallel-max 8 -K "$work/zel.cfg"; }
-nginx_chunks() { curl -s -Z --parallel-max 8 -K "$work/nginx.cfg"; }
+# -Z draws its progress meter even with -s; failures still set the status.
+zel_chunks() { curl -s -Z --parallel-max 8 -K "$work/zel.cfg" 2>/dev/null; }
+nginx_chunks() { curl -s -Z --parallel-max 8 -K "$work/nginx.cfg" 2>/dev/null; }
 
 mkdir "$work/runs"
 # Runs one upload after reset() and appends its seconds to the row's file.
