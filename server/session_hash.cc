@@ -58,14 +58,12 @@ std::string owner_of(const Session &s) { return s.bucket + '\n' + s.key + '\n' +
 
 }  // namespace
 
-SessionHashes::State &SessionHashes::state(const Session &s) {
-  State &st = states_[s.row];
+std::shared_ptr<SessionHashes::State> SessionHashes::state(const Session &s) {
+  std::shared_ptr<State> &st = states_[s.row];
   std::string owner = owner_of(s);
-  if (st.owner != owner) {
-    // A row number reused by a new session; nobody hashes for the old one,
-    // which expired.
-    st = State();
-    st.owner = owner;
+  if (!st || st->owner != owner) {
+    st = std::make_shared<State>();
+    st->owner = owner;
   }
   return st;
 }
@@ -79,26 +77,27 @@ void SessionHashes::restart(State &st) {
 void SessionHashes::advance(const Session &s, const std::string &path) {
   uint64_t held = !s.ranges.empty() && s.ranges[0].start == 0 ? s.ranges[0].end + 1 : 0;
   std::unique_lock<std::mutex> lock(mu_);
-  State &st = state(s);
-  if (held > st.target) st.target = held;
-  if (st.busy || st.done >= st.target) return;
-  st.busy = true;
+  std::shared_ptr<State> st = state(s);
+  if (held > st->target) st->target = held;
+  if (st->busy || st->done >= st->target) return;
+  st->busy = true;
   int fd = -1;
   bool ok = true;
-  while (ok && st.done < st.target) {
-    uint64_t from = st.done, to = st.target;
-    if (to > st.claimed) st.claimed = to;
+  while (ok && st->done < st->target) {
+    uint64_t from = st->done, to = st->target;
+    if (to > st->claimed) st->claimed = to;
+    Sha1 *sha = st->sha.get();  // replaced only by this request while busy
     lock.unlock();
     if (fd < 0) fd = open_to_hash(path);
-    ok = fd >= 0 && hash_range(fd, *st.sha, from, to);
+    ok = fd >= 0 && hash_range(fd, *sha, from, to);
     lock.lock();
-    if (st.stale || !ok) {
-      restart(st);
+    if (st->stale || !ok) {
+      restart(*st);
     } else {
-      st.done = to;
+      st->done = to;
     }
   }
-  st.busy = false;
+  st->busy = false;
   cv_.notify_all();
   lock.unlock();
   if (fd >= 0) close(fd);
@@ -106,35 +105,32 @@ void SessionHashes::advance(const Session &s, const std::string &path) {
 
 void SessionHashes::written(const Session &s, ByteSpan span) {
   std::lock_guard<std::mutex> lock(mu_);
-  State &st = state(s);
-  if (span.start >= st.claimed) return;
-  if (st.busy) {
-    st.stale = true;
+  std::shared_ptr<State> st = state(s);
+  if (span.start >= st->claimed) return;
+  if (st->busy) {
+    st->stale = true;
   } else {
-    restart(st);
+    restart(*st);
   }
 }
 
 bool SessionHashes::finish(const Session &s, int fd, std::string &hex) {
-  State st;
+  std::shared_ptr<State> st;
   {
     std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait(lock, [&] { return !state(s).busy; });
-    st = std::move(state(s));
-    states_.erase(s.row);
+    st = state(s);
+    cv_.wait(lock, [&] { return !st->busy; });
+    auto it = states_.find(s.row);
+    if (it != states_.end() && it->second == st) states_.erase(it);
   }
-  if (!hash_range(fd, *st.sha, st.done, s.total)) return false;
-  hex = st.sha->hex();
+  if (!hash_range(fd, *st->sha, st->done, s.total)) return false;
+  hex = st->sha->hex();
   return true;
 }
 
 void SessionHashes::forget(int64_t row) {
-  std::unique_lock<std::mutex> lock(mu_);
-  auto it = states_.find(row);
-  if (it == states_.end()) return;
-  // A request still hashing holds the state; it ends soon, the file gone.
-  cv_.wait(lock, [&] { return !it->second.busy; });
-  states_.erase(it);
+  std::lock_guard<std::mutex> lock(mu_);
+  states_.erase(row);
 }
 
 }  // namespace zelsrv

@@ -43,12 +43,15 @@ class SessionHashes {
     bool busy = false;
     bool stale = false;  // a write hit bytes being hashed
   };
-  State &state(const Session &s);  // with mu_ held
+  // The session's state, with mu_ held. A request hashing keeps its own
+  // reference: a state dropped or replaced meanwhile (its session expired
+  // and the row was reused) is then no one else's.
+  std::shared_ptr<State> state(const Session &s);
   static void restart(State &st);
 
   std::mutex mu_;
   std::condition_variable cv_;
-  std::map<int64_t, State> states_;
+  std::map<int64_t, std::shared_ptr<State>> states_;
 };
 
 }  // namespace zelsrv
