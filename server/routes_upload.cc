@@ -7,58 +7,12 @@
 #include "bodies.h"
 #include "delta.h"
 #include "digest.h"
+#include "ingest.h"
 #include "router.h"
 #include "util.h"
 
 namespace zelsrv {
 namespace {
-
-const size_t kBlock = 1u << 20;
-
-// Gathers body pieces into large blocks written at increasing offsets. Bytes
-// beyond `cap` are counted but never written, so a chunk longer than its
-// Content-Range cannot spill into its neighbours.
-class BlockWriter {
- public:
-  BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1 *sha)
-      : fd_(fd), offset_(offset), cap_(cap), sha_(sha) {
-    buf_.reserve(kBlock);
-  }
-  bool add(const char *d, size_t n) {
-    uint64_t room = received_ < cap_ ? cap_ - received_ : 0;
-    size_t keep = static_cast<size_t>(std::min<uint64_t>(n, room));
-    received_ += n;
-    if (sha_) sha_->update(d, keep);
-    while (keep > 0) {
-      size_t k = std::min(keep, kBlock - buf_.size());
-      buf_.insert(buf_.end(), d, d + k);
-      d += k;
-      keep -= k;
-      if (buf_.size() == kBlock && !flush()) return false;
-    }
-    return true;
-  }
-  bool flush() {
-    size_t done = 0;
-    while (done < buf_.size()) {
-      ssize_t w = pwrite(fd_, buf_.data() + done, buf_.size() - done, static_cast<off_t>(offset_ + done));
-      if (w <= 0) return false;
-      done += static_cast<size_t>(w);
-    }
-    offset_ += buf_.size();
-    buf_.clear();
-    return true;
-  }
-  uint64_t received() const { return received_; }
-
- private:
-  int fd_;
-  uint64_t offset_;
-  uint64_t cap_;
-  Sha1 *sha_;
-  std::vector<char> buf_;
-  uint64_t received_ = 0;
-};
 
 std::string content_type_of() {
   std::string t = wire_header("Content-Type");
@@ -88,11 +42,14 @@ void put_whole(Ctx &c) {
   uint64_t length = 0;
   if (delta_upload_refused(c) || !whole_length(c, known, length)) return;
   std::string tmp = c.app.store.tmp_dir() + "/" + random_hex_id();
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  int fd = open_for_ingest(tmp, O_EXCL);
   if (fd < 0) return c.error(500, "Cannot create a file for the upload");
   Sha1 sha;
   BlockWriter w(fd, 0, known ? length : UINT64_MAX, &sha);
-  bool ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); }) && w.flush();
+  bool got = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+  // Flushed even after a failed read: the writer's helper must be done with
+  // the file and the hash before either is used.
+  bool ok = w.flush() && got;
   bool agree = !known || w.received() == length;
   ok = ok && agree && fsync(fd) == 0;
   close(fd);
@@ -126,15 +83,18 @@ bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
     // A repeat: the bytes are held already and may be being hashed.
     ok = c.read_body([&](const char *, size_t n) { return (got += n), true; });
   } else {
-    int fd = open(c.app.store.session_path(s.row).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int fd = open_for_ingest(c.app.store.session_path(s.row), 0);
     if (fd < 0) return c.error(500, "Cannot open the session's file"), false;
     BlockWriter w(fd, span.start, len, nullptr);
-    ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); }) && w.flush();
+    ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+    ok = w.flush() && ok;  // always: the writer is done with fd only then
     got = w.received();
     // Acknowledged bytes must survive a power cut: synced before the range
     // that names them is recorded.
     bool synced = !ok || got != len || fdatasync(fd) == 0;
     close(fd);
+    // Even a chunk cut short may have replaced bytes already hashed.
+    c.app.sessions.chunk_written(s, span);
     if (!synced) return c.error(500, "The chunk could not be stored"), false;
   }
   if (ok && got == len) return true;
@@ -160,6 +120,7 @@ void put_chunk(Ctx &c) {
   ObjectMeta m;
   switch (c.app.sessions.record(s, span)) {
     case Sessions::After::kPartial:
+      c.app.sessions.advance_hash(s);
       c.res.status = 202;
       c.res.set_header("Range", format_ranges(s.ranges));
       return;

@@ -128,7 +128,7 @@ bool Sessions::assemble(const Session &s, ObjectMeta &out) {
   struct stat st;
   // Never publish an object whose file does not hold every byte it claims.
   bool ok = fd >= 0 && fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) == s.total &&
-            fsync(fd) == 0 && sha1_file(fd, out.sha1);
+            fsync(fd) == 0 && hashes_.finish(s, fd, out.sha1);
   if (fd >= 0) close(fd);
   out.blob = random_hex_id();
   // Linking first keeps the session's bytes in place until the object's row
@@ -226,12 +226,19 @@ void Sessions::expire(int64_t ttl_ms) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   int64_t before = now_ms() - ttl_ms;
   store_.set_durable(false);
+  std::vector<int64_t> dropped;
+  {
+    Stmt st(store_, "SELECT id FROM sessions WHERE touched < ?");
+    st.bind(1, before);
+    while (st.row()) dropped.push_back(st.i64(0));
+  }
   store_.exec("BEGIN IMMEDIATE");
   Stmt(store_, "DELETE FROM session_ranges WHERE session IN (SELECT id FROM sessions WHERE touched < ?)")
       .bind(1, before)
       .done();
   Stmt(store_, "DELETE FROM sessions WHERE touched < ?").bind(1, before).done();
   store_.exec("COMMIT");
+  for (int64_t row : dropped) hashes_.forget(row);
   for (const auto &name : files) {
     Stmt st(store_, "SELECT 1 FROM sessions WHERE id = ?");
     if (!st.bind(1, static_cast<int64_t>(std::atoll(name.c_str()))).row())

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "objects.h"
+#include "session_hash.h"
 #include "store.h"
 #include "util.h"
 
@@ -43,6 +44,10 @@ class Sessions {
   // and says what the caller does next: kAssemble goes to exactly one
   // request per session; kGone means the session expired meanwhile.
   After record(Session &s, ByteSpan span);
+  // Hashes the bytes the session now holds from offset 0 (see SessionHashes).
+  void advance_hash(const Session &s) { hashes_.advance(s, store_.session_path(s.row)); }
+  // Call once a chunk's bytes are in the session's file, before record().
+  void chunk_written(const Session &s, ByteSpan span) { hashes_.written(s, span); }
   // Makes the object of a session that holds every byte; fills `out`.
   bool assemble(const Session &s, ObjectMeta &out);
   // Blocks while another request assembles the session.
@@ -70,6 +75,7 @@ class Sessions {
   std::mutex mu_;
   std::condition_variable cv_;
   std::set<int64_t> assembling_;
+  SessionHashes hashes_;
 };
 
 }  // namespace zelsrv

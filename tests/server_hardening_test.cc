@@ -211,6 +211,23 @@ TEST_F(HardeningTest, FileShortenedUnderARunningServerIsAnErrorNotASpin) {
   EXPECT_LT(stop_ms(), 1000);
 }
 
+TEST_F(HardeningTest, WholeUploadCutAfterSeveralBlocksLeavesNothing) {
+  int fd = raw_connect(server_.port());
+  ASSERT_TRUE(raw_send(fd,
+                       "PUT /zel/v2/buckets/hard/objects/cut HTTP/1.1\r\nHost: h\r\n"
+                       "Authorization: Bearer local-dev-token\r\nContent-Length: 3145728\r\n\r\n" +
+                           pattern_bytes((5 << 20) / 2 + 7, 4)));
+  close(fd);
+  std::string tmp = server_.data_dir() + "/tmp/";
+  auto t0 = Clock::now();
+  while (!files_in(tmp).empty() && elapsed_ms(t0) < 3000) usleep(20 * 1000);
+  EXPECT_TRUE(files_in(tmp).empty()) << "the partial upload's file stays";
+  EXPECT_EQ(http("GET", url("cut"), {kAuthHeader}).status, 404);
+  const std::string data = pattern_bytes((3 << 20) + 1, 5);
+  ASSERT_EQ(http("PUT", url("cut"), {kAuthHeader}, data).status, 200);
+  EXPECT_TRUE(http("GET", url("cut"), {kAuthHeader}).body == data);
+}
+
 TEST_F(HardeningTest, ChunkRangesPastAShortSessionFileAreSentAgain) {
   const std::string data = pattern_bytes(10000, 8);
   auto chunk = [&](size_t start, size_t end) {

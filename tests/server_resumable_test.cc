@@ -132,6 +132,38 @@ TEST_F(ResumableTest, StatusListsMergedRangesAndBadChunksAreRefused) {
   EXPECT_TRUE(http("GET", server_.api() + "/buckets/upl/objects/m", {kAuthHeader}).body == data);
 }
 
+// Chunks longer than the server's write blocks, starting off any alignment,
+// and a chunk that rewrites bytes the session already holds with other
+// bytes: the object's SHA-1 must be that of the bytes it serves.
+TEST_F(ResumableTest, LargeUnalignedAndRewrittenChunksKeepTheHashTrue) {
+  const size_t total = (3 << 20) + 12345, step = (1 << 20) + 4097;
+  const std::string data = pattern_bytes(total, 11), other = pattern_bytes(total, 12);
+  struct Case {
+    const char *key;
+    std::vector<std::pair<Chunk, const std::string *>> sends;
+    std::string served;
+  };
+  std::vector<Chunk> ordered = cut(total, step), reversed(ordered.rbegin(), ordered.rend());
+  const size_t mid = (1 << 20) + 3;
+  std::vector<Case> cases = {{"ordered", {}, data},
+                             {"reversed", {}, data},
+                             {"rewrite", {}, data.substr(0, mid) + other.substr(mid)}};
+  for (const auto &c : ordered) cases[0].sends.push_back({c, &data});
+  for (const auto &c : reversed) cases[1].sends.push_back({c, &data});
+  // The first two chunks are held (and hashed) before the last one comes
+  // with other bytes from inside the first.
+  cases[2].sends = {{ordered[0], &data}, {ordered[1], &data}, {{mid, total - 1}, &other}};
+  for (const auto &k : cases) {
+    HttpResult last;
+    for (const auto &s : k.sends) last = chunk(k.key, std::string("s-") + k.key, *s.second, s.first, total);
+    ASSERT_EQ(last.status, 200) << k.key << ": " << last.body;
+    EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(k.served))
+        << k.key;
+    HttpResult g = http("GET", server_.api() + "/buckets/upl/objects/" + k.key, {kAuthHeader});
+    EXPECT_TRUE(g.body == k.served) << k.key << ": served bytes differ";
+  }
+}
+
 // Sends the head and part of the body of a chunk, then leaves the
 // connection open: a request the server is in the middle of receiving.
 int start_partial_chunk(int port, size_t start, size_t length, size_t total, size_t sent) {
