@@ -59,7 +59,8 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if ((argc != 6 && argc != 7) || (strcmp(argv[1], "put") != 0 && strcmp(argv[1], "get") != 0)) return usage();
+  if ((argc != 6 && argc != 7) || (strcmp(argv[1], "put") != 0 && strcmp(argv[1], "get") != 0))
+    return usage();
   uint64_t chunk = argc == 7 ? strtoull(argv[6], nullptr, 10) : 0;
   bool put = strcmp(argv[1], "put") == 0;
   if (zel_global_init() != 0 || zel_set_environment_url(ZEL_ENV_LOCAL, argv[2]) != 0) return usage();

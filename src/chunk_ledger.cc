@@ -19,7 +19,7 @@ struct ChunkLedger {
   uint32_t window;            // constant: chunk tasks allowed to wait in the queue
   uint32_t next;              // index of the next chunk to hand out
   uint32_t done;              // chunks accounted for: finished, skipped or abandoned
-  uint32_t queued;  // chunk tasks queued and not started
+  uint32_t queued;            // chunk tasks queued and not started
   // The starter is still queueing the first window. The record lives
   // while this is set, a task is queued or a chunk is unaccounted for.
   bool starting;

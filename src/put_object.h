@@ -17,11 +17,11 @@ struct ZELUploadDecorator {
   ZELPutObjectOpt* opt;
   ZELProgress* progress;  // only with a progress_callback
   char* url;
-  char* message;       // text of the most recent attempt that recorded one
-  char* details;       // body of the service's 200/201 answer, once it came
-  uint64_t file_size;  // the total of every Content-Range
-  int32_t range_flag;    // the options carry a range
-  int32_t last_status;   // of the most recent attempt that recorded one; 0 before
+  char* message;        // text of the most recent attempt that recorded one
+  char* details;        // body of the service's 200/201 answer, once it came
+  uint64_t file_size;   // the total of every Content-Range
+  int32_t range_flag;   // the options carry a range
+  int32_t last_status;  // of the most recent attempt that recorded one; 0 before
   void* user_data;
 };
 

@@ -45,8 +45,8 @@ struct EntryTexts {
 // setting *reported), fits the pools to the handle and queues the task.
 // Argument errors found before anything is copied are only logged.
 template <class Opt, class Decorator, class Make>
-void entry_run(const EntryTexts<Decorator>& e, ZEL* handle, const Opt* opt, void* user_data, bool needs_handle,
-               Make make) {
+void entry_run(const EntryTexts<Decorator>& e, ZEL* handle, const Opt* opt, void* user_data,
+               bool needs_handle, Make make) {
   if (e.handle_first && !handle_ready(handle)) return;
   if (opt == nullptr) {
     ZLOG("%s", e.opt_missing);
@@ -68,18 +68,34 @@ void entry_run(const EntryTexts<Decorator>& e, ZEL* handle, const Opt* opt, void
   }
 }
 
-const EntryTexts<ZELPutObjectDecorator> kPut{
-    "ZELPutObjectOpt is not initialized", "ZELPutObjectOpt stream is (null)",
-    "Cannot allocate memory for ZELPutObjectDecorator", "Cannot enqueue a new task (put_object)",
-    true, put_object_task, put_object_task_drop, false, put_object_decorator_cleanup};
-const EntryTexts<ZELGetObjectDecorator> kGet{
-    "ZELGetObjectOpt is not initialized", "ZELGetObjectOpt stream is (null)",
-    "Cannot allocate memory for ZELGetObjectDecorator", "Cannot enqueue a new task (get_object)",
-    true, get_object_task, get_object_task_drop, true, get_object_decorator_cleanup};
+const EntryTexts<ZELPutObjectDecorator> kPut{"ZELPutObjectOpt is not initialized",
+                                             "ZELPutObjectOpt stream is (null)",
+                                             "Cannot allocate memory for ZELPutObjectDecorator",
+                                             "Cannot enqueue a new task (put_object)",
+                                             true,
+                                             put_object_task,
+                                             put_object_task_drop,
+                                             false,
+                                             put_object_decorator_cleanup};
+const EntryTexts<ZELGetObjectDecorator> kGet{"ZELGetObjectOpt is not initialized",
+                                             "ZELGetObjectOpt stream is (null)",
+                                             "Cannot allocate memory for ZELGetObjectDecorator",
+                                             "Cannot enqueue a new task (get_object)",
+                                             true,
+                                             get_object_task,
+                                             get_object_task_drop,
+                                             true,
+                                             get_object_decorator_cleanup};
 const EntryTexts<ZELGetObjectByURLDecorator> kGetByUrl{
-    "ZELGetObjectByURLOpt is not initialized", "ZELGetObjectByURLOpt stream is (null)",
-    "Cannot allocate memory for ZELGetObjectByURLDecorator", "Cannot enqueue a new task (get_object_by_url)",
-    false, get_object_by_url_task, get_object_by_url_task_drop, true, get_object_by_url_decorator_cleanup};
+    "ZELGetObjectByURLOpt is not initialized",
+    "ZELGetObjectByURLOpt stream is (null)",
+    "Cannot allocate memory for ZELGetObjectByURLDecorator",
+    "Cannot enqueue a new task (get_object_by_url)",
+    false,
+    get_object_by_url_task,
+    get_object_by_url_task_drop,
+    true,
+    get_object_by_url_decorator_cleanup};
 
 // The upload's copy: the file's size first (its failure reported with the
 // system's error), then a session id when the caller gave none.

@@ -348,7 +348,8 @@ TEST_F(UploadTest, ChunksStartInFileOrderFromABoundedWindow) {
 // first byte: the request can put its source back.
 TEST_F(UploadTest, RedirectedPutSendsItsBodyAgain) {
   zeltest::RawHttpServer raw;
-  raw.script(zeltest::RawHttpServer::reply(307, "Temporary Redirect", "", {"Location: " + raw.url("/again")}));
+  raw.script(
+      zeltest::RawHttpServer::reply(307, "Temporary Redirect", "", {"Location: " + raw.url("/again")}));
   raw.set_fallback(zeltest::RawHttpServer::reply(202, "Accepted", ""));
   ASSERT_EQ(zel_set_environment_url(ZEL_ENV_LOCAL, raw.url("").c_str()), 0);
   std::string data = pattern_bytes(3000, 8);
