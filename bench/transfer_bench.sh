@@ -19,7 +19,9 @@
 #                        4096 here) goes up and down through the library with
 #                        64 KiB and with 5 MiB chunks, and the peak RSS of each
 #                        run is printed (/usr/bin/time -v); the files live
-#                        only for the run
+#                        only for the run. ZEL_BENCH_PUT_CHUNKS and
+#                        ZEL_BENCH_GET_CHUNKS list the chunk sizes (default
+#                        "65536 5242880"); the downloads read the last upload
 #
 # Before every run that writes a file (the server's object for uploads, the
 # local output for downloads) the target is deleted, the page cache is
@@ -139,28 +141,30 @@ no_aria_file() { rm -f "$work/aria.bin" "$work/aria.bin.aria2"; }
 # Memory mode: peak RSS of the library's process for each chunk size, one
 # upload and one download each, the bytes checked after the download.
 if [ "$rss_mode" = 1 ]; then
+  rss_run() {
+    local op=$1 chunk=$2 target=$3 rss user sys secs
+    sync
+    sleep "$settle"
+    /usr/bin/time -v -o "$work/time" "$client" "$op" "$base" bench zel-up "$target" "$chunk" > "$work/stdout"
+    rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$work/time")
+    user=$(sed -n 's/.*User time (seconds): //p' "$work/time")
+    sys=$(sed -n 's/.*System time (seconds): //p' "$work/time")
+    secs=$(cut -d' ' -f1 "$work/stdout")
+    printf '%-8s %-10s %10.1f %10.2f %12.1f\n' "$op" "$chunk" "$(echo "$size / $secs / 1000000" | bc -l)" \
+      "$(echo "$user + $sys" | bc)" "$(echo "$rss / 1024" | bc -l)"
+  }
   printf '%-8s %-10s %10s %10s %12s\n' op chunk MB/s CPU-s peak-RSS-MiB
-  for chunk in 65536 5242880; do
-    for op in put get; do
-      [ "$op" = put ] && no_zel_up || no_zel_file
-      sync
-      sleep "$settle"
-      if [ "$op" = put ]; then
-        /usr/bin/time -v -o "$work/time" "$client" put "$base" bench zel-up "$work/source.bin" "$chunk" > "$work/stdout"
-      else
-        /usr/bin/time -v -o "$work/time" "$client" get "$base" bench zel-up "$work/zel.bin" "$chunk" > "$work/stdout"
-      fi
-      rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$work/time")
-      user=$(sed -n 's/.*User time (seconds): //p' "$work/time")
-      sys=$(sed -n 's/.*System time (seconds): //p' "$work/time")
-      secs=$(cut -d' ' -f1 "$work/stdout")
-      printf '%-8s %-10s %10.1f %10.2f %12.1f\n' "$op" "$chunk" "$(echo "$size / $secs / 1000000" | bc -l)" \
-        "$(echo "$user + $sys" | bc)" "$(echo "$rss / 1024" | bc -l)"
-    done
+  for chunk in ${ZEL_BENCH_PUT_CHUNKS:-65536 5242880}; do
+    no_zel_up
+    rss_run put "$chunk" "$work/source.bin"
+  done
+  for chunk in ${ZEL_BENCH_GET_CHUNKS:-65536 5242880}; do
+    no_zel_file
+    rss_run get "$chunk" "$work/zel.bin"
     got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
     [ "$got_sha" = "$source_sha" ] || { echo "zel: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
-    no_zel_file
   done
+  no_zel_file
   echo "size ${size_mib} MiB; $(nproc) cores"
   exit 0
 fi
