@@ -12,6 +12,16 @@
 #   ZEL_BENCH_SETTLE=5   seconds to wait after sync before each run that
 #                        writes a file
 #   ZEL_BENCH_RUNS=3     runs per tool; the run with the median rate counts
+#   ZEL_BENCH_BASELINE=  another zel_transfer (an older build) whose uploads
+#                        and downloads take turns with this one's, as
+#                        "zel put base" and "zel get base"
+#   ZEL_BENCH_RSS=1      memory mode instead: a ZEL_BENCH_MIB file (default
+#                        4096 here) goes up and down through the library with
+#                        64 KiB and with 5 MiB chunks, and the peak RSS of each
+#                        run is printed (/usr/bin/time -v); the files live
+#                        only for the run. ZEL_BENCH_PUT_CHUNKS and
+#                        ZEL_BENCH_GET_CHUNKS list the chunk sizes (default
+#                        "65536 5242880"); the downloads read the last upload
 #
 # Before every run that writes a file (the server's object for uploads, the
 # local output for downloads) the target is deleted, the page cache is
@@ -29,6 +39,12 @@ size_mib=${ZEL_BENCH_MIB:-1024}
 peers=${ZEL_BENCH_PEERS:-1}
 settle=${ZEL_BENCH_SETTLE:-5}
 runs=${ZEL_BENCH_RUNS:-3}
+baseline=${ZEL_BENCH_BASELINE:-}
+rss_mode=${ZEL_BENCH_RSS:-0}
+if [ "$rss_mode" = 1 ]; then
+  size_mib=${ZEL_BENCH_MIB:-4096}
+  peers=0
+fi
 piece=$((5 * 1048576))
 [ -x "$server" ] || { echo "no zel-server in $build/bin" >&2; exit 2; }
 [ -x "$client" ] || { echo "no zel_transfer in $build/bin (build target zel_transfer)" >&2; exit 2; }
@@ -122,10 +138,42 @@ no_parts() {
 }
 no_aria_file() { rm -f "$work/aria.bin" "$work/aria.bin.aria2"; }
 
+# Memory mode: peak RSS of the library's process for each chunk size, one
+# upload and one download each, the bytes checked after the download.
+if [ "$rss_mode" = 1 ]; then
+  rss_run() {
+    local op=$1 chunk=$2 target=$3 rss user sys secs
+    sync
+    sleep "$settle"
+    /usr/bin/time -v -o "$work/time" "$client" "$op" "$base" bench zel-up "$target" "$chunk" > "$work/stdout"
+    rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$work/time")
+    user=$(sed -n 's/.*User time (seconds): //p' "$work/time")
+    sys=$(sed -n 's/.*System time (seconds): //p' "$work/time")
+    secs=$(cut -d' ' -f1 "$work/stdout")
+    printf '%-8s %-10s %10.1f %10.2f %12.1f\n' "$op" "$chunk" "$(echo "$size / $secs / 1000000" | bc -l)" \
+      "$(echo "$user + $sys" | bc)" "$(echo "$rss / 1024" | bc -l)"
+  }
+  printf '%-8s %-10s %10s %10s %12s\n' op chunk MB/s CPU-s peak-RSS-MiB
+  for chunk in ${ZEL_BENCH_PUT_CHUNKS:-65536 5242880}; do
+    no_zel_up
+    rss_run put "$chunk" "$work/source.bin"
+  done
+  for chunk in ${ZEL_BENCH_GET_CHUNKS:-65536 5242880}; do
+    no_zel_file
+    rss_run get "$chunk" "$work/zel.bin"
+    got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
+    [ "$got_sha" = "$source_sha" ] || { echo "zel: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
+  done
+  no_zel_file
+  echo "size ${size_mib} MiB; $(nproc) cores"
+  exit 0
+fi
+
 # The downloads read the object the library uploaded, after checking it.
 echo "uploads:"
 for ((r = 0; r < runs; r++)); do
   run_once "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
+  [ -n "$baseline" ] && run_once "zel put base" no_zel_up "$size" "$baseline" put "$base" bench zel-up "$work/source.bin"
   if [ "$peers" = 1 ]; then
     run_once "curl -T" no_curl_single "$size" curl -sf -o /dev/null -H "$auth" -H "Expect:" \
       -H "Content-Range: bytes 0-$((size - 1))/$size" -T "$work/source.bin" "$objects/curl-single"
@@ -142,6 +190,7 @@ no_zel_file
 echo "downloads:"
 for ((r = 0; r < runs; r++)); do
   run_once "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
+  [ -n "$baseline" ] && run_once "zel get base" no_zel_file "$size" "$baseline" get "$base" bench zel-up "$work/zel.bin"
   if [ "$peers" = 1 ]; then
     run_once "curl -o" no_curl_file "$size" curl -sf -H "$auth" -o "$work/curl.bin" "$objects/zel-up"
     run_once "curl -Z get" no_parts "$size" curl -s -Z --parallel-max 8 -K "$work/down.cfg"
@@ -158,13 +207,22 @@ for name in "${order[@]}"; do
 done
 echo
 echo "size ${size_mib} MiB; $(nproc) cores"
-printf '%-16s %10s %10s %10s\n' tool MB/s CPU-s RSS-MiB
-awk '{ name=$1; for (i = 2; i <= NF - 4; i++) name = name " " $i;
-       printf "%-16s %10.1f %10.2f %10.1f\n", name, $(NF-3) / $(NF-2) / 1e6, $(NF-1), $NF / 1024 }' "$results"
+printf '%-16s %10s %10s %10s %10s %10s\n' tool MB/s min max CPU-s RSS-MiB
+for name in "${order[@]}"; do
+  runs_file=$work/runs/$(echo "$name" | tr ' ' '_')
+  read -r lo hi < <(awk '{ r = $1 / $2 / 1e6; if (NR == 1 || r < lo) lo = r; if (NR == 1 || r > hi) hi = r }
+                         END { printf "%.1f %.1f\n", lo, hi }' "$runs_file")
+  awk -v n="$name" -v lo="$lo" -v hi="$hi" '{ name=$1; for (i = 2; i <= NF - 4; i++) name = name " " $i;
+       if (name == n) printf "%-16s %10.1f %10.1f %10.1f %10.2f %10.1f%s\n", name, $(NF-3) / $(NF-2) / 1e6, lo, hi,
+                             $(NF-1), $NF / 1024, (hi > 1.5 * lo ? "  (wide spread)" : "") }' "$results"
+done
 rate() { awk -v n="$1" '{ name=$1; for (i = 2; i <= NF - 4; i++) name = name " " $i; if (name == n) printf "%.3f\n", $(NF-3) / $(NF-2) }' "$results"; }
-if [ "$peers" = 1 ]; then
+pairs=()
+[ "$peers" = 1 ] && pairs+=("zel put:curl -T" "zel put:curl -Z put" "zel get:curl -o" "zel get:curl -Z get" "zel get:aria2c")
+[ -n "$baseline" ] && pairs+=("zel put:zel put base" "zel get:zel get base")
+if [ "${#pairs[@]}" -gt 0 ]; then
   echo
-  for pair in "zel put:curl -T" "zel put:curl -Z put" "zel get:curl -o" "zel get:curl -Z get" "zel get:aria2c"; do
+  for pair in "${pairs[@]}"; do
     printf '%-28s %6.2fx\n' "${pair%%:*} / ${pair##*:}" "$(echo "$(rate "${pair%%:*}") / $(rate "${pair##*:}")" | bc -l)"
   done
 fi

@@ -52,17 +52,20 @@ void on_done(void* user_data) { static_cast<Result*>(user_data)->finish(true, 0,
 std::u16string wide(const char* text) { return std::u16string(text, text + strlen(text)); }
 
 int usage() {
-  fprintf(stderr, "usage: zel_transfer put|get BASE_URL BUCKET KEY FILE\n");
+  fprintf(stderr, "usage: zel_transfer put|get BASE_URL BUCKET KEY FILE [CHUNK_BYTES]\n");
   return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6 || (strcmp(argv[1], "put") != 0 && strcmp(argv[1], "get") != 0)) return usage();
+  if ((argc != 6 && argc != 7) || (strcmp(argv[1], "put") != 0 && strcmp(argv[1], "get") != 0))
+    return usage();
+  uint64_t chunk = argc == 7 ? strtoull(argv[6], nullptr, 10) : 0;
   bool put = strcmp(argv[1], "put") == 0;
   if (zel_global_init() != 0 || zel_set_environment_url(ZEL_ENV_LOCAL, argv[2]) != 0) return usage();
   ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, get_token, free_token);
+  if (chunk != 0) handle->chunk_size = chunk;
   std::u16string bucket = wide(argv[3]), key = wide(argv[4]), file = wide(argv[5]);
   ZELStream* stream = zel_stream_init(file.c_str());
   Result result;

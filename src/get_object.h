@@ -13,7 +13,7 @@
 
 // The shared record of one download; owns its handle and options copies.
 struct ZELDownloadDecorator {
-  zel::mtx_t mutex;  // guards message, last_status and the done/failed counts
+  zel::mtx_t mutex;  // guards message and last_status
   ZEL* handle;
   ZELGetObjectOpt* opt;  // by URL: made from the URL options, without callback
   // By URL the status callback has the URL options' type; by key it is
@@ -23,13 +23,9 @@ struct ZELDownloadDecorator {
   char* url;
   const char* message;  // fixed or system text of the last chunk that failed
   uint64_t size;        // bytes to fetch; 0 when unknown
-  uint32_t chunk_count;
   int32_t range_flag;
   int32_t size_unknown;
-  uint32_t done_count;    // chunks finished, skipped, failed or never queued
-  uint32_t failed_count;  // chunks that failed for good or were never queued
-  int32_t last_status;    // 0 until a chunk fails for good, then its status
-  const char* fatal;      // why queuing stopped, when it did
+  int32_t last_status;  // 0 until a chunk fails for good, then its status
   // By key, when the size query learnt it: the object's SHA-1, checked
   // against the object's details again once every chunk has arrived.
   char* sha1;
@@ -37,11 +33,6 @@ struct ZELDownloadDecorator {
   long details_url_length;
   void* user_data;
   bool authenticate;
-};
-
-struct ZELChunkDownloadDecorator {
-  ZELDownloadDecorator* download;
-  ZELByteRange* range;  // owned
 };
 
 // Worker tasks queued by zel_get_object and zel_get_object_by_url; each
@@ -61,8 +52,9 @@ uint64_t query_object_size_by_url(const ZELGetObjectByURLDecorator* decorator, i
 
 // One request, no retry; frees the download record.
 int download_single(ZELDownloadDecorator* download);
-// Queued once per chunk; the last one to finish reports and frees the record.
-void download_chunk_task(void* chunk);
+// Every attempt of one chunk into the output file; true when it arrived,
+// otherwise *status is why not.
+bool download_chunk(void* download, const ZELByteRange* range, int32_t* status);
 // One GET of `range` into the output file; on failure the error status and
 // message (static texts) are set.
 AttemptOutcome download_request(ZELDownloadDecorator* download, const ZELByteRange* range, uint32_t attempt,

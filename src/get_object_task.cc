@@ -5,10 +5,10 @@
 #include <cstring>
 
 #include "alloc.h"
+#include "chunk_ledger.h"
 #include "frame.h"
 #include "get_object.h"
 #include "http_plan.h"
-#include "iterator.h"
 #include "log.h"
 #include "progress.h"
 #include "transfer.h"
@@ -17,7 +17,6 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\get_object";
-constexpr uint64_t kDefaultChunkSize = 5242880;
 constexpr const char* kDelta = "x-pmw-delta-object";
 
 // What both tasks have learnt before the common steps.
@@ -65,42 +64,21 @@ bool object_unchanged(ZELDownloadDecorator* d) {
 }
 
 // The single report of a chunked download, by whoever finishes last.
-void download_complete(ZELDownloadDecorator* d) {
-  if (d->fatal != nullptr) {
-    download_report(d, 0, d->fatal);
-  } else if (d->failed_count > 0 || d->last_status != 0) {
+void download_complete(void* raw, const ChunkTally& tally) {
+  auto* d = static_cast<ZELDownloadDecorator*>(raw);
+  if (tally.fatal != nullptr) {
+    download_report(d, 0, tally.fatal);
+  } else if (tally.failed > 0 || d->last_status != 0) {
     download_report(d, d->last_status, d->message);
   } else if (object_unchanged(d) && d->opt->done_callback != nullptr) {
     d->opt->done_callback(d->user_data);
   }
 }
 
-void chunks_finished(ZELDownloadDecorator* d, uint32_t count, bool failed, bool silent) {
-  zel::mtx_lock(&d->mutex);
-  d->done_count += count;
-  if (failed) d->failed_count += count;
-  bool last = d->done_count >= d->chunk_count;
-  zel::mtx_unlock(&d->mutex);
-  if (!last) return;
-  if (!silent) download_complete(d);
-  download_free(d);
-}
-
-void chunk_free(ZELChunkDownloadDecorator* chunk) {
-  byte_range_cleanup(chunk->range);
-  mem_free(chunk);
-}
-
-// A chunk dropped at shutdown fails without a report.
-void download_chunk_drop(void* raw) {
-  auto* chunk = static_cast<ZELChunkDownloadDecorator*>(raw);
-  ZELDownloadDecorator* d = chunk->download;
-  chunk_free(chunk);
-  chunks_finished(d, 1, true, true);
-}
+void download_release(void* raw) { download_free(static_cast<ZELDownloadDecorator*>(raw)); }
 
 // Tries one chunk with its retries; false when it failed for good.
-bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
+bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range, int32_t* status) {
   int32_t error_status = 0;
   const char* error_message = nullptr;
   auto attempt = [&](uint32_t n) { return download_request(d, range, n, &error_status, &error_message); };
@@ -111,6 +89,7 @@ bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
          error_message != nullptr ? error_message : "(null)", static_cast<int>(n));
   };
   bool ok = transfer_run_chunk(d->handle->max_retries, attempt, on_retry).ok;
+  *status = error_status;
   if (!ok) {
     zel::mtx_lock(&d->mutex);
     d->message = error_message;
@@ -119,19 +98,16 @@ bool fetch_chunk(ZELDownloadDecorator* d, const ZELByteRange* range) {
   }
   return ok;
 }
+
+// After a chunk has failed for good the download is lost; later chunks are
+// not tried.
+constexpr ChunkEngine kDownloadEngine{download_chunk, download_complete, download_release,
+                                      "Cannot enqueue a new task (get_object)", true};
 }  // namespace
 
-void download_chunk_task(void* raw) {
-  auto* chunk = static_cast<ZELChunkDownloadDecorator*>(raw);
-  ZELDownloadDecorator* d = chunk->download;
-  zel::mtx_lock(&d->mutex);
-  // After a chunk has failed for good the download is lost; later chunks
-  // only count themselves done.
-  bool go = d->failed_count == 0 && d->fatal == nullptr;
-  zel::mtx_unlock(&d->mutex);
-  bool ok = go ? fetch_chunk(d, chunk->range) : true;
-  chunk_free(chunk);
-  chunks_finished(d, 1, !ok, false);
+bool download_chunk(void* raw, const ZELByteRange* range, int32_t* status) {
+  auto* d = static_cast<ZELDownloadDecorator*>(raw);
+  return fetch_chunk(d, range, status);
 }
 
 int download_single(ZELDownloadDecorator* d) {
@@ -153,7 +129,7 @@ int download_single(ZELDownloadDecorator* d) {
 }
 
 namespace {
-ZELDownloadDecorator* download_make(const Plan& p, uint64_t chunks) {
+ZELDownloadDecorator* download_make(const Plan& p) {
   auto* d = static_cast<ZELDownloadDecorator*>(mem_calloc(1, sizeof(ZELDownloadDecorator)));
   if (d == nullptr) return plan_report(p, 0, "Cannot allocate memory for ZELDownloadDecorator"), nullptr;
   int result = zel::mtx_init(&d->mutex, zel::mtx_plain);
@@ -176,7 +152,6 @@ ZELDownloadDecorator* download_make(const Plan& p, uint64_t chunks) {
   *p.opt = nullptr;
   d->url_callback = p.url_callback;
   d->size = p.size;
-  d->chunk_count = static_cast<uint32_t>(chunks);
   d->range_flag = d->opt->range != nullptr ? 1 : 0;
   d->size_unknown = p.size_unknown;
   d->user_data = p.user_data;
@@ -198,60 +173,29 @@ bool create_output(const Plan& p) {
   return true;
 }
 
-void queue_chunks(ZELDownloadDecorator* d, ZELByteRangeIterator* iterator) {
-  // Once the last chunk is queued the record may be gone at any moment, so
-  // the loop never reads it after a push.
-  const uint32_t count = d->chunk_count;
-  uint32_t queued = 0;
-  const char* fatal = nullptr;
-  while (queued < count) {
-    auto* chunk = static_cast<ZELChunkDownloadDecorator*>(mem_calloc(1, sizeof(ZELChunkDownloadDecorator)));
-    ZELByteRange* range = chunk != nullptr ? iterator_next(iterator) : nullptr;
-    if (range == nullptr) {
-      mem_free(chunk);
-      fatal = "Cannot allocate memory for ZELChunkUploadDecorator";
-      break;
-    }
-    *chunk = {d, range};
-    if (transfer_enqueue(download_chunk_task, chunk, download_chunk_drop, true) < 0) {
-      chunk_free(chunk);
-      fatal = "Cannot enqueue a new task (get_object)";
-      break;
-    }
-    queued++;
-  }
-  if (queued == count) return;
-  zel::mtx_lock(&d->mutex);
-  d->fatal = fatal;
-  zel::mtx_unlock(&d->mutex);
-  chunks_finished(d, count - queued, true, false);
-}
-
 // The steps both tasks share once the size is known.
 void download_run(const Plan& p) {
   const ZELGetObjectOpt* opt = *p.opt;
-  uint64_t step = (*p.handle)->chunk_size != 0 ? (*p.handle)->chunk_size : kDefaultChunkSize;
-  uint64_t chunks = p.size / step + (p.size % step != 0 ? 1 : 0);
-  if (chunks > UINT32_MAX) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
+  uint64_t step = chunk_step(*p.handle);
+  uint64_t chunks = chunk_count(p.size, step);
+  if (chunks > UINT32_MAX) return plan_report(p, 0, kChunkLedgerNoMemory);
   bool chunked = !p.size_unknown && chunks >= 2;
   if (!create_output(p)) return;
-  ZELByteRangeIterator* iterator = nullptr;
-  if (chunked) {
-    iterator = iterator_init(opt->range != nullptr ? opt->range->start : 0, step, p.size);
-    if (iterator == nullptr) return plan_report(p, 0, "Cannot allocate memory for ZELByteRangeIterator");
-  }
-  ZELDownloadDecorator* d = download_make(p, chunks);
-  if (d != nullptr && p.sha1 != nullptr) {
+  uint64_t start = opt->range != nullptr ? opt->range->start : 0;
+  ZELDownloadDecorator* d = download_make(p);
+  if (d == nullptr) return;
+  if (p.sha1 != nullptr) {
     d->sha1 = mem_strdup(p.sha1);
     d->details_url = mem_strdup(p.details_url);
     d->details_url_length = p.details_url_length;
   }
-  if (d != nullptr && iterator == nullptr) {
+  if (!chunked) {
     download_single(d);
-  } else if (d != nullptr) {
-    queue_chunks(d, iterator);
+  } else if (!chunk_ledger_start(&kDownloadEngine, d, start, step, p.size, static_cast<uint32_t>(chunks),
+                                 d->handle->thread_pool_size)) {
+    download_report(d, 0, kChunkLedgerNoMemory);
+    download_free(d);
   }
-  iterator_cleanup(iterator);
 }
 
 bool has_delta_header(const ZELHeaders* headers) {

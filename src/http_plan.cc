@@ -145,6 +145,21 @@ size_t exchange_read(char* buffer, size_t size, size_t count, void* raw) {
   return take;
 }
 
+int exchange_seek(void* raw, curl_off_t offset, int origin) {
+  auto* s = static_cast<State*>(raw);
+  const HttpPlan* p = s->plan;
+  if (origin != SEEK_SET || offset < 0 || static_cast<uint64_t>(offset) > p->body_size)
+    return CURL_SEEKFUNC_CANTSEEK;
+  auto at = static_cast<uint64_t>(offset);
+  if (p->source != nullptr) {
+    if (p->source_seek == nullptr) return CURL_SEEKFUNC_CANTSEEK;
+    return p->source_seek(at, p->source_data) ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
+  }
+  s->memory = p->body + at;
+  s->remaining = p->body_size - at;
+  return CURL_SEEKFUNC_OK;
+}
+
 int exchange_progress(void* raw, curl_off_t dt, curl_off_t dn, curl_off_t ut, curl_off_t un) {
   auto* s = static_cast<State*>(raw);
   if (g_stop.load(std::memory_order_relaxed)) return 1;
@@ -216,6 +231,8 @@ CURLcode set_callbacks(CURL* curl, State* s) {
   if (c == CURLE_OK) c = opt(curl, CURLOPT_WRITEDATA, s);
   if (c == CURLE_OK) c = opt(curl, CURLOPT_READFUNCTION, exchange_read);
   if (c == CURLE_OK) c = opt(curl, CURLOPT_READDATA, s);
+  if (c == CURLE_OK) c = opt(curl, CURLOPT_SEEKFUNCTION, exchange_seek);
+  if (c == CURLE_OK) c = opt(curl, CURLOPT_SEEKDATA, s);
   if (c == CURLE_OK) c = opt(curl, CURLOPT_NOPROGRESS, 0L);
   if (c == CURLE_OK) c = opt(curl, CURLOPT_XFERINFOFUNCTION, exchange_progress);
   if (c == CURLE_OK) c = opt(curl, CURLOPT_XFERINFODATA, s);

@@ -76,6 +76,10 @@ using HttpSinkFn = size_t (*)(const char* bytes, size_t size, int32_t status, vo
 // Fills `buffer` with up to `size` bytes of a streamed request body; 0 at
 // the end. CURL_READFUNC_ABORT aborts the transfer.
 using HttpSourceFn = size_t (*)(char* buffer, size_t size, void* data);
+// Puts a source back to `offset` bytes into its body, so that libcurl can
+// send the body again (a redirect, a connection reset before the answer).
+// False when it cannot.
+using HttpSourceSeekFn = bool (*)(uint64_t offset, void* data);
 // Progress of the running transfer; non-zero aborts it (libcurl code 42).
 using HttpProgressFn = int (*)(void* data, uint64_t download_total, uint64_t downloaded,
                                uint64_t upload_total, uint64_t uploaded);
@@ -116,6 +120,7 @@ struct HttpPlan {
   const char* body = nullptr;
   uint64_t body_size = 0;
   HttpSourceFn source = nullptr;
+  HttpSourceSeekFn source_seek = nullptr;  // none: the body cannot be sent again
   void* source_data = nullptr;
 
   // Answer body: into `sink` when set, else held in memory (at most

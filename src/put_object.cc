@@ -26,7 +26,9 @@ constexpr int kUploadOk[] = {200, 201, 202};
 // read function, never more than the range holds.
 struct UploadSource {
   FILE* file;
-  ZELStreamReadFn read;
+  const ZELStream* stream;
+  uint64_t first;   // offset of the body's first byte in the file
+  uint64_t length;  // bytes in the body
   uint64_t remaining;
 };
 
@@ -34,9 +36,17 @@ size_t upload_read(char* buffer, size_t n, void* raw) {
   auto* source = static_cast<UploadSource*>(raw);
   if (source->remaining == 0) return 0;
   size_t want = source->remaining < n ? static_cast<size_t>(source->remaining) : n;
-  size_t got = source->read(buffer, 1, want, source->file);
+  size_t got = source->stream->read(buffer, 1, want, source->file);
   source->remaining -= got < source->remaining ? got : source->remaining;
   return got;
+}
+
+bool upload_seek(uint64_t offset, void* raw) {
+  auto* source = static_cast<UploadSource*>(raw);
+  if (offset > source->length) return false;
+  if (source->stream->seek(source->file, static_cast<int64_t>(source->first + offset), 0) < 0) return false;
+  source->remaining = source->length - offset;
+  return true;
 }
 
 int upload_progress(void* data, uint64_t, uint64_t, uint64_t, uint64_t uploaded) {
@@ -62,6 +72,7 @@ HttpPlan upload_plan(const ZELUploadDecorator* u, const ZELByteRange* range, con
   plan.content_type = u->opt->content_type;
   plan.body_size = source->remaining;
   plan.source = upload_read;
+  plan.source_seek = upload_seek;
   plan.source_data = source;
   plan.progress = upload_progress;
   plan.progress_data = data;
@@ -111,7 +122,8 @@ AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* ra
     record(upload, -1, text, nullptr);
     return AttemptOutcome{false, -1, true};
   }
-  UploadSource source{file, upload->opt->stream->read, range_length(range, upload->file_size)};
+  uint64_t length = range_length(range, upload->file_size);
+  UploadSource source{file, upload->opt->stream, range->start, length, length};
   ZELTransferProgress data{upload->progress,    0, upload->user_data,
                            attempt > 0 ? 1 : 0, 0, upload->opt->progress_callback};
   HttpPlan plan = upload_plan(upload, range, url, &source, &data);

@@ -12,27 +12,17 @@
 
 // The shared record of one upload. Its handle and options copies are owned.
 struct ZELUploadDecorator {
-  zel::mtx_t mutex;  // guards message, last_status, done/failed counts, details
+  zel::mtx_t mutex;  // guards message, last_status and details
   ZEL* handle;
   ZELPutObjectOpt* opt;
   ZELProgress* progress;  // only with a progress_callback
   char* url;
-  char* message;       // text of the most recent attempt that recorded one
-  char* details;       // body of the service's 200/201 answer, once it came
-  uint64_t file_size;  // the total of every Content-Range
-  uint32_t chunk_count;
-  int32_t range_flag;     // the options carry a range
-  uint32_t done_count;    // chunks finished, failed or never queued
-  uint32_t failed_count;  // chunks that failed for good or were never queued
-  int32_t last_status;    // of the most recent attempt that recorded one; 0 before
-  int32_t failed_status;  // of the most recent chunk that failed for good
-  const char* fatal;      // why queuing stopped, when it did
+  char* message;        // text of the most recent attempt that recorded one
+  char* details;        // body of the service's 200/201 answer, once it came
+  uint64_t file_size;   // the total of every Content-Range
+  int32_t range_flag;   // the options carry a range
+  int32_t last_status;  // of the most recent attempt that recorded one; 0 before
   void* user_data;
-};
-
-struct ZELChunkUploadDecorator {
-  ZELUploadDecorator* upload;
-  ZELByteRange* range;  // owned
 };
 
 // Worker task queued by zel_put_object; frees the decorator on every path.
@@ -41,9 +31,9 @@ void put_object_task(void* decorator);
 void put_object_task_drop(void* decorator);
 // One request for the whole range, no retry; frees the upload record.
 int upload_single(ZELUploadDecorator* upload);
-// Queued once per chunk; the task that finishes the last chunk reports and
-// frees the upload record.
-void upload_chunk_task(void* chunk);
+// Every attempt of one chunk of a session, with the chunk callbacks; true
+// when it went up, otherwise *status is why not.
+bool upload_chunk(void* upload, const ZELByteRange* range, int32_t* status);
 // One PUT of range->start .. range->end. Its status is the HTTP status,
 // libcurl's code after a failed transfer, or -1 when no request was made.
 AttemptOutcome upload_request(ZELUploadDecorator* upload, const ZELByteRange* range, uint32_t attempt,

@@ -3,10 +3,10 @@
 #include <cstring>
 
 #include "alloc.h"
+#include "chunk_ledger.h"
 #include "create_bucket.h"
 #include "frame.h"
 #include "http_plan.h"
-#include "iterator.h"
 #include "json.h"
 #include "log.h"
 #include "progress.h"
@@ -16,7 +16,6 @@
 
 namespace {
 constexpr const char* kLogTag = "src\\put_object";
-constexpr uint64_t kDefaultChunkSize = 5242880;
 constexpr const char* kSessionFailed = "Resumable upload failed or was cancelled";
 
 void upload_free(ZELUploadDecorator* upload) {
@@ -67,12 +66,13 @@ void report_chunk_failed(ZELUploadDecorator* upload, const ZELPutObjectOpt* chun
 // session reports success only when every chunk went up: an attempt that
 // failed and was then retried successfully does not spoil it, and a chunk
 // that failed for good (or never went out) always does.
-void upload_complete(ZELUploadDecorator* upload) {
+void upload_complete(void* raw, const ChunkTally& tally) {
+  auto* upload = static_cast<ZELUploadDecorator*>(raw);
   const ZELPutObjectOpt* opt = upload->opt;
-  if (upload->fatal != nullptr) {
-    report(opt->callback, 0, upload->fatal, upload->user_data);
-  } else if (upload->failed_count > 0) {
-    report(opt->callback, upload->failed_status, kSessionFailed, upload->user_data);
+  if (tally.fatal != nullptr) {
+    report(opt->callback, 0, tally.fatal, upload->user_data);
+  } else if (tally.failed > 0) {
+    report(opt->callback, tally.failed_status, kSessionFailed, upload->user_data);
   } else if (upload->details != nullptr) {
     deliver_details(upload, upload->details);
   } else if (opt->details_callback != nullptr) {
@@ -82,47 +82,17 @@ void upload_complete(ZELUploadDecorator* upload) {
   }
 }
 
-// Counts `count` chunks as finished (failed with `status` when `failed`);
-// the caller that finishes the last one reports, unless `silent`, and frees
-// the record. A `fatal` text (why queuing stopped) replaces the report of
-// the session, whoever finishes last.
-void chunks_finished(ZELUploadDecorator* upload, uint32_t count, bool failed, int32_t status,
-                     const char* fatal, bool silent) {
-  zel::mtx_lock(&upload->mutex);
-  upload->done_count += count;
-  if (failed) {
-    upload->failed_count += count;
-    upload->failed_status = status;
-  }
-  if (fatal != nullptr) upload->fatal = fatal;
-  bool last = upload->done_count >= upload->chunk_count;
-  zel::mtx_unlock(&upload->mutex);
-  if (!last) return;
-  if (!silent) upload_complete(upload);
-  upload_free(upload);
-}
+void upload_release(void* raw) { upload_free(static_cast<ZELUploadDecorator*>(raw)); }
 
-void chunk_free(ZELChunkUploadDecorator* chunk) {
-  byte_range_cleanup(chunk->range);
-  mem_free(chunk);
-}
-
-// A chunk dropped at shutdown: it counts as failed and nobody is told,
-// since the caller has already been promised silence for queued work.
-void upload_chunk_drop(void* raw) {
-  auto* chunk = static_cast<ZELChunkUploadDecorator*>(raw);
-  ZELUploadDecorator* upload = chunk->upload;
-  chunk_free(chunk);
-  chunks_finished(upload, 1, true, kStatusAborted, nullptr, true);
-}
+constexpr ChunkEngine kUploadEngine{upload_chunk, upload_complete, upload_release,
+                                    "Cannot enqueue a new task (put_object)", false};
 }  // namespace
 
-void upload_chunk_task(void* raw) {
-  auto* chunk = static_cast<ZELChunkUploadDecorator*>(raw);
-  ZELUploadDecorator* upload = chunk->upload;
-  const ZELByteRange* range = chunk->range;
+bool upload_chunk(void* raw, const ZELByteRange* range, int32_t* status) {
+  auto* upload = static_cast<ZELUploadDecorator*>(raw);
+  ZELByteRange chunk_range = *range;
   ZELPutObjectOpt chunk_opt = *upload->opt;  // shares the upload's texts
-  chunk_opt.range = chunk->range;
+  chunk_opt.range = &chunk_range;
   auto attempt = [&](uint32_t n) { return upload_request(upload, range, n, upload->url); };
   auto on_retry = [&](int status, uint32_t n) {
     char* text = message_copy(upload);
@@ -133,17 +103,15 @@ void upload_chunk_task(void* raw) {
     mem_free(text);
   };
   AttemptOutcome outcome = transfer_run_chunk(upload->handle->max_retries, attempt, on_retry);
-  bool ok = outcome.ok;
-  int32_t status = outcome.status;
-  if (ok && status == 202 && upload->opt->chunk_done_callback != nullptr) {
+  *status = outcome.status;
+  if (outcome.ok && outcome.status == 202 && upload->opt->chunk_done_callback != nullptr) {
     upload->opt->chunk_done_callback(&chunk_opt, upload->user_data);
-  } else if (!ok) {
+  } else if (!outcome.ok) {
     char* text = message_copy(upload);
-    report_chunk_failed(upload, &chunk_opt, status, text);
+    report_chunk_failed(upload, &chunk_opt, outcome.status, text);
     mem_free(text);
   }
-  chunk_free(chunk);
-  chunks_finished(upload, 1, !ok, status, nullptr, false);
+  return outcome.ok;
 }
 
 int upload_single(ZELUploadDecorator* upload) {
@@ -174,12 +142,12 @@ bool measure(ZELPutObjectDecorator* d, uint64_t step, uint64_t* amount, uint64_t
     return false;
   }
   *amount = range != nullptr ? range->end - range->start + 1 : d->size;
-  *chunks = *amount / step + (*amount % step != 0 ? 1 : 0);
+  *chunks = chunk_count(*amount, step);
   return true;
 }
 
 // Builds the upload record; takes the decorator's copies when it succeeds.
-ZELUploadDecorator* upload_make(ZELPutObjectDecorator* d, const char* url, uint64_t amount, uint64_t chunks) {
+ZELUploadDecorator* upload_make(ZELPutObjectDecorator* d, const char* url, uint64_t amount) {
   auto* upload = static_cast<ZELUploadDecorator*>(mem_calloc(1, sizeof(ZELUploadDecorator)));
   if (upload == nullptr) {
     report(d->opt->callback, 0, "Cannot allocate memory for ZELUploadDecorator", d->user_data);
@@ -203,37 +171,9 @@ ZELUploadDecorator* upload_make(ZELPutObjectDecorator* d, const char* url, uint6
   d->handle = nullptr;
   d->opt = nullptr;
   upload->file_size = d->size;
-  upload->chunk_count = static_cast<uint32_t>(chunks);
   upload->range_flag = upload->opt->range != nullptr ? 1 : 0;
   upload->user_data = d->user_data;
   return upload;
-}
-
-// Queues one task per chunk. Whatever cannot be queued counts as failed, so
-// the session still completes, reports once and is freed.
-void queue_chunks(ZELUploadDecorator* upload, ZELByteRangeIterator* iterator) {
-  // Once the last chunk is queued the record may be gone at any moment, so
-  // the loop never reads it after a push.
-  const uint32_t count = upload->chunk_count;
-  uint32_t queued = 0;
-  const char* fatal = nullptr;
-  while (queued < count) {
-    auto* chunk = static_cast<ZELChunkUploadDecorator*>(mem_calloc(1, sizeof(ZELChunkUploadDecorator)));
-    ZELByteRange* range = chunk != nullptr ? iterator_next(iterator) : nullptr;
-    if (range == nullptr) {
-      mem_free(chunk);
-      fatal = "Cannot allocate memory for ZELChunkUploadDecorator";
-      break;
-    }
-    *chunk = {upload, range};
-    if (transfer_enqueue(upload_chunk_task, chunk, upload_chunk_drop, true) < 0) {
-      chunk_free(chunk);
-      fatal = "Cannot enqueue a new task (put_object)";
-      break;
-    }
-    queued++;
-  }
-  if (queued < count) chunks_finished(upload, count - queued, true, 0, fatal, false);
 }
 
 bool task_checks(ZELPutObjectDecorator* d) {
@@ -281,7 +221,7 @@ bool build_url(const ZELPutObjectDecorator* d, bool resumable, char* url) {
 // Runs the upload described by the decorator, whose copies it may take.
 void put_object_run(ZELPutObjectDecorator* d) {
   if (!task_checks(d)) return;
-  uint64_t step = d->handle->chunk_size != 0 ? d->handle->chunk_size : kDefaultChunkSize;
+  uint64_t step = chunk_step(d->handle);
   uint64_t amount = 0, chunks = 0;
   if (!measure(d, step, &amount, &chunks)) return;
   if (chunks > UINT32_MAX) {
@@ -291,22 +231,17 @@ void put_object_run(ZELPutObjectDecorator* d) {
   char url[kUrlBuffer] = {0};
   if (!build_url(d, d->opt->range != nullptr || chunks > 1, url)) return;
   if (ensure_bucket_exists(d->handle, d->opt, d->user_data) < 0) return;
-  ZELByteRangeIterator* iterator = nullptr;
-  if (chunks > 1) {
-    iterator = iterator_init(d->opt->range != nullptr ? d->opt->range->start : 0, step, amount);
-    if (iterator == nullptr) {
-      report(d->opt->callback, 0, "Cannot allocate memory for ZELByteRangeIterator", d->user_data);
-      return;
-    }
-  }
-  ZELUploadDecorator* upload = upload_make(d, url, amount, chunks);
-  if (upload != nullptr && iterator == nullptr) {
+  uint64_t start = d->opt->range != nullptr ? d->opt->range->start : 0;
+  ZELUploadDecorator* upload = upload_make(d, url, amount);
+  if (upload == nullptr) return;
+  if (chunks < 2) {
     upload_single(upload);
     upload_free(upload);
-  } else if (upload != nullptr) {
-    queue_chunks(upload, iterator);
+  } else if (!chunk_ledger_start(&kUploadEngine, upload, start, step, amount, static_cast<uint32_t>(chunks),
+                                 upload->handle->thread_pool_size)) {
+    report(upload->opt->callback, 0, kChunkLedgerNoMemory, upload->user_data);
+    upload_free(upload);
   }
-  iterator_cleanup(iterator);
 }
 }  // namespace
 

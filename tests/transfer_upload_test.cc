@@ -5,9 +5,11 @@
 #include <set>
 
 #include "alloc.h"
+#include "chunk_ledger.h"
 #include "httppool.h"
 #include "put_object.h"
 #include "captured_log.h"
+#include "raw_http_server.h"
 #include "transfer_support.h"
 
 namespace {
@@ -304,6 +306,62 @@ TEST_F(UploadTest, OptionsMayBeFreedAtOnceAndBucketsAreCreatedOnDemand) {
   ASSERT_FALSE(journal.empty());
   EXPECT_EQ(journal.front().method, "POST") << "the bucket is made before the first chunk";
   EXPECT_EQ(zeltest::matching(journal, "POST", "/buckets").size(), 1u);
+}
+
+// Chunks start in file order, whatever order the worker queue runs its
+// tasks in, and a transfer of many chunks keeps only a window of them
+// queued: with one worker every chunk arrives in order, one after another.
+TEST_F(UploadTest, ChunksStartInFileOrderFromABoundedWindow) {
+  const uint64_t chunk = 512;
+  const size_t chunks = 400;
+  std::string data = pattern_bytes(chunk * chunks - 7, 21);
+  h_->chunk_size = chunk;
+  for (uint32_t workers : {1u, 3u}) {
+    SCOPED_TRACE("workers " + std::to_string(workers));
+    h_->thread_pool_size = workers;
+    std::string key = "order" + std::to_string(workers);
+    server_.clear_requests();
+    chunk_ledger_reset_peak();
+    PutOptions p("bkt", key, dir_.write(key, data));
+    Outcome o;
+    upload(p, o);
+    EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+    EXPECT_EQ(stored(key), data);
+    EXPECT_GT(chunk_ledger_peak_queued(), 0u);
+    EXPECT_LE(chunk_ledger_peak_queued(), workers * kChunkWindowPerWorker) << "queued chunks stay bounded";
+    auto sent = puts();
+    ASSERT_EQ(sent.size(), chunks);
+    // With one worker, arrival order is start order; with more, a chunk
+    // can only be overtaken by those that started while it was running.
+    size_t behind = 0;
+    for (size_t i = 0; i < sent.size(); i++) {
+      uint64_t first = std::stoull(sent[i].header("Content-Range").substr(6));
+      size_t index = first / chunk;
+      size_t late = i > index ? i - index : index - i;
+      behind = std::max(behind, late);
+    }
+    EXPECT_LT(behind, workers == 1 ? 1u : 2u * workers) << "chunks go up in file order";
+  }
+}
+
+// A body sent in full and answered with a redirect is sent again from its
+// first byte: the request can put its source back.
+TEST_F(UploadTest, RedirectedPutSendsItsBodyAgain) {
+  zeltest::RawHttpServer raw;
+  raw.script(
+      zeltest::RawHttpServer::reply(307, "Temporary Redirect", "", {"Location: " + raw.url("/again")}));
+  raw.set_fallback(zeltest::RawHttpServer::reply(202, "Accepted", ""));
+  ASSERT_EQ(zel_set_environment_url(ZEL_ENV_LOCAL, raw.url("").c_str()), 0);
+  std::string data = pattern_bytes(3000, 8);
+  PutOptions p("bkt", "moved", dir_.write("moved", data));
+  Outcome o;
+  upload(p, o);
+  ASSERT_EQ(zel_set_environment_url(ZEL_ENV_LOCAL, server_.base_url().c_str()), 0);
+  EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
+  auto requests = raw.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[1].request_line.substr(0, 10), "PUT /again");
+  EXPECT_EQ(requests[1].body, data);
 }
 
 TEST(SessionId, PrintableCodesInHexAndNeverRepeated) {
