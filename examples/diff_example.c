@@ -49,7 +49,8 @@ int main(int argc, char** argv) {
   printf("match at ratio 0.1: %d\n", diff_file_match(sig, new_path, NULL, 0.1));
   DiffFileList* bases = file_list_init();
   if (bases == NULL || file_list_append(bases, sig) == NULL) return 1;
-  if (diff_create_patch(new_path, bases, patch, NULL, 1, 0, 6, 1, &message) < 0) return fail("patch", message);
+  if (diff_create_patch(new_path, bases, patch, NULL, 1, 0, 6, 1, &message) < 0)
+    return fail("patch", message);
   file_list_cleanup(bases);
   char* sha1 = file_sha1(old_path);
   if (sha1 == NULL) return 1;

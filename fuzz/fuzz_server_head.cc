@@ -12,11 +12,11 @@
 namespace {
 
 // A decoded segment encodes to a text that decodes back to it.
-void check_segments(const std::string &path) {
+void check_segments(const std::string& path) {
   if (path.empty() || path[0] != '/') return;
   std::vector<std::string> decoded;
   if (!zelsrv::decode_segments(zelsrv::split_path(path), decoded).empty()) return;
-  for (const auto &d : decoded) {
+  for (const auto& d : decoded) {
     std::string again;
     if (!zelsrv::valid_utf8(d) || !zelsrv::percent_decode(zelsrv::percent_encode(d), again) || again != d)
       __builtin_trap();
@@ -25,8 +25,8 @@ void check_segments(const std::string &path) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  std::string bytes(reinterpret_cast<const char *>(data), size);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::string bytes(reinterpret_cast<const char*>(data), size);
   zelsrv::head_complete(bytes);
   size_t end = bytes.find("\r\n\r\n");
   if (end != std::string::npos) {

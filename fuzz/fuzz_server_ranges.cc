@@ -7,14 +7,14 @@
 
 #include "util.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   uint64_t object_size = 0;
   if (size >= 8) {
     std::memcpy(&object_size, data, 8);
     data += 8;
     size -= 8;
   }
-  std::string value(reinterpret_cast<const char *>(data), size);
+  std::string value(reinterpret_cast<const char*>(data), size);
   zelsrv::ByteSpan span;
   if (zelsrv::parse_range(value, object_size, span) == zelsrv::RangeResult::kOk &&
       !(span.start <= span.end && span.end < object_size))

@@ -25,7 +25,7 @@ struct Options {
   std::string data;  // empty: a fresh temporary directory, removed at exit
   bool test_api = false;
   std::string faults_file;
-  size_t threads = 64;  // requests served at once
+  size_t threads = 64;       // requests served at once
   size_t delta_threads = 2;  // delta-engine jobs run at once
   std::vector<std::pair<std::string, std::string>> tokens;
   bool log_requests = false;
@@ -35,11 +35,11 @@ struct Options {
 };
 
 // False with a message (or the usage text) when the command line is wrong.
-bool parse_options(int argc, char **argv, Options &out, std::string &err);
-const char *usage_text();
+bool parse_options(int argc, char** argv, Options& out, std::string& err);
+const char* usage_text();
 
 struct App {
-  explicit App(const Options &o)
+  explicit App(const Options& o)
       : opts(o), buckets(store), objects(store), sessions(store, objects), deltas(store), jobs(store) {}
   Options opts;
   Store store;

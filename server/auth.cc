@@ -4,7 +4,7 @@
 
 namespace zelsrv {
 
-std::string Auth::principal(const std::string &authorization) const {
+std::string Auth::principal(const std::string& authorization) const {
   if (authorization.size() < 7 || strncasecmp(authorization.c_str(), "Bearer ", 7) != 0) return std::string();
   size_t b = authorization.find_first_not_of(' ', 7);
   if (b == std::string::npos) return std::string();

@@ -10,24 +10,24 @@ namespace zelsrv {
 namespace {
 
 struct JsonFree {
-  void operator()(json_t *j) const { json_decref(j); }
+  void operator()(json_t* j) const { json_decref(j); }
 };
 using Json = std::unique_ptr<json_t, JsonFree>;
 
-std::string dump(json_t *j) {
+std::string dump(json_t* j) {
   Json owned(j);
-  char *text = json_dumps(j, JSON_COMPACT);
+  char* text = json_dumps(j, JSON_COMPACT);
   std::string out = text ? text : "";
   free(text);
   return out;
 }
 
-json_t *str(const std::string &s) { return json_stringn(s.data(), s.size()); }
+json_t* str(const std::string& s) { return json_stringn(s.data(), s.size()); }
 
-json_t *permission_array(const std::vector<Permission> &perms, int version) {
-  json_t *arr = json_array();
-  for (const auto &p : perms) {
-    json_t *e = json_object();
+json_t* permission_array(const std::vector<Permission>& perms, int version) {
+  json_t* arr = json_array();
+  for (const auto& p : perms) {
+    json_t* e = json_object();
     json_object_set_new(e, version == 1 ? "serviceId" : "authId", str(p.auth_id));
     json_object_set_new(e, "access", str(p.access));
     json_array_append_new(arr, e);
@@ -36,7 +36,7 @@ json_t *permission_array(const std::vector<Permission> &perms, int version) {
 }
 
 // Loads a request body that must be a JSON object.
-Json load_object(const std::string &body, std::string &why) {
+Json load_object(const std::string& body, std::string& why) {
   json_error_t err;
   Json root(json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, &err));
   if (!root) {
@@ -48,16 +48,16 @@ Json load_object(const std::string &body, std::string &why) {
   return root;
 }
 
-bool read_permissions(json_t *arr, int version, bool need_access, std::vector<Permission> &out,
-                      std::string &why) {
+bool read_permissions(json_t* arr, int version, bool need_access, std::vector<Permission>& out,
+                      std::string& why) {
   if (!arr) return true;
   if (!json_is_array(arr)) {
     why = "The permission list must be an array";
     return false;
   }
-  const char *id_key = version == 1 ? "serviceId" : "authId";
+  const char* id_key = version == 1 ? "serviceId" : "authId";
   size_t i;
-  json_t *e;
+  json_t* e;
   json_array_foreach(arr, i, e) {
     json_t *id = json_object_get(e, id_key), *access = json_object_get(e, "access");
     if (!json_is_string(id) || json_string_length(id) == 0) {
@@ -76,14 +76,14 @@ bool read_permissions(json_t *arr, int version, bool need_access, std::vector<Pe
 
 }  // namespace
 
-std::string reason_json(const std::string &reason) {
-  json_t *o = json_object();
+std::string reason_json(const std::string& reason) {
+  json_t* o = json_object();
   json_object_set_new(o, "reason", str(reason));
   return dump(o);
 }
 
-std::string bucket_details_json(const Bucket &b, int version) {
-  json_t *o = json_object();
+std::string bucket_details_json(const Bucket& b, int version) {
+  json_t* o = json_object();
   json_object_set_new(o, version == 1 ? "key" : "bucketKey", str(b.key));
   json_object_set_new(o, version == 1 ? "owner" : "bucketOwner", str(b.owner));
   json_object_set_new(o, version == 1 ? "createDate" : "createdDate", json_integer(b.created));
@@ -92,33 +92,33 @@ std::string bucket_details_json(const Bucket &b, int version) {
   return dump(o);
 }
 
-std::string permissions_json(const std::vector<Permission> &perms, int version) {
-  json_t *o = json_object();
+std::string permissions_json(const std::vector<Permission>& perms, int version) {
+  json_t* o = json_object();
   json_object_set_new(o, version == 1 ? "servicesAllowed" : "permissions", permission_array(perms, version));
   return dump(o);
 }
 
-std::string listing_json(const std::vector<Bucket> &page, const std::string &next) {
-  json_t *items = json_array();
-  for (const auto &b : page) {
-    json_t *e = json_object();
+std::string listing_json(const std::vector<Bucket>& page, const std::string& next) {
+  json_t* items = json_array();
+  for (const auto& b : page) {
+    json_t* e = json_object();
     json_object_set_new(e, "bucketKey", str(b.key));
     json_object_set_new(e, "createdDate", json_integer(b.created));
     json_object_set_new(e, "policyKey", str(b.policy));
     json_array_append_new(items, e);
   }
-  json_t *o = json_object();
+  json_t* o = json_object();
   json_object_set_new(o, "items", items);
   if (!next.empty()) json_object_set_new(o, "next", str(next));
   return dump(o);
 }
 
-std::string object_details_json(const ObjectMeta &m, const std::string &location, int version,
+std::string object_details_json(const ObjectMeta& m, const std::string& location, int version,
                                 DateFields dates) {
   std::string id = "urn:zel:object:" + m.bucket + ":" + m.blob;
-  json_t *o = json_object();
+  json_t* o = json_object();
   if (version == 1) {
-    json_t *e = json_object();
+    json_t* e = json_object();
     json_object_set_new(e, "id", str(id));
     json_object_set_new(e, "key", str(m.key));
     json_object_set_new(e, "sha-1", str(m.sha1));
@@ -142,11 +142,11 @@ std::string object_details_json(const ObjectMeta &m, const std::string &location
   return dump(o);
 }
 
-bool parse_create_bucket(const std::string &body, int version, Bucket &out, std::string &why) {
+bool parse_create_bucket(const std::string& body, int version, Bucket& out, std::string& why) {
   Json root = load_object(body, why);
   if (!root) return false;
-  json_t *key = json_object_get(root.get(), "bucketKey");
-  json_t *policy = json_object_get(root.get(), version == 1 ? "policy" : "policyKey");
+  json_t* key = json_object_get(root.get(), "bucketKey");
+  json_t* policy = json_object_get(root.get(), version == 1 ? "policy" : "policyKey");
   if (!json_is_string(key)) {
     why = "The body needs a string \"bucketKey\"";
     return false;
@@ -161,14 +161,14 @@ bool parse_create_bucket(const std::string &body, int version, Bucket &out, std:
     why = "The policy must be \"transient\", \"temporary\" or \"persistent\"";
     return false;
   }
-  json_t *perms = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "allow");
+  json_t* perms = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "allow");
   return read_permissions(perms, version, true, out.permissions, why);
 }
 
-bool parse_grant(const std::string &body, int version, std::vector<Permission> &out, std::string &why) {
+bool parse_grant(const std::string& body, int version, std::vector<Permission>& out, std::string& why) {
   Json root = load_object(body, why);
   if (!root) return false;
-  json_t *perms = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "allow");
+  json_t* perms = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "allow");
   if (!perms) {
     why = std::string("The body needs the array \"") + (version == 1 ? "servicesAllowed" : "allow") + "\"";
     return false;
@@ -176,17 +176,17 @@ bool parse_grant(const std::string &body, int version, std::vector<Permission> &
   return read_permissions(perms, version, true, out, why);
 }
 
-bool parse_revoke(const std::string &body, int version, std::vector<std::string> &out, std::string &why) {
+bool parse_revoke(const std::string& body, int version, std::vector<std::string>& out, std::string& why) {
   Json root = load_object(body, why);
   if (!root) return false;
-  json_t *arr = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "revoke");
+  json_t* arr = json_object_get(root.get(), version == 1 ? "servicesAllowed" : "revoke");
   if (!arr) {
     why = std::string("The body needs the array \"") + (version == 1 ? "servicesAllowed" : "revoke") + "\"";
     return false;
   }
   std::vector<Permission> perms;
   if (!read_permissions(arr, version, false, perms, why)) return false;
-  for (const auto &p : perms) out.push_back(p.auth_id);
+  for (const auto& p : perms) out.push_back(p.auth_id);
   return true;
 }
 

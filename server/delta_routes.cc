@@ -18,7 +18,7 @@ namespace {
 
 const char kDeltaHeader[] = "x-pmw-delta-object";
 const char kProcessHeader[] = "x-pmw-delta-processtype";
-const char *const kAcmHeaders[] = {"x-pmw-acm-namespace", "x-pmw-acm-groups", "x-pmw-acm-check-groups"};
+const char* const kAcmHeaders[] = {"x-pmw-acm-namespace", "x-pmw-acm-groups", "x-pmw-acm-check-groups"};
 
 // A parsed "x-pmw-delta-object" value.
 struct DeltaHeader {
@@ -29,11 +29,11 @@ struct DeltaHeader {
 };
 
 std::string lower(std::string s) {
-  for (char &c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
 }
 
-bool parse_delta_header(const std::string &value, DeltaHeader &out) {
+bool parse_delta_header(const std::string& value, DeltaHeader& out) {
   if (value.compare(0, 11, "signature:@") == 0) {
     std::string digits = value.substr(11);
     if (digits.empty() || digits.size() > 8 || digits.find_first_not_of("0123456789") != std::string::npos)
@@ -51,7 +51,7 @@ bool parse_delta_header(const std::string &value, DeltaHeader &out) {
   return valid_sha1(out.from) && (out.kind == DeltaHeader::kPatchFrom || valid_sha1(out.to));
 }
 
-void serve_kept(Ctx &c, const KeptFile &k) {
+void serve_kept(Ctx& c, const KeptFile& k) {
   int fd = open(k.path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return c.error(500, "Cannot open the kept file");
   if (k.size == 0) {
@@ -59,14 +59,14 @@ void serve_kept(Ctx &c, const KeptFile &k) {
     c.res.status = 200;
     return c.res.set_content("", "application/octet-stream");
   }
-  auto file = std::shared_ptr<int>(new int(fd), [](int *p) {
+  auto file = std::shared_ptr<int>(new int(fd), [](int* p) {
     close(*p);
     delete p;
   });
   c.res.status = 200;
   c.res.set_header("ETag", "\"" + k.sha1 + "\"");
   c.res.set_content_provider(static_cast<size_t>(k.size), "application/octet-stream",
-                             [file](size_t offset, size_t length, httplib::DataSink &sink) {
+                             [file](size_t offset, size_t length, httplib::DataSink& sink) {
                                char buf[1 << 16];
                                size_t n = std::min(length, sizeof buf);
                                ssize_t got = pread(*file, buf, n, static_cast<off_t>(offset));
@@ -74,7 +74,7 @@ void serve_kept(Ctx &c, const KeptFile &k) {
                              });
 }
 
-void serve_signature(Ctx &c, uint32_t block) {
+void serve_signature(Ctx& c, uint32_t block) {
   ObjectMeta m;
   int fd = c.app.objects.open_live(c.args[0], c.args[1], m);
   if (fd < 0) return c.error(404, "Object not found");
@@ -87,24 +87,24 @@ void serve_signature(Ctx &c, uint32_t block) {
 }
 
 std::string acm_json() {
-  json_t *o = json_object();
-  for (const char *name : kAcmHeaders) {
+  json_t* o = json_object();
+  for (const char* name : kAcmHeaders) {
     if (wire_has_header(name)) json_object_set_new(o, name, json_string(wire_header(name).c_str()));
   }
-  char *text = json_dumps(o, JSON_COMPACT | JSON_PRESERVE_ORDER);
+  char* text = json_dumps(o, JSON_COMPACT | JSON_PRESERVE_ORDER);
   json_decref(o);
   std::string out = text ? text : "{}";
   free(text);
   return out;
 }
 
-std::string request_host(const Ctx &c) {
+std::string request_host(const Ctx& c) {
   std::string host = wire_header("Host");
   return host.empty() ? c.app.opts.host + ":" + std::to_string(c.app.opts.port) : host;
 }
 
 // The bucket must exist and the principal may use it (fully for an apply).
-bool may_use(Ctx &c, const std::string &kind, const DeltaRequest &r) {
+bool may_use(Ctx& c, const std::string& kind, const DeltaRequest& r) {
   Bucket b;
   if (!c.app.buckets.get(r.bucket, b)) return c.error(404, "Bucket not found"), false;
   Access has = Buckets::access(b, c.principal);
@@ -113,7 +113,7 @@ bool may_use(Ctx &c, const std::string &kind, const DeltaRequest &r) {
   return true;
 }
 
-void create_job(Ctx &c, const std::string &kind) {
+void create_job(Ctx& c, const std::string& kind) {
   std::string body, why;
   if (!c.body_text(body)) return;
   DeltaRequest r;
@@ -130,11 +130,11 @@ void create_job(Ctx &c, const std::string &kind) {
   c.reply(200, Jobs::answer_json(0, kJobQueued, order.public_url, order.id));
 }
 
-bool job_kind(const std::string &s) {
+bool job_kind(const std::string& s) {
   return s == "createsignature" || s == "createdelta" || s == "applypatch";
 }
 
-void serve_authorized(Ctx &c, const std::vector<std::string> &segs) {
+void serve_authorized(Ctx& c, const std::vector<std::string>& segs) {
   c.principal = c.app.auth.principal(wire_header("Authorization"));
   if (c.principal.empty()) return c.error(401, "Missing or unknown bearer token");
   std::string json;
@@ -148,13 +148,13 @@ void serve_authorized(Ctx &c, const std::vector<std::string> &segs) {
 
 }  // namespace
 
-std::string object_location(const std::string &host, int version, const std::string &bucket,
-                            const std::string &key) {
+std::string object_location(const std::string& host, int version, const std::string& bucket,
+                            const std::string& key) {
   return "http://" + host + "/zel/v" + std::to_string(version) + "/buckets/" + percent_encode(bucket) +
          "/objects/" + percent_encode(key);
 }
 
-void serve_delta_api(Ctx &c, const std::vector<std::string> &raw) {
+void serve_delta_api(Ctx& c, const std::vector<std::string>& raw) {
   if (raw.size() < 4 || raw[1] != "api" || raw[2] != "v1") return c.error(404, "No such endpoint");
   std::vector<std::string> segs(raw.begin() + 3, raw.end());
   std::string json;
@@ -168,7 +168,7 @@ void serve_delta_api(Ctx &c, const std::vector<std::string> &raw) {
   serve_authorized(c, segs);
 }
 
-bool delta_download(Ctx &c) {
+bool delta_download(Ctx& c) {
   if (!wire_has_header(kDeltaHeader)) return false;
   DeltaHeader h;
   if (!parse_delta_header(wire_header(kDeltaHeader), h) || h.kind == DeltaHeader::kPatchPair) {
@@ -191,7 +191,7 @@ bool delta_download(Ctx &c) {
   return true;
 }
 
-bool delta_details(Ctx &c) {
+bool delta_details(Ctx& c) {
   if (!wire_has_header(kDeltaHeader)) return false;
   DeltaHeader h;
   ObjectMeta m;
@@ -211,7 +211,7 @@ bool delta_details(Ctx &c) {
   return true;
 }
 
-bool delta_upload_refused(Ctx &c) {
+bool delta_upload_refused(Ctx& c) {
   if (!wire_has_header(kDeltaHeader) && !wire_has_header(kProcessHeader)) return false;
   DeltaHeader h;
   std::string type = wire_header(kProcessHeader);
@@ -224,7 +224,7 @@ bool delta_upload_refused(Ctx &c) {
   return true;
 }
 
-void delta_uploaded(Ctx &c, const ObjectMeta &m) {
+void delta_uploaded(Ctx& c, const ObjectMeta& m) {
   DeltaHeader h;
   if (!wire_has_header(kDeltaHeader) || !parse_delta_header(wire_header(kDeltaHeader), h)) return;
   std::string type = wire_header(kProcessHeader);
@@ -232,9 +232,9 @@ void delta_uploaded(Ctx &c, const ObjectMeta &m) {
   c.app.deltas.mark_pending(m, p);
 }
 
-bool start_delta_engine(App &app, std::string &err) {
+bool start_delta_engine(App& app, std::string& err) {
   if (!app.deltas.open(err) || !app.jobs.open(err)) return false;
-  app.jobs.start(app.opts.delta_threads, [&app](const JobOrder &order, JobControl &control) {
+  app.jobs.start(app.opts.delta_threads, [&app](const JobOrder& order, JobControl& control) {
     return run_delta_job(app, order, control);
   });
   return true;

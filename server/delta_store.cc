@@ -21,13 +21,13 @@ const char kSchema[] =
     " process_type INTEGER NOT NULL, version INTEGER NOT NULL, PRIMARY KEY(bucket, key));";
 
 // Takes the delta library's message, if any.
-std::string take_message(char *&msg, const char *fallback) {
+std::string take_message(char*& msg, const char* fallback) {
   std::string out = msg ? msg : fallback;
   free_err_msg(&msg);
   return out;
 }
 
-bool hash_file(const std::string &path, uint64_t &size, std::string &sha1) {
+bool hash_file(const std::string& path, uint64_t& size, std::string& sha1) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat st;
@@ -37,7 +37,7 @@ bool hash_file(const std::string &path, uint64_t &size, std::string &sha1) {
   return ok;
 }
 
-bool fsync_path(const std::string &path) {
+bool fsync_path(const std::string& path) {
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   bool ok = fsync(fd) == 0;
@@ -47,7 +47,7 @@ bool fsync_path(const std::string &path) {
 
 }  // namespace
 
-std::u16string wide_path(const std::string &utf8) {
+std::u16string wide_path(const std::string& utf8) {
   std::u16string out;
   for (size_t i = 0; i < utf8.size();) {
     unsigned char c = static_cast<unsigned char>(utf8[i]);
@@ -66,7 +66,7 @@ std::u16string wide_path(const std::string &utf8) {
   return out;
 }
 
-bool DeltaStore::open(std::string &err) {
+bool DeltaStore::open(std::string& err) {
   if (!make_dirs(dir())) {
     err = "cannot create " + dir();
     return false;
@@ -79,11 +79,11 @@ bool DeltaStore::open(std::string &err) {
   return true;
 }
 
-std::string DeltaStore::scratch_path(const std::string &tag) const {
+std::string DeltaStore::scratch_path(const std::string& tag) const {
   return store_.tmp_dir() + "/" + tag + "-" + random_hex_id();
 }
 
-bool DeltaStore::kept(const std::string &name, KeptFile &out) {
+bool DeltaStore::kept(const std::string& name, KeptFile& out) {
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
     Stmt st(store_, "SELECT size, sha1 FROM delta_kept WHERE name = ?");
@@ -97,7 +97,7 @@ bool DeltaStore::kept(const std::string &name, KeptFile &out) {
 
 // The file is renamed in before its row is written: a row always names a
 // complete file, and a file without a row is simply made again.
-bool DeltaStore::keep(const std::string &name, const std::string &made, KeptFile &out, std::string &why) {
+bool DeltaStore::keep(const std::string& name, const std::string& made, KeptFile& out, std::string& why) {
   out.path = dir() + "/" + name;
   if (!hash_file(made, out.size, out.sha1) || !fsync_path(made) ||
       rename(made.c_str(), out.path.c_str()) != 0) {
@@ -116,12 +116,12 @@ bool DeltaStore::keep(const std::string &name, const std::string &made, KeptFile
   return true;
 }
 
-bool DeltaStore::signature(const std::string &sha1, const std::string &source, uint32_t block, KeptFile &out,
-                           std::string &why) {
+bool DeltaStore::signature(const std::string& sha1, const std::string& source, uint32_t block, KeptFile& out,
+                           std::string& why) {
   std::string name = "sig-" + sha1 + "-" + std::to_string(block);
   if (kept(name, out)) return true;
   std::string made = scratch_path("sig");
-  char *msg = nullptr;
+  char* msg = nullptr;
   int32_t rc = diff_create_signature(wide_path(source).c_str(), wide_path(made).c_str(),
                                      wide_path(store_.tmp_dir()).c_str(), block, 1, 0, &msg);
   if (rc < 0) {
@@ -133,16 +133,16 @@ bool DeltaStore::signature(const std::string &sha1, const std::string &source, u
   return keep(name, made, out, why);
 }
 
-bool DeltaStore::find_patch(const std::string &orig_sha1, const std::string &dest_sha1, KeptFile &out) {
+bool DeltaStore::find_patch(const std::string& orig_sha1, const std::string& dest_sha1, KeptFile& out) {
   return kept("patch-" + orig_sha1 + "-" + dest_sha1, out);
 }
 
-bool DeltaStore::keep_patch(const std::string &orig_sha1, const std::string &dest_sha1,
-                            const std::string &made, KeptFile &out, std::string &why) {
+bool DeltaStore::keep_patch(const std::string& orig_sha1, const std::string& dest_sha1,
+                            const std::string& made, KeptFile& out, std::string& why) {
   return keep("patch-" + orig_sha1 + "-" + dest_sha1, made, out, why);
 }
 
-void DeltaStore::mark_pending(const ObjectMeta &m, const PendingPatch &p) {
+void DeltaStore::mark_pending(const ObjectMeta& m, const PendingPatch& p) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(true);
   Stmt(store_,
@@ -158,7 +158,7 @@ void DeltaStore::mark_pending(const ObjectMeta &m, const PendingPatch &p) {
       .done();
 }
 
-bool DeltaStore::pending(const std::string &bucket, const std::string &key, PendingPatch &out) {
+bool DeltaStore::pending(const std::string& bucket, const std::string& key, PendingPatch& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   Stmt st(
       store_,
@@ -174,8 +174,8 @@ bool DeltaStore::pending(const std::string &bucket, const std::string &key, Pend
   return true;
 }
 
-bool DeltaStore::still_holds(const std::string &bucket, const std::string &key, const std::string &blob,
-                             ObjectMeta &out) {
+bool DeltaStore::still_holds(const std::string& bucket, const std::string& key, const std::string& blob,
+                             ObjectMeta& out) {
   Stmt row(
       store_,
       "SELECT content_type, created FROM objects WHERE bucket = ? AND key = ? AND blob = ? AND deleted = 0");
@@ -185,10 +185,10 @@ bool DeltaStore::still_holds(const std::string &bucket, const std::string &key, 
   return true;
 }
 
-bool DeltaStore::publish_applied(const std::string &bucket, const std::string &key,
-                                 const std::string &patch_blob, const std::string &made,
-                                 const std::string &sha1, uint64_t size, ObjectMeta &out,
-                                 const std::function<void(const ObjectMeta &)> &also) {
+bool DeltaStore::publish_applied(const std::string& bucket, const std::string& key,
+                                 const std::string& patch_blob, const std::string& made,
+                                 const std::string& sha1, uint64_t size, ObjectMeta& out,
+                                 const std::function<void(const ObjectMeta&)>& also) {
   out.blob = random_hex_id();
   if (!fsync_path(made) || rename(made.c_str(), store_.blob_path(out.blob).c_str()) != 0) return false;
   sync_dir(store_.objects_dir());

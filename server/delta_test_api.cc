@@ -17,7 +17,7 @@
 namespace zelsrv {
 namespace {
 
-bool parse_script(json_t *o, JobScript &s, std::string &why) {
+bool parse_script(json_t* o, JobScript& s, std::string& why) {
   json_error_t err;
   const char *kind = "", *fail = "", *description = nullptr;
   json_int_t empty = 0, delay = 0, times = 1, gap = 0;
@@ -31,9 +31,9 @@ bool parse_script(json_t *o, JobScript &s, std::string &why) {
   return true;
 }
 
-bool parse_scripts(const std::string &body, std::vector<JobScript> &out, std::string &why) {
+bool parse_scripts(const std::string& body, std::vector<JobScript>& out, std::string& why) {
   json_error_t err;
-  json_t *root = json_loads(body.c_str(), JSON_REJECT_DUPLICATES, &err);
+  json_t* root = json_loads(body.c_str(), JSON_REJECT_DUPLICATES, &err);
   if (root == nullptr) {
     why = std::string("Malformed JSON body: ") + err.text;
     return false;
@@ -41,7 +41,7 @@ bool parse_scripts(const std::string &body, std::vector<JobScript> &out, std::st
   bool ok = true;
   if (json_is_array(root)) {
     size_t i;
-    json_t *e;
+    json_t* e;
     json_array_foreach(root, i, e) {
       JobScript s;
       if (!(ok = parse_script(e, s, why))) break;
@@ -57,8 +57,8 @@ bool parse_scripts(const std::string &body, std::vector<JobScript> &out, std::st
 
 }  // namespace
 
-void serve_delta_test_api(Ctx &c, const std::string &path) {
-  const std::string &m = c.req.method;
+void serve_delta_test_api(Ctx& c, const std::string& path) {
+  const std::string& m = c.req.method;
   if (path == "/_emulator/delta" && m == "GET") return c.reply(200, c.app.jobs.report_json());
   if (path != "/_emulator/delta/scripts") return c.error(404, "No such endpoint");
   if (m == "DELETE") {
@@ -70,7 +70,7 @@ void serve_delta_test_api(Ctx &c, const std::string &path) {
   std::vector<JobScript> scripts;
   if (!c.body_text(body)) return;
   if (!parse_scripts(body, scripts, why)) return c.error(400, why);
-  for (const JobScript &s : scripts) c.app.jobs.add_script(s);
+  for (const JobScript& s : scripts) c.app.jobs.add_script(s);
   c.reply(200, "{}");
 }
 

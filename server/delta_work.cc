@@ -29,29 +29,29 @@ struct Snapshot {
   std::string path() const { return "/proc/self/fd/" + std::to_string(fd); }
 };
 
-bool take(App &app, const std::string &bucket, const std::string &key, Snapshot &s) {
+bool take(App& app, const std::string& bucket, const std::string& key, Snapshot& s) {
   s.fd = app.objects.open_live(bucket, key, s.meta);
   return s.fd >= 0;
 }
 
-JobOutcome failed(const std::string &reason) { return JobOutcome{false, reason, false}; }
+JobOutcome failed(const std::string& reason) { return JobOutcome{false, reason, false}; }
 
-std::string take_message(char *&msg) {
+std::string take_message(char*& msg) {
   std::string out = msg ? msg : "no reason given";
   free_err_msg(&msg);
   return out;
 }
 
-std::string kept_json(const KeptFile &k) {
-  json_t *o = json_pack("{s:I, s:s}", "size", static_cast<json_int_t>(k.size), "sha1", k.sha1.c_str());
-  char *text = json_dumps(o, JSON_COMPACT | JSON_PRESERVE_ORDER);
+std::string kept_json(const KeptFile& k) {
+  json_t* o = json_pack("{s:I, s:s}", "size", static_cast<json_int_t>(k.size), "sha1", k.sha1.c_str());
+  char* text = json_dumps(o, JSON_COMPACT | JSON_PRESERVE_ORDER);
   json_decref(o);
   std::string out = text ? text : "";
   free(text);
   return out;
 }
 
-JobOutcome run_signature(App &app, const DeltaRequest &r, JobControl &control) {
+JobOutcome run_signature(App& app, const DeltaRequest& r, JobControl& control) {
   Snapshot object;
   if (!take(app, r.bucket, r.object, object)) return failed("Object not found: " + r.object);
   control.progress(10);
@@ -62,13 +62,13 @@ JobOutcome run_signature(App &app, const DeltaRequest &r, JobControl &control) {
   return JobOutcome{true, kept_json(sig), false};
 }
 
-bool make_patch(App &app, const KeptFile &base_sig, const Snapshot &target, std::string &made,
-                std::string &why) {
-  DiffFileList *bases = file_list_init();
+bool make_patch(App& app, const KeptFile& base_sig, const Snapshot& target, std::string& made,
+                std::string& why) {
+  DiffFileList* bases = file_list_init();
   if (bases == nullptr) return why = "Cannot make a base list", false;
   bases = file_list_append(bases, wide_path(base_sig.path).c_str());
   made = app.deltas.scratch_path("patch");
-  char *msg = nullptr;
+  char* msg = nullptr;
   int32_t rc = diff_create_patch(wide_path(target.path()).c_str(), bases, wide_path(made).c_str(),
                                  wide_path(app.store.tmp_dir()).c_str(), 1, 0, 6, 1, &msg);
   file_list_cleanup(bases);
@@ -81,7 +81,7 @@ bool make_patch(App &app, const KeptFile &base_sig, const Snapshot &target, std:
   return false;
 }
 
-JobOutcome run_delta(App &app, const DeltaRequest &r, JobControl &control) {
+JobOutcome run_delta(App& app, const DeltaRequest& r, JobControl& control) {
   Snapshot base, target;
   if (!take(app, r.bucket, r.object, base)) return failed("Object not found: " + r.object);
   if (!take(app, r.bucket, r.other, target)) return failed("Object not found: " + r.other);
@@ -101,13 +101,13 @@ JobOutcome run_delta(App &app, const DeltaRequest &r, JobControl &control) {
 
 // Applies the patch held by `patch` to `base` into a scratch file whose
 // SHA-1 and size come back; false with the reason.
-bool apply_into(App &app, const Snapshot &base, const Snapshot &patch, std::string &made, std::string &sha1,
-                uint64_t &size, std::string &why) {
+bool apply_into(App& app, const Snapshot& base, const Snapshot& patch, std::string& made, std::string& sha1,
+                uint64_t& size, std::string& why) {
   std::u16string base_path = wide_path(base.path());
-  DiffFileEntry entry{&base_path[0], const_cast<char *>(base.meta.sha1.c_str()), nullptr};
-  DiffFileEntry *head = &entry;
+  DiffFileEntry entry{&base_path[0], const_cast<char*>(base.meta.sha1.c_str()), nullptr};
+  DiffFileEntry* head = &entry;
   made = app.deltas.scratch_path("apply");
-  char *msg = nullptr;
+  char* msg = nullptr;
   int32_t rc = diff_apply_patch(wide_path(made).c_str(), wide_path(patch.path()).c_str(), &head,
                                 wide_path(app.store.tmp_dir()).c_str(), 0, &msg);
   if (rc < 0) {
@@ -124,7 +124,7 @@ bool apply_into(App &app, const Snapshot &base, const Snapshot &patch, std::stri
   return hashed;
 }
 
-JobOutcome run_apply(App &app, const JobOrder &order, const DeltaRequest &r, JobControl &control) {
+JobOutcome run_apply(App& app, const JobOrder& order, const DeltaRequest& r, JobControl& control) {
   PendingPatch pending;
   if (!app.deltas.pending(r.bucket, r.other, pending))
     return failed("No patch waits to be applied to " + r.other);
@@ -147,7 +147,7 @@ JobOutcome run_apply(App &app, const JobOrder &order, const DeltaRequest &r, Job
   std::string details;
   ObjectMeta result;
   bool published = app.deltas.publish_applied(
-      r.bucket, r.other, pending.blob, made, sha1, size, result, [&](const ObjectMeta &m) {
+      r.bucket, r.other, pending.blob, made, sha1, size, result, [&](const ObjectMeta& m) {
         std::string where = object_location(order.host, pending.version, m.bucket, m.key);
         details = object_details_json(m, where, pending.version);
         control.record_finished_locked(details);
@@ -161,7 +161,7 @@ JobOutcome run_apply(App &app, const JobOrder &order, const DeltaRequest &r, Job
 
 }  // namespace
 
-bool valid_sha1(const std::string &text) {
+bool valid_sha1(const std::string& text) {
   if (text.size() != 40) return false;
   for (char c : text) {
     if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
@@ -169,7 +169,7 @@ bool valid_sha1(const std::string &text) {
   return true;
 }
 
-JobOutcome run_delta_job(App &app, const JobOrder &order, JobControl &control) {
+JobOutcome run_delta_job(App& app, const JobOrder& order, JobControl& control) {
   DeltaRequest r;
   std::string why;
   if (!parse_delta_request(order.kind, order.request, r, why)) return failed(why);
@@ -178,10 +178,10 @@ JobOutcome run_delta_job(App &app, const JobOrder &order, JobControl &control) {
   return run_apply(app, order, r, control);
 }
 
-bool parse_delta_request(const std::string &kind, const std::string &body, DeltaRequest &out,
-                         std::string &why) {
+bool parse_delta_request(const std::string& kind, const std::string& body, DeltaRequest& out,
+                         std::string& why) {
   json_error_t err;
-  json_t *root = json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, &err);
+  json_t* root = json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, &err);
   const char *bucket = nullptr, *first = nullptr, *second = nullptr, *sha1 = "";
   json_int_t block = 0;
   int rc = -1;
@@ -201,7 +201,7 @@ bool parse_delta_request(const std::string &kind, const std::string &body, Delta
   if (rc == 0) out = DeltaRequest{bucket, first, second ? second : "", sha1, static_cast<uint64_t>(block)};
   json_decref(root);
   if (rc != 0) return why = std::string("The body does not fit the request: ") + err.text, false;
-  for (char &ch : out.new_sha1) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  for (char& ch : out.new_sha1) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
   if (kind == "applypatch" && !valid_sha1(out.new_sha1))
     return why = "NewObjectSHA1 must be 40 hex digits", false;
   if (kind != "applypatch" && (block < 1 || static_cast<uint64_t>(block) > kMaxBlock))

@@ -11,7 +11,7 @@ Sha1::Sha1() : ctx_(EVP_MD_CTX_new()) { EVP_DigestInit_ex(ctx_, EVP_sha1(), null
 
 Sha1::~Sha1() { EVP_MD_CTX_free(ctx_); }
 
-void Sha1::update(const void *data, size_t len) { EVP_DigestUpdate(ctx_, data, len); }
+void Sha1::update(const void* data, size_t len) { EVP_DigestUpdate(ctx_, data, len); }
 
 std::string Sha1::hex() {
   unsigned char md[EVP_MAX_MD_SIZE];
@@ -26,7 +26,7 @@ std::string Sha1::hex() {
   return out;
 }
 
-bool sha1_file(int fd, std::string &hex) {
+bool sha1_file(int fd, std::string& hex) {
   Sha1 sha;
   std::vector<char> buf(1 << 20);
   off_t off = 0;

@@ -10,7 +10,7 @@
 namespace zelsrv {
 namespace {
 
-bool read_action(json_t *o, FaultAction &a, std::string &why) {
+bool read_action(json_t* o, FaultAction& a, std::string& why) {
   json_t *status = json_object_get(o, "status"), *delay = json_object_get(o, "delay_ms");
   json_t *reset = json_object_get(o, "reset_after_bytes"), *body = json_object_get(o, "body");
   int actions = (status != nullptr) + (delay != nullptr) + (reset != nullptr);
@@ -28,7 +28,7 @@ bool read_action(json_t *o, FaultAction &a, std::string &why) {
       a.body = json_string_value(body);
       a.content_type = "text/plain";
     } else if (body) {
-      char *text = json_dumps(body, JSON_COMPACT | JSON_ENCODE_ANY);
+      char* text = json_dumps(body, JSON_COMPACT | JSON_ENCODE_ANY);
       a.body = text ? text : "";
       free(text);
       a.content_type = "application/json";
@@ -48,8 +48,8 @@ bool read_action(json_t *o, FaultAction &a, std::string &why) {
   return true;
 }
 
-bool read_header_condition(json_t *o, FaultRule &r, std::string &why) {
-  json_t *header = json_object_get(o, "header");
+bool read_header_condition(json_t* o, FaultRule& r, std::string& why) {
+  json_t* header = json_object_get(o, "header");
   if (!header) return true;
   std::string h = json_is_string(header) ? json_string_value(header) : "";
   size_t colon = h.find(':');
@@ -63,14 +63,14 @@ bool read_header_condition(json_t *o, FaultRule &r, std::string &why) {
   return true;
 }
 
-bool read_rule(json_t *o, FaultRule &r, std::string &why) {
+bool read_rule(json_t* o, FaultRule& r, std::string& why) {
   if (!json_is_object(o)) {
     why = "A rule must be a JSON object";
     return false;
   }
   json_t *method = json_object_get(o, "method"), *path = json_object_get(o, "path");
   json_t *times = json_object_get(o, "times"), *prob = json_object_get(o, "probability");
-  json_t *seed = json_object_get(o, "seed");
+  json_t* seed = json_object_get(o, "seed");
   r.method = json_is_string(method) ? json_string_value(method) : "";
   RE2::Options opts;
   opts.set_log_errors(false);
@@ -92,9 +92,9 @@ bool read_rule(json_t *o, FaultRule &r, std::string &why) {
   return read_header_condition(o, r, why) && read_action(o, r.action, why);
 }
 
-bool header_matches(const FaultRule &r, const HeaderLines &headers) {
+bool header_matches(const FaultRule& r, const HeaderLines& headers) {
   if (r.header_name.empty()) return true;
-  for (const auto &h : headers)
+  for (const auto& h : headers)
     if (strcasecmp(h.first.c_str(), r.header_name.c_str()) == 0 &&
         h.second.find(r.header_part) != std::string::npos)
       return true;
@@ -103,9 +103,9 @@ bool header_matches(const FaultRule &r, const HeaderLines &headers) {
 
 }  // namespace
 
-bool Faults::add_json(const std::string &text, std::string &why) {
+bool Faults::add_json(const std::string& text, std::string& why) {
   json_error_t err;
-  json_t *root = json_loadb(text.data(), text.size(), 0, &err);
+  json_t* root = json_loadb(text.data(), text.size(), 0, &err);
   if (!root) {
     why = std::string("Malformed JSON: ") + err.text;
     return false;
@@ -114,7 +114,7 @@ bool Faults::add_json(const std::string &text, std::string &why) {
   bool ok = true;
   if (json_is_array(root)) {
     size_t i;
-    json_t *e;
+    json_t* e;
     json_array_foreach(root, i, e) {
       added.push_back(std::make_shared<FaultRule>());
       if (!(ok = read_rule(e, *added.back(), why))) break;
@@ -130,18 +130,18 @@ bool Faults::add_json(const std::string &text, std::string &why) {
     why = "At most " + std::to_string(kMaxRules) + " fault rules may be held at once";
     return false;
   }
-  for (auto &r : added) rules_.push_back(std::move(r));
+  for (auto& r : added) rules_.push_back(std::move(r));
   return true;
 }
 
 void Faults::clear() {
   std::lock_guard<std::mutex> lock(mu_);
-  for (auto &r : rules_) r->times = 0;  // a snapshot taken before must not fire them
+  for (auto& r : rules_) r->times = 0;  // a snapshot taken before must not fire them
   rules_.clear();
 }
 
-bool Faults::match(const std::string &method, const std::string &path, const HeaderLines &headers,
-                   FaultAction &out) {
+bool Faults::match(const std::string& method, const std::string& path, const HeaderLines& headers,
+                   FaultAction& out) {
   std::vector<std::shared_ptr<FaultRule>> rules;
   {
     std::lock_guard<std::mutex> lock(mu_);
@@ -150,21 +150,21 @@ bool Faults::match(const std::string &method, const std::string &path, const Hea
   }
   // The conditions never change after a rule is added, so they are tested
   // on a snapshot; only the firing (times, random draw) needs the lock.
-  std::vector<FaultRule *> matching;
-  for (const auto &p : rules) {
-    const FaultRule &r = *p;
+  std::vector<FaultRule*> matching;
+  for (const auto& p : rules) {
+    const FaultRule& r = *p;
     if (!r.method.empty() && strcasecmp(r.method.c_str(), method.c_str()) != 0) continue;
     if (RE2::PartialMatch(path, *r.path) && header_matches(r, headers)) matching.push_back(p.get());
   }
   if (matching.empty()) return false;
   std::lock_guard<std::mutex> lock(mu_);
-  for (FaultRule *r : matching) {
+  for (FaultRule* r : matching) {
     if (r->times == 0) continue;  // used up, or cleared, since the snapshot
     if (r->probability < 1.0 && std::uniform_real_distribution<double>(0.0, 1.0)(r->rng) >= r->probability)
       continue;
     out = r->action;
     if (r->times > 0 && --r->times == 0)
-      rules_.erase(std::remove_if(rules_.begin(), rules_.end(), [r](const auto &p) { return p.get() == r; }),
+      rules_.erase(std::remove_if(rules_.begin(), rules_.end(), [r](const auto& p) { return p.get() == r; }),
                    rules_.end());
     return true;
   }

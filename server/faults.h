@@ -46,12 +46,12 @@ class Faults {
   static constexpr size_t kMaxRules = 1000;
 
   // Adds one rule (a JSON object) or several (an array); all or none.
-  bool add_json(const std::string &text, std::string &why);
+  bool add_json(const std::string& text, std::string& why);
   void clear();
   // The action of the first rule that matches and fires; each firing uses
   // one of the rule's times. Patterns are evaluated without the lock.
-  bool match(const std::string &method, const std::string &path, const HeaderLines &headers,
-             FaultAction &out);
+  bool match(const std::string& method, const std::string& path, const HeaderLines& headers,
+             FaultAction& out);
 
  private:
   std::mutex mu_;  // guards rules_ and each rule's times and rng

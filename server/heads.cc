@@ -24,7 +24,7 @@ void close_fd(int fd) {
 }  // namespace
 
 // The value of header `name` in `head`, case-insensitive; empty when absent.
-std::string head_value(const std::string &head, const char *name) {
+std::string head_value(const std::string& head, const char* name) {
   size_t n = std::strlen(name);
   for (size_t p = head.find("\r\n"); p != std::string::npos && p + 2 < head.size();
        p = head.find("\r\n", p + 2)) {
@@ -37,7 +37,7 @@ std::string head_value(const std::string &head, const char *name) {
   return std::string();
 }
 
-bool head_complete(const std::string &bytes) {
+bool head_complete(const std::string& bytes) {
   size_t end = bytes.find("\r\n\r\n");
   if (end == std::string::npos) return false;
   std::string head = bytes.substr(0, end + 2);
@@ -45,7 +45,7 @@ bool head_complete(const std::string &bytes) {
   uint64_t want = 0;
   std::string length = head_value(head, "Content-Length");
   if (!length.empty()) {
-    char *stop = nullptr;
+    char* stop = nullptr;
     want = std::strtoull(length.c_str(), &stop, 10);
     if (*stop != '\0') want = 0;  // cpp-httplib refuses it; no reason to wait
   } else if (!head_value(head, "Transfer-Encoding").empty()) {
@@ -82,10 +82,10 @@ void HeadWaiter::stop() {
   }
   wake();
   if (thread_.joinable()) thread_.join();
-  for (auto &w : waiting_) close_fd(w.first);
+  for (auto& w : waiting_) close_fd(w.first);
   waiting_.clear();
   std::lock_guard<std::mutex> lock(mu_);
-  for (auto &w : incoming_) close_fd(w.first);
+  for (auto& w : incoming_) close_fd(w.first);
   incoming_.clear();
 }
 
@@ -116,7 +116,7 @@ void HeadWaiter::take_incoming() {
     std::lock_guard<std::mutex> lock(mu_);
     taken.swap(incoming_);
   }
-  for (auto &t : taken) {
+  for (auto& t : taken) {
     int fd = t.first;
     if (head_complete(t.second.bytes)) {
       ready_(fd, std::move(t.second.bytes));
@@ -142,7 +142,7 @@ void HeadWaiter::drop(int fd) {
 void HeadWaiter::on_readable(int fd) {
   auto it = waiting_.find(fd);
   if (it == waiting_.end()) return;
-  Waiting &w = it->second;
+  Waiting& w = it->second;
   char buf[16 * 1024];
   ssize_t n = ::recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
   if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
@@ -166,7 +166,7 @@ void HeadWaiter::on_readable(int fd) {
 void HeadWaiter::expire() {
   Clock::time_point now = Clock::now();
   std::vector<int> late;
-  for (const auto &w : waiting_)
+  for (const auto& w : waiting_)
     if (w.second.deadline <= now) late.push_back(w.first);
   for (int fd : late) drop(fd);
 }

@@ -19,7 +19,7 @@ namespace zelsrv {
 // the start of its body: up to kEarlyBody bytes of it, fewer when the body
 // is shorter, none when the client waits for "100 Continue" first. A request
 // thread is given only to requests that got this far.
-bool head_complete(const std::string &bytes);
+bool head_complete(const std::string& bytes);
 
 class HeadWaiter {
  public:
@@ -31,8 +31,8 @@ class HeadWaiter {
 
   HeadWaiter(Ready ready, int head_timeout_ms, int idle_timeout_ms);
   ~HeadWaiter();
-  HeadWaiter(const HeadWaiter &) = delete;
-  HeadWaiter &operator=(const HeadWaiter &) = delete;
+  HeadWaiter(const HeadWaiter&) = delete;
+  HeadWaiter& operator=(const HeadWaiter&) = delete;
 
   bool start();
   // Closes every waiting connection; later add() calls close theirs at once.

@@ -27,7 +27,7 @@ int direct_flag() {
 
 }  // namespace
 
-int open_for_ingest(const std::string &path, int extra) {
+int open_for_ingest(const std::string& path, int extra) {
   int flags = O_WRONLY | O_CREAT | O_CLOEXEC | extra;
   int fd = direct_flag() ? ::open(path.c_str(), flags | direct_flag(), 0644) : -1;
   // Some file systems (tmpfs among them) refuse direct access.
@@ -35,13 +35,13 @@ int open_for_ingest(const std::string &path, int extra) {
   return fd;
 }
 
-void BlockWriter::FreeDeleter::operator()(char *p) const { std::free(p); }
+void BlockWriter::FreeDeleter::operator()(char* p) const { std::free(p); }
 
-BlockWriter::BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1 *sha)
+BlockWriter::BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1* sha)
     : fd_(fd), next_offset_(offset), cap_(cap), sha_(sha) {
-  void *p = nullptr;
+  void* p = nullptr;
   if (posix_memalign(&p, kAlign, kBlock) == 0) {
-    cur_.data.reset(static_cast<char *>(p));
+    cur_.data.reset(static_cast<char*>(p));
     cur_.offset = offset;
     cur_ok_ = true;
     buffers_ = 1;
@@ -63,7 +63,7 @@ void BlockWriter::stop_helper() {
 
 size_t BlockWriter::room() const { return kBlock - static_cast<size_t>(cur_.offset % kAlign) - cur_.used; }
 
-bool BlockWriter::add(const char *d, size_t n) {
+bool BlockWriter::add(const char* d, size_t n) {
   if (!cur_ok_) return false;
   uint64_t room_left = received_ < cap_ ? cap_ - received_ : 0;
   size_t keep = static_cast<size_t>(std::min<uint64_t>(n, room_left));
@@ -89,9 +89,9 @@ bool BlockWriter::hand_off() {
     if (!helper_.joinable()) helper_ = std::thread([this] { drain(); });
     cv_.notify_all();
     if (spare_.empty() && buffers_ < kBuffers) {
-      void *p = nullptr;
+      void* p = nullptr;
       if (posix_memalign(&p, kAlign, kBlock) == 0) {
-        fresh.reset(static_cast<char *>(p));
+        fresh.reset(static_cast<char*>(p));
         ++buffers_;
       }
     }
@@ -125,7 +125,7 @@ void BlockWriter::drain() {
   }
 }
 
-bool BlockWriter::store(const Block &b) {
+bool BlockWriter::store(const Block& b) {
   if (sha_) sha_->update(b.data.get(), b.used);
   return write_out(b.data.get(), b.used, b.offset);
 }
@@ -136,7 +136,7 @@ void BlockWriter::go_buffered() {
   direct_ = false;
 }
 
-bool BlockWriter::write_out(const char *d, size_t n, uint64_t at) {
+bool BlockWriter::write_out(const char* d, size_t n, uint64_t at) {
   size_t done = 0;
   while (done < n) {
     // Only whole aligned blocks may go direct; the ends of an unaligned

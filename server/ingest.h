@@ -21,7 +21,7 @@ namespace zelsrv {
 // Opens (creating it when missing, with `extra` flags such as O_EXCL) a file
 // that received bytes are written to; -1 on failure. Where the file system
 // allows it, the descriptor writes around the page cache.
-int open_for_ingest(const std::string &path, int extra);
+int open_for_ingest(const std::string& path, int extra);
 
 // Gathers body pieces into large blocks written at increasing offsets. Bytes
 // beyond `cap` are counted but never written, so a chunk longer than its
@@ -34,13 +34,13 @@ int open_for_ingest(const std::string &path, int extra);
 // starts the helper.
 class BlockWriter {
  public:
-  BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1 *sha);
+  BlockWriter(int fd, uint64_t offset, uint64_t cap, Sha1* sha);
   ~BlockWriter();
-  BlockWriter(const BlockWriter &) = delete;
-  BlockWriter &operator=(const BlockWriter &) = delete;
+  BlockWriter(const BlockWriter&) = delete;
+  BlockWriter& operator=(const BlockWriter&) = delete;
 
   // False once a write failed; the caller stops the body then.
-  bool add(const char *d, size_t n);
+  bool add(const char* d, size_t n);
   // Writes and hashes everything gathered and waits for it; call once the
   // body has ended. True when every kept byte reached the file.
   bool flush();
@@ -48,7 +48,7 @@ class BlockWriter {
 
  private:
   struct FreeDeleter {
-    void operator()(char *p) const;
+    void operator()(char* p) const;
   };
   using Buffer = std::unique_ptr<char, FreeDeleter>;
   struct Block {
@@ -62,15 +62,15 @@ class BlockWriter {
   size_t room() const;
   bool hand_off();  // queues the current block and takes a free one
   void drain();     // the helper's loop
-  bool store(const Block &b);
-  bool write_out(const char *d, size_t n, uint64_t at);
+  bool store(const Block& b);
+  bool write_out(const char* d, size_t n, uint64_t at);
   void go_buffered();
   void stop_helper();
 
   int fd_;
   uint64_t next_offset_;  // file offset of the current block's first byte
   uint64_t cap_;
-  Sha1 *sha_;
+  Sha1* sha_;
   bool direct_ = false;  // touched by one thread at a time: hand-offs order it
   uint64_t received_ = 0;
   Block cur_;

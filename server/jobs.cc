@@ -18,16 +18,16 @@ const char kSchema[] =
 // A job cut short by this many restarts is not tried again.
 const int64_t kMaxRuns = 3;
 
-std::string dump(json_t *j) {
-  char *text = json_dumps(j, JSON_COMPACT | JSON_PRESERVE_ORDER);
+std::string dump(json_t* j) {
+  char* text = json_dumps(j, JSON_COMPACT | JSON_PRESERVE_ORDER);
   json_decref(j);
   std::string out = text ? text : "";
   free(text);
   return out;
 }
 
-json_t *json_or_string(const std::string &text) {
-  json_t *j = json_loads(text.c_str(), 0, nullptr);
+json_t* json_or_string(const std::string& text) {
+  json_t* j = json_loads(text.c_str(), 0, nullptr);
   return j ? j : json_string(text.c_str());
 }
 
@@ -39,16 +39,16 @@ void JobControl::progress(int percent) {
   if (it != jobs_.jobs_.end()) it->second.progress = percent;
 }
 
-void JobControl::record_finished_locked(const std::string &description) {
+void JobControl::record_finished_locked(const std::string& description) {
   jobs_.write_end_locked(id_, kJobFinished, description);
 }
 
-std::string Jobs::answer_json(int progress, int code, const std::string &description, const std::string &id) {
+std::string Jobs::answer_json(int progress, int code, const std::string& description, const std::string& id) {
   return dump(json_pack("{s:i, s:i, s:s%, s:s%}", "Progress", progress, "Code", code, "Description",
                         description.data(), description.size(), "DocumentID", id.data(), id.size()));
 }
 
-bool Jobs::open(std::string &err) {
+bool Jobs::open(std::string& err) {
   std::vector<Job> loaded;
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
@@ -68,13 +68,13 @@ bool Jobs::open(std::string &err) {
       loaded.push_back(j);
     }
   }
-  for (Job &j : loaded) recover_row(j, j.code);
+  for (Job& j : loaded) recover_row(j, j.code);
   return true;
 }
 
 // A job that was queued or running when the server stopped starts over, or
 // fails once it has been cut short too often.
-void Jobs::recover_row(Job &job, int state) {
+void Jobs::recover_row(Job& job, int state) {
   const std::string id = job.order.id;
   bool open_job = state == kJobQueued || state == kJobRunning;
   if (open_job && job.order.runs >= kMaxRuns) {
@@ -102,11 +102,11 @@ void Jobs::stop() {
     stopping_ = true;
   }
   cv_.notify_all();
-  for (auto &t : threads_) t.join();
+  for (auto& t : threads_) t.join();
   threads_.clear();
 }
 
-bool Jobs::submit(JobOrder &order, const std::string &status_base) {
+bool Jobs::submit(JobOrder& order, const std::string& status_base) {
   order.id = random_hex_id();
   order.token = random_hex_id() + random_hex_id();
   order.public_url = status_base + order.token;
@@ -142,7 +142,7 @@ bool Jobs::submit(JobOrder &order, const std::string &status_base) {
   return true;
 }
 
-void Jobs::apply_script(Job &job) {
+void Jobs::apply_script(Job& job) {
   for (auto it = scripts_.begin(); it != scripts_.end(); ++it) {
     if (!it->kind.empty() && it->kind != job.order.kind) continue;
     job.empty_polls = it->empty_polls;
@@ -156,7 +156,7 @@ void Jobs::apply_script(Job &job) {
   }
 }
 
-std::string Jobs::status_locked(Job &job) {
+std::string Jobs::status_locked(Job& job) {
   ++polls_;
   ++job.polls;
   if (job.empty_polls > 0) {
@@ -176,7 +176,7 @@ std::string Jobs::status_locked(Job &job) {
   return answer_json(job.progress, job.code, ended ? job.description : job.order.public_url, job.order.id);
 }
 
-bool Jobs::status_by_id(const std::string &kind, const std::string &id, std::string &json) {
+bool Jobs::status_by_id(const std::string& kind, const std::string& id, std::string& json) {
   std::lock_guard<std::mutex> lock(mu_);
   auto it = jobs_.find(id);
   if (it == jobs_.end() || it->second.order.kind != kind) return false;
@@ -184,7 +184,7 @@ bool Jobs::status_by_id(const std::string &kind, const std::string &id, std::str
   return true;
 }
 
-bool Jobs::status_by_token(const std::string &token, std::string &json) {
+bool Jobs::status_by_token(const std::string& token, std::string& json) {
   std::lock_guard<std::mutex> lock(mu_);
   auto t = by_token_.find(token);
   if (t == by_token_.end()) return false;
@@ -192,13 +192,13 @@ bool Jobs::status_by_token(const std::string &token, std::string &json) {
   return true;
 }
 
-bool Jobs::next(std::string &id, JobOrder &order, std::string &fail, int64_t &delay_ms) {
+bool Jobs::next(std::string& id, JobOrder& order, std::string& fail, int64_t& delay_ms) {
   std::unique_lock<std::mutex> lock(mu_);
   cv_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
   if (stopping_) return false;
   id = queue_.front();
   queue_.pop_front();
-  Job &job = jobs_[id];
+  Job& job = jobs_[id];
   job.code = kJobRunning;
   job.order.runs++;
   order = job.order;
@@ -236,7 +236,7 @@ void Jobs::worker(Runner run) {
   }
 }
 
-void Jobs::write_end_locked(const std::string &id, int code, const std::string &text) {
+void Jobs::write_end_locked(const std::string& id, int code, const std::string& text) {
   store_.set_durable(true);
   Stmt(store_, "UPDATE delta_jobs SET state = ?, description = ? WHERE id = ?")
       .bind(1, int64_t(code))
@@ -245,19 +245,19 @@ void Jobs::write_end_locked(const std::string &id, int code, const std::string &
       .done();
 }
 
-void Jobs::end(const std::string &id, int code, const std::string &text, bool recorded) {
+void Jobs::end(const std::string& id, int code, const std::string& text, bool recorded) {
   if (!recorded) {
     std::lock_guard<std::mutex> lock(store_.mutex());
     write_end_locked(id, code, text);
   }
   std::lock_guard<std::mutex> lock(mu_);
-  Job &job = jobs_[id];
+  Job& job = jobs_[id];
   job.code = code;
   job.description = text;
   if (code == kJobFinished) job.progress = 100;
 }
 
-void Jobs::add_script(const JobScript &script) {
+void Jobs::add_script(const JobScript& script) {
   std::lock_guard<std::mutex> lock(mu_);
   scripts_.push_back(script);
 }
@@ -269,9 +269,9 @@ void Jobs::clear_scripts() {
 
 std::string Jobs::report_json() {
   std::lock_guard<std::mutex> lock(mu_);
-  json_t *list = json_array();
-  for (const auto &entry : jobs_) {
-    const Job &j = entry.second;
+  json_t* list = json_array();
+  for (const auto& entry : jobs_) {
+    const Job& j = entry.second;
     json_array_append_new(
         list, json_pack("{s:s, s:s, s:i, s:i, s:s, s:I, s:I, s:o, s:o}", "DocumentID", j.order.id.c_str(),
                         "Kind", j.order.kind.c_str(), "Code", j.code, "Progress", j.progress, "Description",

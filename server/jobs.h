@@ -63,44 +63,44 @@ class Jobs;
 // must write it inside its own transaction.
 class JobControl {
  public:
-  JobControl(Jobs &jobs, const std::string &id) : jobs_(jobs), id_(id) {}
+  JobControl(Jobs& jobs, const std::string& id) : jobs_(jobs), id_(id) {}
   void progress(int percent);
   // Writes the finished row; the caller holds the store's mutex.
-  void record_finished_locked(const std::string &description);
+  void record_finished_locked(const std::string& description);
 
  private:
-  Jobs &jobs_;
+  Jobs& jobs_;
   std::string id_;
 };
 
 class Jobs {
  public:
-  using Runner = std::function<JobOutcome(const JobOrder &, JobControl &)>;
+  using Runner = std::function<JobOutcome(const JobOrder&, JobControl&)>;
 
-  explicit Jobs(Store &store) : store_(store) {}
+  explicit Jobs(Store& store) : store_(store) {}
   ~Jobs() { stop(); }
-  Jobs(const Jobs &) = delete;
-  Jobs &operator=(const Jobs &) = delete;
+  Jobs(const Jobs&) = delete;
+  Jobs& operator=(const Jobs&) = delete;
 
   // Tables, and the jobs of earlier runs: interrupted ones are queued again
   // or failed. Call before start.
-  bool open(std::string &err);
+  bool open(std::string& err);
   void start(size_t threads, Runner run);
   // Lets running jobs end and stops the threads; queued jobs stay queued.
   void stop();
 
   // Registers the job durably and queues it; fills id, token and public_url
   // (from `status_base`, which the token is appended to).
-  bool submit(JobOrder &order, const std::string &status_base);
+  bool submit(JobOrder& order, const std::string& status_base);
   // The status body of a job by kind and id, or by public token; false when
   // there is no such job.
-  bool status_by_id(const std::string &kind, const std::string &id, std::string &json);
-  bool status_by_token(const std::string &token, std::string &json);
+  bool status_by_id(const std::string& kind, const std::string& id, std::string& json);
+  bool status_by_token(const std::string& token, std::string& json);
   // The answer to a create or apply request.
-  static std::string answer_json(int progress, int code, const std::string &description,
-                                 const std::string &id);
+  static std::string answer_json(int progress, int code, const std::string& description,
+                                 const std::string& id);
 
-  void add_script(const JobScript &script);
+  void add_script(const JobScript& script);
   void clear_scripts();
   // Every job with its state, polls and recorded headers, and the number of
   // status requests answered.
@@ -124,14 +124,14 @@ class Jobs {
   };
 
   void worker(Runner run);
-  bool next(std::string &id, JobOrder &order, std::string &fail, int64_t &delay_ms);
-  void end(const std::string &id, int code, const std::string &text, bool recorded);
-  void write_end_locked(const std::string &id, int code, const std::string &text);
-  std::string status_locked(Job &job);
-  void apply_script(Job &job);
-  void recover_row(Job &job, int state);
+  bool next(std::string& id, JobOrder& order, std::string& fail, int64_t& delay_ms);
+  void end(const std::string& id, int code, const std::string& text, bool recorded);
+  void write_end_locked(const std::string& id, int code, const std::string& text);
+  std::string status_locked(Job& job);
+  void apply_script(Job& job);
+  void recover_row(Job& job, int state);
 
-  Store &store_;
+  Store& store_;
   std::mutex mu_;
   std::condition_variable cv_;
   std::unordered_map<std::string, Job> jobs_;

@@ -23,14 +23,14 @@ using namespace zelsrv;
 namespace {
 
 std::string make_temp_dir() {
-  const char *base = std::getenv("TMPDIR");
+  const char* base = std::getenv("TMPDIR");
   std::string tmpl = std::string(base && *base ? base : "/tmp") + "/zel-server-XXXXXX";
   std::vector<char> buf(tmpl.begin(), tmpl.end());
   buf.push_back('\0');
   return mkdtemp(buf.data()) ? std::string(buf.data()) : std::string();
 }
 
-bool load_faults(App &app, std::string &err) {
+bool load_faults(App& app, std::string& err) {
   if (app.opts.faults_file.empty()) return true;
   std::ifstream in(app.opts.faults_file);
   if (!in) {
@@ -45,8 +45,8 @@ bool load_faults(App &app, std::string &err) {
   return false;
 }
 
-bool prepare(App &app, std::string &err) {
-  for (const auto &t : app.opts.tokens) app.auth.add(t.first, t.second);
+bool prepare(App& app, std::string& err) {
+  for (const auto& t : app.opts.tokens) app.auth.add(t.first, t.second);
   if (!app.store.open(app.opts.data, err) || !load_faults(app, err)) return false;
   app.objects.check_files();
   app.sessions.recover();
@@ -54,12 +54,12 @@ bool prepare(App &app, std::string &err) {
   return start_delta_engine(app, err);
 }
 
-int bind_server(WireServer &server, const Options &opts) {
+int bind_server(WireServer& server, const Options& opts) {
   if (opts.port == 0) return server.bind_to_any_port(opts.host);
   return server.bind_to_port(opts.host, opts.port) ? opts.port : -1;
 }
 
-WireLimits limits_of(const Options &opts) {
+WireLimits limits_of(const Options& opts) {
   WireLimits l;
   l.threads = opts.threads;
   l.head_timeout_ms = opts.client_timeout_sec * 1000;
@@ -75,7 +75,7 @@ std::string g_temporary_data;
 // stops the server. Requests still running a moment later (the hash of a
 // large file, say) do not hold the exit up: the process ends without them,
 // which loses nothing that was acknowledged.
-void stop_on_signal(App &app, WireServer &server, const std::atomic<bool> &done) {
+void stop_on_signal(App& app, WireServer& server, const std::atomic<bool>& done) {
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
@@ -101,14 +101,14 @@ void stop_on_signal(App &app, WireServer &server, const std::atomic<bool> &done)
 }
 
 // Drops idle upload sessions now and then, until the server stops.
-void sweep_sessions(App &app) {
+void sweep_sessions(App& app) {
   int64_t ttl_ms = app.opts.session_ttl_sec * 1000;
   int64_t period_ms = std::min<int64_t>(60 * 1000, std::max<int64_t>(200, ttl_ms / 4));
   do app.sessions.expire(ttl_ms);
   while (app.stop.sleep_ms(period_ms));
 }
 
-int serve(App &app) {
+int serve(App& app) {
   WireServer server(limits_of(app.opts));
   install_routes(server, app);
   int port = bind_server(server, app.opts);
@@ -136,7 +136,7 @@ int serve(App &app) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);

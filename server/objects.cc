@@ -18,7 +18,7 @@ namespace {
 
 const int64_t kDayMs = 24LL * 3600 * 1000;
 
-bool copy_file(const std::string &from, const std::string &to) {
+bool copy_file(const std::string& from, const std::string& to) {
   int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return false;
   int out = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -37,7 +37,7 @@ bool copy_file(const std::string &from, const std::string &to) {
 
 }  // namespace
 
-bool Objects::read_row(const std::string &bucket, const std::string &key, bool deleted, ObjectMeta &out) {
+bool Objects::read_row(const std::string& bucket, const std::string& key, bool deleted, ObjectMeta& out) {
   Stmt st(store_,
           "SELECT blob, size, sha1, content_type, created, modified, accessed FROM objects"
           " WHERE bucket = ? AND key = ? AND deleted = ?");
@@ -54,7 +54,7 @@ bool Objects::read_row(const std::string &bucket, const std::string &key, bool d
   return true;
 }
 
-int64_t Objects::expiry(const std::string &bucket, int64_t from) {
+int64_t Objects::expiry(const std::string& bucket, int64_t from) {
   Stmt st(store_, "SELECT policy FROM buckets WHERE key = ?");
   std::string policy = st.bind(1, bucket).row() ? st.text(0) : "persistent";
   if (policy == "transient") return from + kDayMs;
@@ -62,12 +62,12 @@ int64_t Objects::expiry(const std::string &bucket, int64_t from) {
   return 0;
 }
 
-bool Objects::get(const std::string &bucket, const std::string &key, ObjectMeta &out) {
+bool Objects::get(const std::string& bucket, const std::string& key, ObjectMeta& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   return read_row(bucket, key, false, out);
 }
 
-int Objects::open_live(const std::string &bucket, const std::string &key, ObjectMeta &out) {
+int Objects::open_live(const std::string& bucket, const std::string& key, ObjectMeta& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   if (!read_row(bucket, key, false, out)) return -1;
   int fd = open(store_.blob_path(out.blob).c_str(), O_RDONLY | O_CLOEXEC);
@@ -83,7 +83,7 @@ int Objects::open_live(const std::string &bucket, const std::string &key, Object
   return fd;
 }
 
-void Objects::publish(ObjectMeta &m, int64_t session_row) {
+void Objects::publish(ObjectMeta& m, int64_t session_row) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   std::string old_blob;
   m.modified = m.accessed = now_ms();
@@ -116,7 +116,7 @@ void Objects::publish(ObjectMeta &m, int64_t session_row) {
   if (!old_blob.empty() && old_blob != m.blob) unlink(store_.blob_path(old_blob).c_str());
 }
 
-bool Objects::remove(const std::string &bucket, const std::string &key) {
+bool Objects::remove(const std::string& bucket, const std::string& key) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(true);
   Stmt(store_, "UPDATE objects SET deleted = 1, modified = ? WHERE bucket = ? AND key = ? AND deleted = 0")
@@ -127,7 +127,7 @@ bool Objects::remove(const std::string &bucket, const std::string &key) {
   return sqlite3_changes(store_.db()) == 1;
 }
 
-bool Objects::undelete(const std::string &bucket, const std::string &key) {
+bool Objects::undelete(const std::string& bucket, const std::string& key) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(true);
   Stmt(store_, "UPDATE objects SET deleted = 0, modified = ? WHERE bucket = ? AND key = ? AND deleted = 1")
@@ -138,14 +138,14 @@ bool Objects::undelete(const std::string &bucket, const std::string &key) {
   return sqlite3_changes(store_.db()) == 1;
 }
 
-bool Objects::clone_blob(const std::string &from, const std::string &to) {
+bool Objects::clone_blob(const std::string& from, const std::string& to) {
   // A hard link shares the bytes; object files are never written in place.
   if (link(store_.blob_path(from).c_str(), store_.blob_path(to).c_str()) == 0) return true;
   return copy_file(store_.blob_path(from), store_.blob_path(to));
 }
 
-bool Objects::copy(const std::string &bucket, const std::string &src, const std::string &dst,
-                   ObjectMeta &out) {
+bool Objects::copy(const std::string& bucket, const std::string& src, const std::string& dst,
+                   ObjectMeta& out) {
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
     if (!read_row(bucket, src, false, out)) return false;
@@ -159,7 +159,7 @@ bool Objects::copy(const std::string &bucket, const std::string &src, const std:
   return true;
 }
 
-bool Objects::reset_expiration(const std::string &bucket, const std::string &key, ObjectMeta &out) {
+bool Objects::reset_expiration(const std::string& bucket, const std::string& key, ObjectMeta& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   if (!read_row(bucket, key, false, out)) return false;
   store_.set_durable(true);
@@ -178,8 +178,8 @@ void Objects::remove_orphans() {
     Stmt st(store_, "SELECT blob FROM objects");
     while (st.row()) known.insert(st.text(0));
   }
-  if (DIR *d = opendir(store_.objects_dir().c_str())) {
-    while (dirent *e = readdir(d)) {
+  if (DIR* d = opendir(store_.objects_dir().c_str())) {
+    while (dirent* e = readdir(d)) {
       std::string name = e->d_name;
       if (name != "." && name != ".." && !known.count(name)) unlink(store_.blob_path(name).c_str());
     }
@@ -200,7 +200,7 @@ void Objects::check_files() {
     Stmt st(store_, "SELECT bucket, key, blob, size FROM objects");
     while (st.row()) all.push_back(Found{st.text(0), st.text(1), st.text(2), st.i64(3)});
   }
-  for (const auto &f : all) {
+  for (const auto& f : all) {
     struct stat st;
     int64_t on_disk =
         stat(store_.blob_path(f.blob).c_str(), &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;

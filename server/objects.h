@@ -23,21 +23,21 @@ struct ObjectMeta {
 
 class Objects {
  public:
-  explicit Objects(Store &store) : store_(store) {}
+  explicit Objects(Store& store) : store_(store) {}
 
-  bool get(const std::string &bucket, const std::string &key, ObjectMeta &out);
+  bool get(const std::string& bucket, const std::string& key, ObjectMeta& out);
   // Opens the live object's file with the store locked, so that a concurrent
   // replace cannot unlink it in between; -1 when there is no such object.
-  int open_live(const std::string &bucket, const std::string &key, ObjectMeta &out);
+  int open_live(const std::string& bucket, const std::string& key, ObjectMeta& out);
   // Makes `m`, whose file is already durable in the objects directory, the
   // object at its key; `session_row`, when not 0, is marked complete in the
   // same transaction.
-  void publish(ObjectMeta &m, int64_t session_row = 0);
-  bool remove(const std::string &bucket, const std::string &key);
-  bool undelete(const std::string &bucket, const std::string &key);
+  void publish(ObjectMeta& m, int64_t session_row = 0);
+  bool remove(const std::string& bucket, const std::string& key);
+  bool undelete(const std::string& bucket, const std::string& key);
   // False when there is no live source object.
-  bool copy(const std::string &bucket, const std::string &src, const std::string &dst, ObjectMeta &out);
-  bool reset_expiration(const std::string &bucket, const std::string &key, ObjectMeta &out);
+  bool copy(const std::string& bucket, const std::string& src, const std::string& dst, ObjectMeta& out);
+  bool reset_expiration(const std::string& bucket, const std::string& key, ObjectMeta& out);
   // Removes files that no row names: leftovers of uploads cut short.
   void remove_orphans();
   // At start: an object whose file is missing or not of its recorded size is
@@ -46,11 +46,11 @@ class Objects {
   void check_files();
 
  private:
-  bool read_row(const std::string &bucket, const std::string &key, bool deleted, ObjectMeta &out);
-  int64_t expiry(const std::string &bucket, int64_t from);
-  bool clone_blob(const std::string &from, const std::string &to);
+  bool read_row(const std::string& bucket, const std::string& key, bool deleted, ObjectMeta& out);
+  int64_t expiry(const std::string& bucket, int64_t from);
+  bool clone_blob(const std::string& from, const std::string& to);
 
-  Store &store_;
+  Store& store_;
 };
 
 }  // namespace zelsrv

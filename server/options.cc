@@ -6,13 +6,13 @@
 namespace zelsrv {
 namespace {
 
-bool parse_int(const char *s, long lo, long hi, long &out) {
-  char *end = nullptr;
+bool parse_int(const char* s, long lo, long hi, long& out) {
+  char* end = nullptr;
   out = std::strtol(s, &end, 10);
   return end && *end == '\0' && end != s && out >= lo && out <= hi;
 }
 
-bool take_token(const std::string &v, Options &out, std::string &err) {
+bool take_token(const std::string& v, Options& out, std::string& err) {
   size_t eq = v.find('=');
   if (eq == std::string::npos || eq == 0 || eq + 1 == v.size()) {
     err = "--token wants TOKEN=AUTH_ID, got '" + v + "'";
@@ -24,7 +24,7 @@ bool take_token(const std::string &v, Options &out, std::string &err) {
 
 // Options that take a number; false when `a` is none of them or the value
 // is out of range.
-bool take_number(const std::string &a, const char *v, Options &out) {
+bool take_number(const std::string& a, const char* v, Options& out) {
   long n = 0;
   if (a == "--port" && parse_int(v, 0, 65535, n)) {
     out.port = static_cast<int>(n);
@@ -44,7 +44,7 @@ bool take_number(const std::string &a, const char *v, Options &out) {
 
 }  // namespace
 
-const char *usage_text() {
+const char* usage_text() {
   return "usage: zel-server [--host 127.0.0.1] [--port 9000] [--data DIR] [--token TOKEN=AUTH_ID]...\n"
          "                  [--test-api] [--faults FILE] [--threads N] [--delta-threads N]\n"
          "                  [--log-requests] [--client-timeout SECONDS] [--session-ttl SECONDS]\n"
@@ -59,7 +59,7 @@ const char *usage_text() {
          "  --session-ttl: upload sessions untouched for this long are dropped (default 604800).\n";
 }
 
-bool parse_options(int argc, char **argv, Options &out, std::string &err) {
+bool parse_options(int argc, char** argv, Options& out, std::string& err) {
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     bool has_value = i + 1 < argc;

@@ -13,7 +13,7 @@
 
 namespace zelsrv {
 
-std::vector<std::string> split_path(const std::string &path) {
+std::vector<std::string> split_path(const std::string& path) {
   std::vector<std::string> out;
   size_t p = 1;
   while (p <= path.size()) {
@@ -27,7 +27,7 @@ std::vector<std::string> split_path(const std::string &path) {
 
 namespace {
 
-bool match_route(const Route &r, const std::vector<std::string> &segs, std::vector<std::string> &args) {
+bool match_route(const Route& r, const std::vector<std::string>& segs, std::vector<std::string>& args) {
   std::vector<std::string> pat = split_path(std::string("/") + r.pattern);
   if (pat.size() != segs.size()) return false;
   args.clear();
@@ -42,8 +42,8 @@ bool match_route(const Route &r, const std::vector<std::string> &segs, std::vect
 
 }  // namespace
 
-std::string decode_segments(const std::vector<std::string> &raw, std::vector<std::string> &out) {
-  for (const auto &s : raw) {
+std::string decode_segments(const std::vector<std::string>& raw, std::vector<std::string>& out) {
+  for (const auto& s : raw) {
     // Dot segments mean nothing here and are refused rather than resolved.
     if (s == "." || s == ".." || s.empty()) return "Invalid path segment";
     std::string d;
@@ -56,16 +56,16 @@ std::string decode_segments(const std::vector<std::string> &raw, std::vector<std
 
 namespace {
 
-const std::vector<Route> &all_routes() {
+const std::vector<Route>& all_routes() {
   static const std::vector<Route> routes = [] {
     std::vector<Route> r = bucket_routes();
-    for (const auto &o : object_routes()) r.push_back(o);
+    for (const auto& o : object_routes()) r.push_back(o);
     return r;
   }();
   return routes;
 }
 
-bool load_bucket(Ctx &c, Access need) {
+bool load_bucket(Ctx& c, Access need) {
   if (!valid_bucket_key(c.args[0])) {
     c.error(400, "A bucket key has 3 to 128 characters of [-_.a-z0-9]");
     return false;
@@ -82,7 +82,7 @@ bool load_bucket(Ctx &c, Access need) {
   return true;
 }
 
-void serve_api(Ctx &c, const std::string &path) {
+void serve_api(Ctx& c, const std::string& path) {
   std::vector<std::string> raw = split_path(path);
   if (!raw.empty() && raw[0] == "kri") return serve_delta_api(c, raw);
   if (raw.size() < 3 || raw[0] != "zel" || (raw[1] != "v1" && raw[1] != "v2"))
@@ -91,9 +91,9 @@ void serve_api(Ctx &c, const std::string &path) {
   std::vector<std::string> segs;
   std::string why = decode_segments(std::vector<std::string>(raw.begin() + 2, raw.end()), segs);
   if (!why.empty()) return c.error(400, why);
-  const Route *found = nullptr;
+  const Route* found = nullptr;
   bool path_known = false;
-  for (const auto &r : all_routes()) {
+  for (const auto& r : all_routes()) {
     if (!match_route(r, segs, c.args)) continue;
     path_known = true;
     if (c.req.method == r.method || (c.req.method == "HEAD" && std::string(r.method) == "GET")) {
@@ -130,16 +130,16 @@ std::string status_text(int status) {
 
 // Replaces the answer's body by one that stops after `limit` bytes, and has
 // the connection closed there.
-void cut_answer(httplib::Response &res, int64_t limit) {
+void cut_answer(httplib::Response& res, int64_t limit) {
   wire_close_after_response();
   size_t cap = static_cast<size_t>(limit);
   if (res.content_provider_) {
     auto inner = res.content_provider_;
     auto sent = std::make_shared<size_t>(0);
-    res.content_provider_ = [inner, sent, cap](size_t offset, size_t length, httplib::DataSink &sink) {
+    res.content_provider_ = [inner, sent, cap](size_t offset, size_t length, httplib::DataSink& sink) {
       httplib::DataSink cut;
       cut.is_writable = sink.is_writable;
-      cut.write = [&](const char *d, size_t n) {
+      cut.write = [&](const char* d, size_t n) {
         size_t allowed = cap > *sent ? cap - *sent : 0;
         size_t k = std::min(n, allowed);
         if (k && !sink.write(d, k)) return false;
@@ -154,7 +154,7 @@ void cut_answer(httplib::Response &res, int64_t limit) {
     std::string type = res.get_header_value("Content-Type");
     res.headers.erase("Content-Type");
     size_t len = body.size();
-    res.set_content_provider(len, type, [body, cap](size_t offset, size_t, httplib::DataSink &sink) {
+    res.set_content_provider(len, type, [body, cap](size_t offset, size_t, httplib::DataSink& sink) {
       size_t end = std::min(body.size(), cap);
       if (offset < end) sink.write(body.data() + offset, end - offset);
       return false;
@@ -166,8 +166,8 @@ void cut_answer(httplib::Response &res, int64_t limit) {
 // error handler (same thread, same request) leaves it empty.
 thread_local bool t_fault_without_body = false;
 
-void handle(App &app, const httplib::Request &req, httplib::Response &res,
-            const httplib::ContentReader *reader) {
+void handle(App& app, const httplib::Request& req, httplib::Response& res,
+            const httplib::ContentReader* reader) {
   t_fault_without_body = false;
   Ctx c{app, req, res, reader};
   std::string path = req.target.substr(0, req.target.find('?'));
@@ -202,7 +202,7 @@ void handle(App &app, const httplib::Request &req, httplib::Response &res,
 }
 
 // Bytes that would break the line (controls, non-ASCII) show as %XX.
-std::string printable(const std::string &s) {
+std::string printable(const std::string& s) {
   static const char kHex[] = "0123456789ABCDEF";
   std::string out;
   for (unsigned char ch : s) {
@@ -219,8 +219,8 @@ std::string printable(const std::string &s) {
 
 // One line per answered request: time, principal, method, target, status,
 // body bytes received and sent (head included), duration.
-void log_request(const httplib::Request &req, const httplib::Response &res) {
-  const WireRequest &w = wire_request();
+void log_request(const httplib::Request& req, const httplib::Response& res) {
+  const WireRequest& w = wire_request();
   int64_t now = now_ms();
   time_t secs = static_cast<time_t>(now / 1000);
   tm utc;
@@ -238,18 +238,18 @@ void log_request(const httplib::Request &req, const httplib::Response &res) {
 
 }  // namespace
 
-bool Ctx::read_body(const std::function<bool(const char *, size_t)> &sink) {
+bool Ctx::read_body(const std::function<bool(const char*, size_t)>& sink) {
   if (body_taken) return true;
   body_taken = true;
   if (!reader) return req.body.empty() || sink(req.body.data(), req.body.size());
-  bool ok = (*reader)([&](const char *d, size_t n) { return sink(d, n); });
+  bool ok = (*reader)([&](const char* d, size_t n) { return sink(d, n); });
   if (!ok) wire_close_after_response();
   return ok;
 }
 
-bool Ctx::body_text(std::string &out, size_t limit) {
+bool Ctx::body_text(std::string& out, size_t limit) {
   bool too_big = false;
-  bool ok = read_body([&](const char *d, size_t n) {
+  bool ok = read_body([&](const char* d, size_t n) {
     if (out.size() + n > limit) return !(too_big = true);
     out.append(d, n);
     return true;
@@ -259,36 +259,36 @@ bool Ctx::body_text(std::string &out, size_t limit) {
 }
 
 void Ctx::drain() {
-  read_body([](const char *, size_t) { return true; });
+  read_body([](const char*, size_t) { return true; });
 }
 
-void Ctx::reply(int status, const std::string &json_body) {
+void Ctx::reply(int status, const std::string& json_body) {
   res.status = status;
   res.set_content(json_body, "application/json");
 }
 
-void Ctx::error(int status, const std::string &reason) { reply(status, reason_json(reason)); }
+void Ctx::error(int status, const std::string& reason) { reply(status, reason_json(reason)); }
 
-std::string Ctx::location(const std::string &bucket_key, const std::string &key) const {
+std::string Ctx::location(const std::string& bucket_key, const std::string& key) const {
   std::string host = wire_header("Host");
   if (host.empty()) host = app.opts.host + ":" + std::to_string(app.opts.port);
   return "http://" + host + "/zel/v" + std::to_string(version) + "/buckets/" + percent_encode(bucket_key) +
          "/objects/" + percent_encode(key);
 }
 
-void install_routes(WireServer &server, App &app) {
-  const char *any = "[\\s\\S]*";
-  auto plain = [&app](const httplib::Request &req, httplib::Response &res) {
+void install_routes(WireServer& server, App& app) {
+  const char* any = "[\\s\\S]*";
+  auto plain = [&app](const httplib::Request& req, httplib::Response& res) {
     handle(app, req, res, nullptr);
   };
-  auto streamed = [&app](const httplib::Request &req, httplib::Response &res,
-                         const httplib::ContentReader &r) { handle(app, req, res, &r); };
+  auto streamed = [&app](const httplib::Request& req, httplib::Response& res,
+                         const httplib::ContentReader& r) { handle(app, req, res, &r); };
   server.Get(any, plain).Post(any, plain).Put(any, plain).Delete(any, plain);
   server.Post(any, streamed).Put(any, streamed).Delete(any, streamed);
   // Answers cpp-httplib gives by itself (bad request lines, unknown methods)
   // get the same error body as the emulator's own.
   server.set_error_handler(
-      httplib::Server::HandlerWithResponse([](const httplib::Request &, httplib::Response &res) {
+      httplib::Server::HandlerWithResponse([](const httplib::Request&, httplib::Response& res) {
         bool keep_empty = t_fault_without_body;
         t_fault_without_body = false;
         if (!res.body.empty() || res.content_provider_ || keep_empty) {
@@ -299,14 +299,14 @@ void install_routes(WireServer &server, App &app) {
       }));
   // Recorded before the answer leaves, so a client that got its answer finds
   // its request in the journal.
-  server.set_post_routing_handler([&app](const httplib::Request &req, httplib::Response &res) {
+  server.set_post_routing_handler([&app](const httplib::Request& req, httplib::Response& res) {
     if (req.target.compare(0, 11, "/_emulator/") == 0 && app.opts.test_api) return;
-    const WireRequest &w = wire_request();
+    const WireRequest& w = wire_request();
     app.journal.add(JournalEntry{req.method, req.target, w.headers, w.body_bytes, res.status, w.principal});
   });
   if (app.opts.log_requests)
     server.set_logger(
-        [](const httplib::Request &req, const httplib::Response &res) { log_request(req, res); });
+        [](const httplib::Request& req, const httplib::Response& res) { log_request(req, res); });
 }
 
 }  // namespace zelsrv

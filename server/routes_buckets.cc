@@ -11,7 +11,7 @@ namespace {
 const size_t kDefaultPage = 10;
 const size_t kMaxPage = 1000;
 
-void create_bucket(Ctx &c) {
+void create_bucket(Ctx& c) {
   std::string body, why;
   if (!c.body_text(body)) return;
   Bucket b;
@@ -22,21 +22,21 @@ void create_bucket(Ctx &c) {
   c.reply(200, bucket_details_json(b, c.version));
 }
 
-void bucket_details(Ctx &c) { c.reply(200, bucket_details_json(c.bucket, c.version)); }
+void bucket_details(Ctx& c) { c.reply(200, bucket_details_json(c.bucket, c.version)); }
 
-bool page_size(const std::string &text, size_t &out) {
+bool page_size(const std::string& text, size_t& out) {
   if (text.empty()) {
     out = kDefaultPage;
     return true;
   }
-  char *end = nullptr;
+  char* end = nullptr;
   unsigned long v = std::strtoul(text.c_str(), &end, 10);
   if (*end != '\0' || text[0] == '-' || v > kMaxPage) return false;
   out = v == 0 ? kDefaultPage : v;
   return true;
 }
 
-void list_buckets(Ctx &c) {
+void list_buckets(Ctx& c) {
   size_t limit = 0;
   if (!page_size(c.req.get_param_value("limit"), limit))
     return c.error(400, "limit must be a number from 0 to " + std::to_string(kMaxPage));
@@ -50,7 +50,7 @@ void list_buckets(Ctx &c) {
   c.reply(200, listing_json(page, next));
 }
 
-void grant_access(Ctx &c) {
+void grant_access(Ctx& c) {
   std::string body, why;
   if (!c.body_text(body)) return;
   std::vector<Permission> perms;
@@ -60,7 +60,7 @@ void grant_access(Ctx &c) {
   c.reply(200, permissions_json(c.bucket.permissions, c.version));
 }
 
-void revoke_access(Ctx &c) {
+void revoke_access(Ctx& c) {
   std::string body, why;
   if (!c.body_text(body)) return;
   std::vector<std::string> ids;

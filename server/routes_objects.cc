@@ -24,7 +24,7 @@ const size_t kSendPiece = 16u << 20;
 // the emulator: the connection layer sends them with sendfile.
 struct MappedObject {
   int fd = -1;
-  char *base = nullptr;
+  char* base = nullptr;
   size_t size = 0;
   ~MappedObject() {
     if (base) munmap(base, size);
@@ -32,12 +32,12 @@ struct MappedObject {
   }
 };
 
-void serve_bytes(Ctx &c, std::shared_ptr<MappedObject> obj, ByteSpan span, const std::string &type) {
+void serve_bytes(Ctx& c, std::shared_ptr<MappedObject> obj, ByteSpan span, const std::string& type) {
   size_t length = static_cast<size_t>(span.end - span.start + 1);
   c.res.set_content_provider(length, type,
-                             [obj, span](size_t offset, size_t length, httplib::DataSink &sink) {
+                             [obj, span](size_t offset, size_t length, httplib::DataSink& sink) {
                                wire_set_file_window(obj->base, obj->size, obj->fd, 0);
-                               const char *p = obj->base + span.start + offset;
+                               const char* p = obj->base + span.start + offset;
                                bool ok = true;
                                for (size_t done = 0; ok && done < length;) {
                                  size_t n = std::min(kSendPiece, length - done);
@@ -49,7 +49,7 @@ void serve_bytes(Ctx &c, std::shared_ptr<MappedObject> obj, ByteSpan span, const
                              });
 }
 
-void download(Ctx &c) {
+void download(Ctx& c) {
   if (delta_download(c)) return;
   ObjectMeta m;
   int fd = c.app.objects.open_live(c.args[0], c.args[1], m);
@@ -79,13 +79,13 @@ void download(Ctx &c) {
     c.res.status = 200;
   }
   if (m.size == 0) return c.res.set_content("", m.content_type.c_str());
-  void *map = mmap(nullptr, obj->size, PROT_READ, MAP_SHARED, fd, 0);
+  void* map = mmap(nullptr, obj->size, PROT_READ, MAP_SHARED, fd, 0);
   if (map == MAP_FAILED) return c.error(500, "Cannot map the object's file");
-  obj->base = static_cast<char *>(map);
+  obj->base = static_cast<char*>(map);
   serve_bytes(c, obj, span, m.content_type);
 }
 
-DateFields requested_dates(const httplib::Request &req) {
+DateFields requested_dates(const httplib::Request& req) {
   DateFields d;
   auto range = req.params.equal_range("with");
   for (auto it = range.first; it != range.second; ++it) {
@@ -96,31 +96,31 @@ DateFields requested_dates(const httplib::Request &req) {
   return d;
 }
 
-void details(Ctx &c) {
+void details(Ctx& c) {
   if (delta_details(c)) return;
   ObjectMeta m;
   if (!c.app.objects.get(c.args[0], c.args[1], m)) return c.error(404, "Object not found");
   c.reply(200, object_details_json(m, c.location(m.bucket, m.key), c.version, requested_dates(c.req)));
 }
 
-void copy_object(Ctx &c) {
+void copy_object(Ctx& c) {
   c.drain();
   ObjectMeta m;
   if (!c.app.objects.copy(c.args[0], c.args[1], c.args[2], m)) return c.error(404, "Source object not found");
   c.reply(200, object_details_json(m, c.location(m.bucket, m.key), c.version));
 }
 
-void delete_object(Ctx &c) {
+void delete_object(Ctx& c) {
   if (!c.app.objects.remove(c.args[0], c.args[1])) return c.error(404, "Object not found");
   c.res.status = 200;
 }
 
-void undelete_object(Ctx &c) {
+void undelete_object(Ctx& c) {
   if (!c.app.objects.undelete(c.args[0], c.args[1])) return c.error(404, "No deleted object to restore");
   c.res.status = 200;
 }
 
-void reset_expiration(Ctx &c) {
+void reset_expiration(Ctx& c) {
   ObjectMeta m;
   if (!c.app.objects.reset_expiration(c.args[0], c.args[1], m)) return c.error(404, "Object not found");
   c.reply(200, object_details_json(m, c.location(m.bucket, m.key), c.version));
@@ -139,7 +139,7 @@ std::vector<Route> object_routes() {
       {"POST", "buckets/*/objects/*/undelete", Access::kFull, undelete_object},
       {"POST", "buckets/*/objects/*/resetexpiration", Access::kFull, reset_expiration},
   };
-  for (const auto &u : upload_routes()) r.push_back(u);
+  for (const auto& u : upload_routes()) r.push_back(u);
   return r;
 }
 

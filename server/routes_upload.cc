@@ -19,11 +19,11 @@ std::string content_type_of() {
   return t.empty() ? "application/octet-stream" : t;
 }
 
-void reply_details(Ctx &c, const ObjectMeta &m) {
+void reply_details(Ctx& c, const ObjectMeta& m) {
   c.reply(200, object_details_json(m, c.location(m.bucket, m.key), c.version));
 }
 
-bool whole_length(Ctx &c, bool &known, uint64_t &length) {
+bool whole_length(Ctx& c, bool& known, uint64_t& length) {
   std::string cr = wire_header("Content-Range");
   known = !cr.empty();
   if (!known) return true;
@@ -37,7 +37,7 @@ bool whole_length(Ctx &c, bool &known, uint64_t &length) {
 }
 
 // Streams the body to a new file; the object is published only whole.
-void put_whole(Ctx &c) {
+void put_whole(Ctx& c) {
   bool known = false;
   uint64_t length = 0;
   if (delta_upload_refused(c) || !whole_length(c, known, length)) return;
@@ -46,7 +46,7 @@ void put_whole(Ctx &c) {
   if (fd < 0) return c.error(500, "Cannot create a file for the upload");
   Sha1 sha;
   BlockWriter w(fd, 0, known ? length : UINT64_MAX, &sha);
-  bool got = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+  bool got = c.read_body([&](const char* d, size_t n) { return w.add(d, n); });
   // Flushed even after a failed read: the writer's helper must be done with
   // the file and the hash before either is used.
   bool ok = w.flush() && got;
@@ -67,7 +67,7 @@ void put_whole(Ctx &c) {
   reply_details(c, m);
 }
 
-void reply_session_done(Ctx &c, const Session &s) {
+void reply_session_done(Ctx& c, const Session& s) {
   ObjectMeta m;
   if (!c.app.objects.get(s.bucket, s.key, m)) return c.error(404, "The session's object no longer exists");
   c.res.set_header("Range", s.total ? "bytes=0-" + std::to_string(s.total - 1) : "bytes=");
@@ -75,18 +75,18 @@ void reply_session_done(Ctx &c, const Session &s) {
 }
 
 // Receives one chunk into the session's file; false after an error answer.
-bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
+bool receive_chunk(Ctx& c, const Session& s, ByteSpan span) {
   uint64_t len = s.total == 0 ? 0 : span.end - span.start + 1;
   bool ok = true;
   uint64_t got = 0;
   if (s.total == 0 || spans_cover(s.ranges, span)) {
     // A repeat: the bytes are held already and may be being hashed.
-    ok = c.read_body([&](const char *, size_t n) { return (got += n), true; });
+    ok = c.read_body([&](const char*, size_t n) { return (got += n), true; });
   } else {
     int fd = open_for_ingest(c.app.store.session_path(s.row), 0);
     if (fd < 0) return c.error(500, "Cannot open the session's file"), false;
     BlockWriter w(fd, span.start, len, nullptr);
-    ok = c.read_body([&](const char *d, size_t n) { return w.add(d, n); });
+    ok = c.read_body([&](const char* d, size_t n) { return w.add(d, n); });
     ok = w.flush() && ok;  // always: the writer is done with fd only then
     got = w.received();
     // Acknowledged bytes must survive a power cut: synced before the range
@@ -102,7 +102,7 @@ bool receive_chunk(Ctx &c, const Session &s, ByteSpan span) {
   return false;
 }
 
-void put_chunk(Ctx &c) {
+void put_chunk(Ctx& c) {
   std::string sid = wire_header("Session-Id");
   ByteSpan span;
   uint64_t total = 0;
@@ -138,7 +138,7 @@ void put_chunk(Ctx &c) {
   }
 }
 
-void session_status(Ctx &c) {
+void session_status(Ctx& c) {
   Session s;
   if (!c.app.sessions.find(c.args[0], c.args[1], c.args[2], s))
     return c.error(404, "Upload session not found");

@@ -22,16 +22,16 @@ const size_t kAlign = 4096;
 const size_t kPiece = 1u << 20;
 
 struct FreeDeleter {
-  void operator()(char *p) const { std::free(p); }
+  void operator()(char* p) const { std::free(p); }
 };
 
 // Reads [from, to) of the file into the hash. Reading around the page cache
 // (the chunks were written around it too) needs aligned offsets: a piece
 // starts at the aligned offset below and its first bytes are skipped.
-bool hash_range(int fd, Sha1 &sha, uint64_t from, uint64_t to) {
-  void *p = nullptr;
+bool hash_range(int fd, Sha1& sha, uint64_t from, uint64_t to) {
+  void* p = nullptr;
   if (posix_memalign(&p, kAlign, kPiece) != 0) return false;
-  std::unique_ptr<char, FreeDeleter> buf(static_cast<char *>(p));
+  std::unique_ptr<char, FreeDeleter> buf(static_cast<char*>(p));
   while (from < to) {
     uint64_t base = from - from % kAlign;
     size_t skip = static_cast<size_t>(from - base);
@@ -49,17 +49,17 @@ bool hash_range(int fd, Sha1 &sha, uint64_t from, uint64_t to) {
   return true;
 }
 
-int open_to_hash(const std::string &path) {
+int open_to_hash(const std::string& path) {
   int fd = kDirect ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC | kDirect) : -1;
   return fd >= 0 ? fd : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
-std::string owner_of(const Session &s) { return s.bucket + '\n' + s.key + '\n' + s.id; }
+std::string owner_of(const Session& s) { return s.bucket + '\n' + s.key + '\n' + s.id; }
 
 }  // namespace
 
-std::shared_ptr<SessionHashes::State> SessionHashes::state(const Session &s) {
-  std::shared_ptr<State> &st = states_[s.row];
+std::shared_ptr<SessionHashes::State> SessionHashes::state(const Session& s) {
+  std::shared_ptr<State>& st = states_[s.row];
   std::string owner = owner_of(s);
   if (!st || st->owner != owner) {
     st = std::make_shared<State>();
@@ -68,13 +68,13 @@ std::shared_ptr<SessionHashes::State> SessionHashes::state(const Session &s) {
   return st;
 }
 
-void SessionHashes::restart(State &st) {
+void SessionHashes::restart(State& st) {
   st.sha.reset(new Sha1);
   st.done = st.claimed = 0;
   st.stale = false;
 }
 
-void SessionHashes::advance(const Session &s, const std::string &path) {
+void SessionHashes::advance(const Session& s, const std::string& path) {
   uint64_t held = !s.ranges.empty() && s.ranges[0].start == 0 ? s.ranges[0].end + 1 : 0;
   std::unique_lock<std::mutex> lock(mu_);
   std::shared_ptr<State> st = state(s);
@@ -86,7 +86,7 @@ void SessionHashes::advance(const Session &s, const std::string &path) {
   while (ok && st->done < st->target) {
     uint64_t from = st->done, to = st->target;
     if (to > st->claimed) st->claimed = to;
-    Sha1 *sha = st->sha.get();  // replaced only by this request while busy
+    Sha1* sha = st->sha.get();  // replaced only by this request while busy
     lock.unlock();
     if (fd < 0) fd = open_to_hash(path);
     ok = fd >= 0 && hash_range(fd, *sha, from, to);
@@ -103,7 +103,7 @@ void SessionHashes::advance(const Session &s, const std::string &path) {
   if (fd >= 0) close(fd);
 }
 
-void SessionHashes::written(const Session &s, ByteSpan span) {
+void SessionHashes::written(const Session& s, ByteSpan span) {
   std::lock_guard<std::mutex> lock(mu_);
   std::shared_ptr<State> st = state(s);
   if (span.start >= st->claimed) return;
@@ -114,7 +114,7 @@ void SessionHashes::written(const Session &s, ByteSpan span) {
   }
 }
 
-bool SessionHashes::finish(const Session &s, int fd, std::string &hex) {
+bool SessionHashes::finish(const Session& s, int fd, std::string& hex) {
   std::shared_ptr<State> st;
   {
     std::unique_lock<std::mutex> lock(mu_);

@@ -24,13 +24,13 @@ class SessionHashes {
   // Hashes the session's file (at `path`) up to the end of the bytes held
   // from offset 0, from where its hash stands. When another request is
   // hashing the session, that one takes the new bytes too.
-  void advance(const Session &s, const std::string &path);
+  void advance(const Session& s, const std::string& path);
   // Call after writing `span` into the session's file and before recording
   // it: a hash that may have read those bytes before the write is dropped.
-  void written(const Session &s, ByteSpan span);
+  void written(const Session& s, ByteSpan span);
   // The SHA-1 of the first s.total bytes of `fd`, reusing the bytes hashed
   // so far; forgets the session. False on a read error.
-  bool finish(const Session &s, int fd, std::string &hex);
+  bool finish(const Session& s, int fd, std::string& hex);
   void forget(int64_t row);
 
  private:
@@ -46,8 +46,8 @@ class SessionHashes {
   // The session's state, with mu_ held. A request hashing keeps its own
   // reference: a state dropped or replaced meanwhile (its session expired
   // and the row was reused) is then no one else's.
-  std::shared_ptr<State> state(const Session &s);
-  static void restart(State &st);
+  std::shared_ptr<State> state(const Session& s);
+  static void restart(State& st);
 
   std::mutex mu_;
   std::condition_variable cv_;

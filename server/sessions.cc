@@ -12,8 +12,8 @@
 
 namespace zelsrv {
 
-bool spans_cover(const std::vector<ByteSpan> &ranges, ByteSpan span) {
-  for (const auto &r : ranges)
+bool spans_cover(const std::vector<ByteSpan>& ranges, ByteSpan span) {
+  for (const auto& r : ranges)
     if (r.start <= span.start && span.end <= r.end) return true;
   return false;
 }
@@ -33,8 +33,8 @@ std::vector<ByteSpan> Sessions::load_ranges(int64_t row) {
   return out;
 }
 
-bool Sessions::read(const char *where, const std::string &a, const std::string &b, const std::string &c,
-                    Session &out) {
+bool Sessions::read(const char* where, const std::string& a, const std::string& b, const std::string& c,
+                    Session& out) {
   std::string sql =
       std::string("SELECT id, bucket, key, session, total, content_type, complete FROM sessions ") + where;
   Stmt st(store_, sql.c_str());
@@ -50,13 +50,13 @@ bool Sessions::read(const char *where, const std::string &a, const std::string &
   return true;
 }
 
-bool Sessions::find(const std::string &bucket, const std::string &key, const std::string &id, Session &out) {
+bool Sessions::find(const std::string& bucket, const std::string& key, const std::string& id, Session& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   return read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out);
 }
 
-bool Sessions::open(const std::string &bucket, const std::string &key, const std::string &id, uint64_t total,
-                    const std::string &content_type, Session &out) {
+bool Sessions::open(const std::string& bucket, const std::string& key, const std::string& id, uint64_t total,
+                    const std::string& content_type, Session& out) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   if (!read("WHERE bucket = ? AND key = ? AND session = ?", bucket, key, id, out)) {
     store_.set_durable(true);
@@ -77,12 +77,12 @@ bool Sessions::open(const std::string &bucket, const std::string &key, const std
 
 // The row may have been expired, and its number even reused, since the
 // session was read. Call with the store locked.
-bool Sessions::still_open(const Session &s) {
+bool Sessions::still_open(const Session& s) {
   Stmt st(store_, "SELECT 1 FROM sessions WHERE id = ? AND bucket = ? AND key = ? AND session = ?");
   return st.bind(1, s.row).bind(2, s.bucket).bind(3, s.key).bind(4, s.id).row();
 }
 
-Sessions::After Sessions::record(Session &s, ByteSpan span) {
+Sessions::After Sessions::record(Session& s, ByteSpan span) {
   {
     std::lock_guard<std::mutex> lock(store_.mutex());
     if (!still_open(s)) return After::kGone;
@@ -122,7 +122,7 @@ void Sessions::wait_assembled(int64_t row) {
   cv_.wait(lock, [&] { return !assembling_.count(row); });
 }
 
-bool Sessions::assemble(const Session &s, ObjectMeta &out) {
+bool Sessions::assemble(const Session& s, ObjectMeta& out) {
   std::string path = store_.session_path(s.row);
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   struct stat st;
@@ -147,7 +147,7 @@ bool Sessions::assemble(const Session &s, ObjectMeta &out) {
   return ok;
 }
 
-void Sessions::record_whole(const ObjectMeta &m, const std::string &id) {
+void Sessions::record_whole(const ObjectMeta& m, const std::string& id) {
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(false);
   Stmt(store_,
@@ -164,7 +164,7 @@ void Sessions::record_whole(const ObjectMeta &m, const std::string &id) {
 // Ranges recorded beyond the end of the session's file were lost (written by
 // a version that acknowledged chunks before syncing them): they are
 // forgotten, so the client's resume sends them again.
-void Sessions::clip_to_file(Session &s) {
+void Sessions::clip_to_file(Session& s) {
   struct stat st;
   uint64_t size = stat(store_.session_path(s.row).c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
   std::lock_guard<std::mutex> lock(store_.mutex());
@@ -190,21 +190,21 @@ void Sessions::recover() {
     Stmt st(store_, "SELECT bucket, key, session FROM sessions WHERE complete = 0");
     std::vector<Session> found;
     while (st.row()) found.push_back(Session{0, st.text(0), st.text(1), st.text(2), "", 0, false, {}});
-    for (auto &s : found)
+    for (auto& s : found)
       if (read("WHERE bucket = ? AND key = ? AND session = ?", s.bucket, s.key, s.id, s)) {
         open_sessions.push_back(s);
         keep.insert(std::to_string(s.row));
       }
   }
-  if (DIR *d = opendir(store_.sessions_dir().c_str())) {
-    while (dirent *e = readdir(d)) {
+  if (DIR* d = opendir(store_.sessions_dir().c_str())) {
+    while (dirent* e = readdir(d)) {
       std::string name = e->d_name;
       if (name != "." && name != ".." && !keep.count(name))
         unlink((store_.sessions_dir() + "/" + name).c_str());
     }
     closedir(d);
   }
-  for (auto &s : open_sessions) {
+  for (auto& s : open_sessions) {
     clip_to_file(s);
     if (s.total > 0 && !spans_cover(s.ranges, ByteSpan{0, s.total - 1})) continue;
     if (record(s, ByteSpan{0, 0}) != After::kAssemble) continue;
@@ -218,8 +218,8 @@ void Sessions::recover() {
 // that arrived as their session expired.
 void Sessions::expire(int64_t ttl_ms) {
   std::vector<std::string> files;
-  if (DIR *d = opendir(store_.sessions_dir().c_str())) {
-    while (dirent *e = readdir(d))
+  if (DIR* d = opendir(store_.sessions_dir().c_str())) {
+    while (dirent* e = readdir(d))
       if (e->d_name[0] != '.') files.push_back(e->d_name);
     closedir(d);
   }
@@ -239,7 +239,7 @@ void Sessions::expire(int64_t ttl_ms) {
   Stmt(store_, "DELETE FROM sessions WHERE touched < ?").bind(1, before).done();
   store_.exec("COMMIT");
   for (int64_t row : dropped) hashes_.forget(row);
-  for (const auto &name : files) {
+  for (const auto& name : files) {
     Stmt st(store_, "SELECT 1 FROM sessions WHERE id = ?");
     if (!st.bind(1, static_cast<int64_t>(std::atoll(name.c_str()))).row())
       unlink((store_.sessions_dir() + "/" + name).c_str());

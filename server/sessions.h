@@ -28,33 +28,33 @@ struct Session {
   std::vector<ByteSpan> ranges;  // merged, ascending
 };
 
-bool spans_cover(const std::vector<ByteSpan> &ranges, ByteSpan span);
+bool spans_cover(const std::vector<ByteSpan>& ranges, ByteSpan span);
 
 class Sessions {
  public:
-  Sessions(Store &store, Objects &objects) : store_(store), objects_(objects) {}
+  Sessions(Store& store, Objects& objects) : store_(store), objects_(objects) {}
 
   // Finds the session or starts it; false when it exists with another total.
-  bool open(const std::string &bucket, const std::string &key, const std::string &id, uint64_t total,
-            const std::string &content_type, Session &out);
-  bool find(const std::string &bucket, const std::string &key, const std::string &id, Session &out);
+  bool open(const std::string& bucket, const std::string& key, const std::string& id, uint64_t total,
+            const std::string& content_type, Session& out);
+  bool find(const std::string& bucket, const std::string& key, const std::string& id, Session& out);
 
   enum class After { kPartial, kAssemble, kAssembling, kComplete, kGone };
   // Records a received span, whose bytes are durable in the session's file,
   // and says what the caller does next: kAssemble goes to exactly one
   // request per session; kGone means the session expired meanwhile.
-  After record(Session &s, ByteSpan span);
+  After record(Session& s, ByteSpan span);
   // Hashes the bytes the session now holds from offset 0 (see SessionHashes).
-  void advance_hash(const Session &s) { hashes_.advance(s, store_.session_path(s.row)); }
+  void advance_hash(const Session& s) { hashes_.advance(s, store_.session_path(s.row)); }
   // Call once a chunk's bytes are in the session's file, before record().
-  void chunk_written(const Session &s, ByteSpan span) { hashes_.written(s, span); }
+  void chunk_written(const Session& s, ByteSpan span) { hashes_.written(s, span); }
   // Makes the object of a session that holds every byte; fills `out`.
-  bool assemble(const Session &s, ObjectMeta &out);
+  bool assemble(const Session& s, ObjectMeta& out);
   // Blocks while another request assembles the session.
   void wait_assembled(int64_t row);
   // Remembers a whole-object upload under its session id, so that the
   // session's status reads complete.
-  void record_whole(const ObjectMeta &m, const std::string &id);
+  void record_whole(const ObjectMeta& m, const std::string& id);
   // After a restart: forgets ranges beyond the end of a session's file,
   // finishes sessions that got every byte, drops leftovers.
   void recover();
@@ -63,15 +63,15 @@ class Sessions {
   void expire(int64_t ttl_ms);
 
  private:
-  bool read(const char *where, const std::string &a, const std::string &b, const std::string &c,
-            Session &out);
+  bool read(const char* where, const std::string& a, const std::string& b, const std::string& c,
+            Session& out);
   std::vector<ByteSpan> load_ranges(int64_t row);
   void done_assembling(int64_t row);
-  bool still_open(const Session &s);
-  void clip_to_file(Session &s);
+  bool still_open(const Session& s);
+  void clip_to_file(Session& s);
 
-  Store &store_;
-  Objects &objects_;
+  Store& store_;
+  Objects& objects_;
   std::mutex mu_;
   std::condition_variable cv_;
   std::set<int64_t> assembling_;

@@ -25,9 +25,9 @@ const char kSchema[] =
     " start INTEGER NOT NULL, last INTEGER NOT NULL, PRIMARY KEY(session, start));";
 
 // Adds a column that older data directories lack. Call with the mutex held.
-bool add_column(Store &store, const char *table, const char *column, const char *decl) {
+bool add_column(Store& store, const char* table, const char* column, const char* decl) {
   std::string probe = std::string("SELECT ") + column + " FROM " + table + " LIMIT 0";
-  sqlite3_stmt *st = nullptr;
+  sqlite3_stmt* st = nullptr;
   bool present = sqlite3_prepare_v2(store.db(), probe.c_str(), -1, &st, nullptr) == SQLITE_OK;
   sqlite3_finalize(st);
   if (present) return true;
@@ -41,7 +41,7 @@ Store::~Store() {
   if (db_) sqlite3_close(db_);
 }
 
-bool Store::open(const std::string &root, std::string &err) {
+bool Store::open(const std::string& root, std::string& err) {
   root_ = root;
   if (!make_dirs(objects_dir()) || !make_dirs(sessions_dir()) || !make_dirs(tmp_dir())) {
     err = "cannot create the data directory " + root;
@@ -70,8 +70,8 @@ void Store::set_durable(bool durable) {
   durable_ = durable;
 }
 
-bool Store::exec(const char *sql) {
-  char *msg = nullptr;
+bool Store::exec(const char* sql) {
+  char* msg = nullptr;
   int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &msg);
   if (rc != SQLITE_OK) {
     std::fprintf(stderr, "zel-server: sqlite: %s\n", msg ? msg : "error");
@@ -81,7 +81,7 @@ bool Store::exec(const char *sql) {
   return true;
 }
 
-Stmt::Stmt(Store &store, const char *sql) {
+Stmt::Stmt(Store& store, const char* sql) {
   if (sqlite3_prepare_v2(store.db(), sql, -1, &st_, nullptr) != SQLITE_OK) {
     std::fprintf(stderr, "zel-server: sqlite: %s\n", sqlite3_errmsg(store.db()));
     st_ = nullptr;
@@ -90,12 +90,12 @@ Stmt::Stmt(Store &store, const char *sql) {
 
 Stmt::~Stmt() { sqlite3_finalize(st_); }
 
-Stmt &Stmt::bind(int i, const std::string &v) {
+Stmt& Stmt::bind(int i, const std::string& v) {
   if (st_) sqlite3_bind_text(st_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
   return *this;
 }
 
-Stmt &Stmt::bind(int i, int64_t v) {
+Stmt& Stmt::bind(int i, int64_t v) {
   if (st_) sqlite3_bind_int64(st_, i, v);
   return *this;
 }
@@ -109,8 +109,8 @@ bool Stmt::done() {
 }
 
 std::string Stmt::text(int col) {
-  const unsigned char *p = sqlite3_column_text(st_, col);
-  return p ? std::string(reinterpret_cast<const char *>(p), sqlite3_column_bytes(st_, col)) : std::string();
+  const unsigned char* p = sqlite3_column_text(st_, col);
+  return p ? std::string(reinterpret_cast<const char*>(p), sqlite3_column_bytes(st_, col)) : std::string();
 }
 
 int64_t Stmt::i64(int col) { return sqlite3_column_int64(st_, col); }

@@ -4,8 +4,8 @@
 
 namespace zelsrv {
 
-void serve_test_api(Ctx &c, const std::string &path) {
-  const std::string &m = c.req.method;
+void serve_test_api(Ctx& c, const std::string& path) {
+  const std::string& m = c.req.method;
   if (path == "/_emulator/requests") {
     if (m == "GET" || m == "HEAD") return c.reply(200, c.app.journal.json());
     if (m == "DELETE") {

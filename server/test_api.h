@@ -8,6 +8,6 @@
 
 namespace zelsrv {
 
-void serve_test_api(Ctx &c, const std::string &path);
+void serve_test_api(Ctx& c, const std::string& path);
 
 }  // namespace zelsrv

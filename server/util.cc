@@ -21,7 +21,7 @@ int hex_value(char c) {
   return -1;
 }
 
-bool parse_u64(const std::string &s, uint64_t &v) {
+bool parse_u64(const std::string& s, uint64_t& v) {
   if (s.empty() || s.size() > 20) return false;
   v = 0;
   for (char c : s) {
@@ -33,7 +33,7 @@ bool parse_u64(const std::string &s, uint64_t &v) {
   return true;
 }
 
-std::string trim(const std::string &s) {
+std::string trim(const std::string& s) {
   size_t b = s.find_first_not_of(' ');
   if (b == std::string::npos) return std::string();
   return s.substr(b, s.find_last_not_of(' ') - b + 1);
@@ -41,7 +41,7 @@ std::string trim(const std::string &s) {
 
 }  // namespace
 
-bool percent_decode(const std::string &in, std::string &out) {
+bool percent_decode(const std::string& in, std::string& out) {
   out.clear();
   out.reserve(in.size());
   for (size_t i = 0; i < in.size(); ++i) {
@@ -58,7 +58,7 @@ bool percent_decode(const std::string &in, std::string &out) {
   return true;
 }
 
-std::string percent_encode(const std::string &in) {
+std::string percent_encode(const std::string& in) {
   static const char kHex[] = "0123456789ABCDEF";
   // A segment of dots alone would read as a path step: escape them.
   if (in.find_first_not_of('.') == std::string::npos) {
@@ -79,7 +79,7 @@ std::string percent_encode(const std::string &in) {
   return out;
 }
 
-bool valid_utf8(const std::string &s) {
+bool valid_utf8(const std::string& s) {
   size_t i = 0;
   while (i < s.size()) {
     unsigned char c = static_cast<unsigned char>(s[i]);
@@ -114,7 +114,7 @@ std::string random_hex_id() {
   return out;
 }
 
-bool parse_content_range(const std::string &value, ByteSpan &span, uint64_t &total) {
+bool parse_content_range(const std::string& value, ByteSpan& span, uint64_t& total) {
   std::string v = trim(value);
   if (v.compare(0, 6, "bytes ") != 0) return false;
   size_t dash = v.find('-', 6), slash = v.find('/', 6);
@@ -126,7 +126,7 @@ bool parse_content_range(const std::string &value, ByteSpan &span, uint64_t &tot
   return span.start <= span.end && span.end < total;
 }
 
-RangeResult parse_range(const std::string &value, uint64_t size, ByteSpan &span) {
+RangeResult parse_range(const std::string& value, uint64_t size, ByteSpan& span) {
   std::string v = trim(value);
   if (v.empty()) return RangeResult::kNone;
   if (v.compare(0, 6, "bytes=") != 0 || v.find(',') != std::string::npos) return RangeResult::kInvalid;
@@ -149,7 +149,7 @@ RangeResult parse_range(const std::string &value, uint64_t size, ByteSpan &span)
   return RangeResult::kOk;
 }
 
-std::string format_ranges(const std::vector<ByteSpan> &spans) {
+std::string format_ranges(const std::vector<ByteSpan>& spans) {
   std::string out = "bytes=";
   for (size_t i = 0; i < spans.size(); ++i) {
     if (i) out += ',';
@@ -158,10 +158,10 @@ std::string format_ranges(const std::vector<ByteSpan> &spans) {
   return out;
 }
 
-void remove_tree(const std::string &path) {
-  DIR *d = opendir(path.c_str());
+void remove_tree(const std::string& path) {
+  DIR* d = opendir(path.c_str());
   if (d) {
-    while (dirent *e = readdir(d)) {
+    while (dirent* e = readdir(d)) {
       if (!strcmp(e->d_name, ".") || !strcmp(e->d_name, "..")) continue;
       std::string child = path + "/" + e->d_name;
       struct stat st;
@@ -175,7 +175,7 @@ void remove_tree(const std::string &path) {
   rmdir(path.c_str());
 }
 
-bool make_dirs(const std::string &path) {
+bool make_dirs(const std::string& path) {
   std::string cur;
   for (size_t i = 0; i <= path.size(); ++i) {
     if (i == path.size() || (path[i] == '/' && i > 0)) {
@@ -186,7 +186,7 @@ bool make_dirs(const std::string &path) {
   return true;
 }
 
-void sync_dir(const std::string &path) {
+void sync_dir(const std::string& path) {
   int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY);
   if (fd < 0) return;
   fsync(fd);

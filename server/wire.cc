@@ -32,12 +32,12 @@ struct FileWindow {
   off_t offset = 0;
 };
 
-thread_local WireRequest *t_request = nullptr;
+thread_local WireRequest* t_request = nullptr;
 thread_local FileWindow t_window;
 thread_local bool t_close = false;
 const WireRequest kNoRequest;
 
-std::string trim(const std::string &s) {
+std::string trim(const std::string& s) {
   size_t b = s.find_first_not_of(" \t");
   if (b == std::string::npos) return std::string();
   size_t e = s.find_last_not_of(" \t");
@@ -46,7 +46,7 @@ std::string trim(const std::string &s) {
 
 }  // namespace
 
-std::string wire_rewrite_head(const std::string &head, WireRequest *req) {
+std::string wire_rewrite_head(const std::string& head, WireRequest* req) {
   size_t p = head.find("\r\n");
   if (p == std::string::npos) return head;
   std::string out = head.substr(0, p + 2);
@@ -88,7 +88,7 @@ bool poll_fd(int fd, short events, int timeout_ms) {
 
 class WireStream final : public httplib::Stream {
  public:
-  WireStream(int fd, std::string bytes, const WireLimits &limits, const std::atomic<bool> &halted)
+  WireStream(int fd, std::string bytes, const WireLimits& limits, const std::atomic<bool>& halted)
       : fd_(fd), buf_(std::max(kBufSize, bytes.size())), limits_(limits), halted_(halted) {
     std::memcpy(buf_.data(), bytes.data(), bytes.size());
     end_ = bytes.size();
@@ -97,10 +97,10 @@ class WireStream final : public httplib::Stream {
   // Reads wait in read(), which knows the deadlines.
   bool is_readable() const override { return !halted_; }
   bool is_writable() const override;
-  ssize_t read(char *ptr, size_t size) override;
-  ssize_t write(const char *ptr, size_t size) override;
-  void get_remote_ip_and_port(std::string &ip, int &port) const override { address(true, ip, port); }
-  void get_local_ip_and_port(std::string &ip, int &port) const override { address(false, ip, port); }
+  ssize_t read(char* ptr, size_t size) override;
+  ssize_t write(const char* ptr, size_t size) override;
+  void get_remote_ip_and_port(std::string& ip, int& port) const override { address(true, ip, port); }
+  void get_local_ip_and_port(std::string& ip, int& port) const override { address(false, ip, port); }
   socket_t socket() const override { return fd_; }
 
   bool head_buffered() const { return head_complete(std::string(buf_.data() + pos_, end_ - pos_)); }
@@ -110,7 +110,7 @@ class WireStream final : public httplib::Stream {
     return out;
   }
 
-  void begin_request(WireRequest *req) {
+  void begin_request(WireRequest* req) {
     req_ = req;
     state_ = State::kNeedHead;
     head_.clear();
@@ -125,8 +125,8 @@ class WireStream final : public httplib::Stream {
   bool fill();
   bool load_head();
   bool wait_readable();
-  ssize_t recv_some(char *ptr, size_t size);
-  void address(bool peer, std::string &ip, int &port) const;
+  ssize_t recv_some(char* ptr, size_t size);
+  void address(bool peer, std::string& ip, int& port) const;
 
   int fd_;
   std::vector<char> buf_;
@@ -134,9 +134,9 @@ class WireStream final : public httplib::Stream {
   State state_ = State::kBody;
   std::string head_;
   size_t head_pos_ = 0;
-  WireRequest *req_ = nullptr;
-  const WireLimits &limits_;
-  const std::atomic<bool> &halted_;
+  WireRequest* req_ = nullptr;
+  const WireLimits& limits_;
+  const std::atomic<bool>& halted_;
   // Time spent waiting for body bytes, and the bytes that came, since the
   // body last reached its floor.
   int64_t waited_ms_ = 0;
@@ -164,7 +164,7 @@ bool WireStream::wait_readable() {
   }
 }
 
-ssize_t WireStream::recv_some(char *ptr, size_t size) {
+ssize_t WireStream::recv_some(char* ptr, size_t size) {
   if (!wait_readable()) return -1;
   for (;;) {
     ssize_t n = ::recv(fd_, ptr, size, MSG_DONTWAIT);
@@ -196,9 +196,9 @@ bool WireStream::fill() {
 bool WireStream::load_head() {
   static const char kEnd[] = "\r\n\r\n";
   for (;;) {
-    const char *b = buf_.data() + pos_;
-    const char *last = buf_.data() + end_;
-    const char *e = std::search(b, last, kEnd, kEnd + 4);
+    const char* b = buf_.data() + pos_;
+    const char* last = buf_.data() + end_;
+    const char* e = std::search(b, last, kEnd, kEnd + 4);
     if (e != last) {
       std::string raw(b, e + 4);
       pos_ += raw.size();
@@ -210,7 +210,7 @@ bool WireStream::load_head() {
   }
 }
 
-ssize_t WireStream::read(char *ptr, size_t size) {
+ssize_t WireStream::read(char* ptr, size_t size) {
   if (state_ == State::kNeedHead) state_ = load_head() ? State::kHead : State::kBody;
   if (state_ == State::kHead) {
     size_t n = std::min(size, head_.size() - head_pos_);
@@ -237,7 +237,7 @@ ssize_t WireStream::read(char *ptr, size_t size) {
 // Writes go out from the file window by sendfile when they can. A sendfile
 // that moves nothing means the file is shorter than its mapping: that is an
 // error, never a reason to try again.
-ssize_t write_from_file(int sock, const FileWindow &w, const char *ptr, size_t size) {
+ssize_t write_from_file(int sock, const FileWindow& w, const char* ptr, size_t size) {
   uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
   off_t off = w.offset + static_cast<off_t>(p - w.base);
   size_t n = std::min(size, static_cast<size_t>(w.base + w.len - p));
@@ -250,8 +250,8 @@ ssize_t write_from_file(int sock, const FileWindow &w, const char *ptr, size_t s
   }
 }
 
-ssize_t WireStream::write(const char *ptr, size_t size) {
-  const FileWindow &w = t_window;
+ssize_t WireStream::write(const char* ptr, size_t size) {
+  const FileWindow& w = t_window;
   uintptr_t p = reinterpret_cast<uintptr_t>(ptr);
   ssize_t r = -2;
   if (w.base != 0 && p >= w.base && p < w.base + w.len) r = write_from_file(fd_, w, ptr, size);
@@ -260,19 +260,19 @@ ssize_t WireStream::write(const char *ptr, size_t size) {
   return r;
 }
 
-void WireStream::address(bool peer, std::string &ip, int &port) const {
+void WireStream::address(bool peer, std::string& ip, int& port) const {
   sockaddr_storage addr{};
   socklen_t len = sizeof(addr);
-  int r = peer ? ::getpeername(fd_, reinterpret_cast<sockaddr *>(&addr), &len)
-               : ::getsockname(fd_, reinterpret_cast<sockaddr *>(&addr), &len);
+  int r = peer ? ::getpeername(fd_, reinterpret_cast<sockaddr*>(&addr), &len)
+               : ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
   if (r != 0) return;
   char text[INET6_ADDRSTRLEN] = {0};
   if (addr.ss_family == AF_INET) {
-    auto *a = reinterpret_cast<sockaddr_in *>(&addr);
+    auto* a = reinterpret_cast<sockaddr_in*>(&addr);
     inet_ntop(AF_INET, &a->sin_addr, text, sizeof(text));
     port = ntohs(a->sin_port);
   } else if (addr.ss_family == AF_INET6) {
-    auto *a = reinterpret_cast<sockaddr_in6 *>(&addr);
+    auto* a = reinterpret_cast<sockaddr_in6*>(&addr);
     inet_ntop(AF_INET6, &a->sin6_addr, text, sizeof(text));
     port = ntohs(a->sin6_port);
   }
@@ -288,25 +288,25 @@ void tune_socket(int fd) {
 
 }  // namespace
 
-const WireRequest &wire_request() { return t_request ? *t_request : kNoRequest; }
+const WireRequest& wire_request() { return t_request ? *t_request : kNoRequest; }
 
-void wire_set_principal(const std::string &principal) {
+void wire_set_principal(const std::string& principal) {
   if (t_request) t_request->principal = principal;
 }
 
-std::string wire_header(const std::string &name) {
-  for (const auto &h : wire_request().headers)
+std::string wire_header(const std::string& name) {
+  for (const auto& h : wire_request().headers)
     if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
   return std::string();
 }
 
-bool wire_has_header(const std::string &name) {
-  for (const auto &h : wire_request().headers)
+bool wire_has_header(const std::string& name) {
+  for (const auto& h : wire_request().headers)
     if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
   return false;
 }
 
-void wire_set_file_window(const char *base, size_t len, int fd, off_t file_offset) {
+void wire_set_file_window(const char* base, size_t len, int fd, off_t file_offset) {
   t_window = FileWindow{reinterpret_cast<uintptr_t>(base), len, fd, file_offset};
 }
 
@@ -334,7 +334,7 @@ void listen_socket_options(socket_t sock) {
 // Serves the requests whose heads are buffered; false when the connection
 // must close.
 template <class Process>
-bool serve_buffered(WireStream &strm, const std::atomic<bool> &closing, Process process) {
+bool serve_buffered(WireStream& strm, const std::atomic<bool>& closing, Process process) {
   do {
     WireRequest request;
     strm.begin_request(&request);
@@ -351,7 +351,7 @@ bool serve_buffered(WireStream &strm, const std::atomic<bool> &closing, Process 
 
 }  // namespace
 
-WireServer::WireServer(const WireLimits &limits)
+WireServer::WireServer(const WireLimits& limits)
     : limits_(limits),
       heads_(
           [this](int fd, std::string bytes) {
@@ -416,8 +416,8 @@ void WireServer::serve_connection(int fd, std::string bytes) {
   }
   if (closing_) return release(fd);
   WireStream strm(fd, std::move(bytes), limits_, halted_);
-  bool keep = serve_buffered(strm, closing_, [this](WireStream &s, bool &closed) {
-    return process_request(s, false, closed, std::function<void(httplib::Request &)>());
+  bool keep = serve_buffered(strm, closing_, [this](WireStream& s, bool& closed) {
+    return process_request(s, false, closed, std::function<void(httplib::Request&)>());
   });
   if (!keep) return release(fd);
   {

@@ -33,20 +33,20 @@ struct WireRequest {
 
 // Records the header lines of a raw request head into `req` and returns the
 // head that cpp-httplib gets to parse (the Range line renamed).
-std::string wire_rewrite_head(const std::string &head, WireRequest *req);
+std::string wire_rewrite_head(const std::string& head, WireRequest* req);
 
 // The request in progress on the calling thread; empty outside a request.
-const WireRequest &wire_request();
-void wire_set_principal(const std::string &principal);
+const WireRequest& wire_request();
+void wire_set_principal(const std::string& principal);
 
 // First value of a header from the wire, case-insensitive; empty when absent.
-std::string wire_header(const std::string &name);
-bool wire_has_header(const std::string &name);
+std::string wire_header(const std::string& name);
+bool wire_has_header(const std::string& name);
 
 // While set, writes of bytes that lie inside [base, base + len) are sent from
 // the file `fd` at the matching offset instead of being copied: `base` must be
 // a read-only mapping of that file starting at `file_offset`.
-void wire_set_file_window(const char *base, size_t len, int fd, off_t file_offset);
+void wire_set_file_window(const char* base, size_t len, int fd, off_t file_offset);
 void wire_clear_file_window();
 
 // Closes the connection once the answer in progress has been written.
@@ -65,7 +65,7 @@ struct WireLimits {
 // serves a connection only while a whole head is there to serve.
 class WireServer : public httplib::Server {
  public:
-  explicit WireServer(const WireLimits &limits);
+  explicit WireServer(const WireLimits& limits);
   ~WireServer() override;
   // cpp-httplib listens with a backlog of 5: a burst of clients (a test
   // with hundreds of operations in flight) overflows it and the kernel drops

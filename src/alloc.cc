@@ -23,13 +23,9 @@ bool should_fail() {
 
 void* mem_malloc(size_t size) { return should_fail() ? nullptr : std::malloc(size); }
 
-void* mem_calloc(size_t count, size_t size) {
-  return should_fail() ? nullptr : std::calloc(count, size);
-}
+void* mem_calloc(size_t count, size_t size) { return should_fail() ? nullptr : std::calloc(count, size); }
 
-void* mem_realloc(void* ptr, size_t size) {
-  return should_fail() ? nullptr : std::realloc(ptr, size);
-}
+void* mem_realloc(void* ptr, size_t size) { return should_fail() ? nullptr : std::realloc(ptr, size); }
 
 char* mem_strdup(const char* text) {
   if (text == nullptr) return nullptr;

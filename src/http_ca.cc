@@ -104,7 +104,8 @@ void resolve(char* note, size_t size) {
   if (!build_path(exe, g_bundle, kCaPathMax)) {
     char full[kFullPathMax + 1];
     if (build_path(exe, full, kFullPathMax) && present(full))
-      snprintf(note, size, "The executable's directory is too long for the CA bundle path; using the default CA store");
+      snprintf(note, size,
+               "The executable's directory is too long for the CA bundle path; using the default CA store");
     return;
   }
   if (readable_file(g_bundle)) {

@@ -3,7 +3,6 @@
 // them when a request may be taken again.
 #include "httppool.h"
 
-
 #include <atomic>
 
 #include "alloc.h"

@@ -34,8 +34,10 @@ struct cnd_t {
 
 // Static initialisers for a mutex and a condition variable that live for
 // the whole process (no init or destroy call needed).
-#define ZEL_MTX_INIT {PTHREAD_MUTEX_INITIALIZER}
-#define ZEL_CND_INIT {PTHREAD_COND_INITIALIZER}
+#define ZEL_MTX_INIT \
+  { PTHREAD_MUTEX_INITIALIZER }
+#define ZEL_CND_INIT \
+  { PTHREAD_COND_INITIALIZER }
 
 using thrd_start_t = int (*)(void*);
 

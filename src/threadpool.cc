@@ -27,7 +27,7 @@ struct WorkerRecord {
 };
 
 struct ThreadPool {
-  zel::mtx_t lock;      // guards the queue and the counters
+  zel::mtx_t lock;  // guards the queue and the counters
   zel::cnd_t idle;  // signalled when the last running worker leaves
   Task* first;
   Task* last;

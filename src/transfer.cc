@@ -122,7 +122,9 @@ uint32_t backoff_ms(uint32_t retry) {
   if (state == 0) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    state = (static_cast<uint64_t>(now.tv_nsec) ^ (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&state)) << 1)) | 1;
+    state = (static_cast<uint64_t>(now.tv_nsec) ^
+             (static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&state)) << 1)) |
+            1;
   }
   state ^= state << 13;  // xorshift64
   state ^= state >> 7;

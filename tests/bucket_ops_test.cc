@@ -4,9 +4,9 @@
 #include <string>
 
 #include "cache.h"
+#include "captured_log.h"
 #include "create_bucket.h"
 #include "lib_fixture.h"
-#include "captured_log.h"
 #include "thread.h"
 
 namespace zeltest {
@@ -27,9 +27,9 @@ std::string render(const ZELBucketPermissions* list) {
 }
 
 void on_bucket(const ZELBucketDetails* d, void* user_data) {
-  static_cast<Recorder*>(user_data)->add({"details", static_cast<int32_t>(d->policy),
-                                          narrow(d->bucket_key) + "|" + d->bucket_owner + "|" +
-                                              render(d->permissions)});
+  static_cast<Recorder*>(user_data)->add(
+      {"details", static_cast<int32_t>(d->policy),
+       narrow(d->bucket_key) + "|" + d->bucket_owner + "|" + render(d->permissions)});
 }
 
 void on_permissions(const ZELBucketPermissions* list, void* user_data) {
@@ -39,8 +39,8 @@ void on_permissions(const ZELBucketPermissions* list, void* user_data) {
 void on_page(const ZELListBucketsDetails* page, void* user_data) {
   std::string keys;
   for (const ZELListBucketItem* i = page->head; i; i = i->next) keys += narrow(i->bucket_key) + ",";
-  static_cast<Recorder*>(user_data)->add({"page", static_cast<int32_t>(page->count),
-                                          keys + "|" + narrow(page->next_page)});
+  static_cast<Recorder*>(user_data)->add(
+      {"page", static_cast<int32_t>(page->count), keys + "|" + narrow(page->next_page)});
 }
 
 class BucketOps : public LibTest, public ::testing::WithParamInterface<uint32_t> {
@@ -51,8 +51,8 @@ class BucketOps : public LibTest, public ::testing::WithParamInterface<uint32_t>
 
   Event create(const char16_t* key, ZELBucketPermissions* permissions = nullptr) {
     Recorder rec;
-    ZELCreateBucketOpt opt{key, ZEL_BUCKET_POLICY_PERSISTENT, permissions, nullptr,
-                           on_status<ZELCreateBucketResp>, on_bucket};
+    ZELCreateBucketOpt opt{key,     ZEL_BUCKET_POLICY_PERSISTENT,   permissions,
+                           nullptr, on_status<ZELCreateBucketResp>, on_bucket};
     zel_create_bucket(handle(version()), &opt, &rec);
     return rec.only();
   }
@@ -91,7 +91,8 @@ TEST_P(BucketOps, CreateReadGrantRevoke) {
   EXPECT_LT(raw.body.find("\"alice\""), raw.body.find("\"bob\"")) << raw.body;
 
   Recorder granted;
-  ZELBucketPermissions* more = zel_permissions_append(zel_permissions_init(), "carol", ZEL_BUCKET_ACCESS_FULL);
+  ZELBucketPermissions* more =
+      zel_permissions_append(zel_permissions_init(), "carol", ZEL_BUCKET_ACCESS_FULL);
   ZELGrantBucketAccessOpt gopt{u"team-bucket", more, nullptr, on_status<ZELGrantBucketAccessResp>,
                                on_permissions};
   zel_grant_bucket_access(handle(version()), &gopt, &granted);
@@ -102,7 +103,8 @@ TEST_P(BucketOps, CreateReadGrantRevoke) {
   EXPECT_NE(e.message.find("carol:full;"), std::string::npos) << e.message;
 
   Recorder revoked;
-  ZELBucketPermissions* gone = zel_permissions_append(zel_permissions_init(), "carol", ZEL_BUCKET_ACCESS_FULL);
+  ZELBucketPermissions* gone =
+      zel_permissions_append(zel_permissions_init(), "carol", ZEL_BUCKET_ACCESS_FULL);
   ZELRevokeBucketAccessOpt vopt{u"team-bucket", gone, nullptr, on_status<ZELRevokeBucketAccessResp>, on_done};
   server_.clear_requests();
   zel_revoke_bucket_access(handle(version()), &vopt, &revoked);
@@ -151,7 +153,8 @@ TEST_P(BucketOps, ListingPagesAndQueries) {
 
 TEST_P(BucketOps, FailuresAndTheirMessages) {
   Recorder no_key;
-  ZELGrantBucketAccessOpt gopt{nullptr, nullptr, nullptr, on_status<ZELGrantBucketAccessResp>, on_permissions};
+  ZELGrantBucketAccessOpt gopt{nullptr, nullptr, nullptr, on_status<ZELGrantBucketAccessResp>,
+                               on_permissions};
   zel_grant_bucket_access(handle(version()), &gopt, &no_key);
   Event e = no_key.only();
   EXPECT_EQ(e.code, 0);
@@ -238,7 +241,8 @@ TEST_F(BucketFrame, EntryPointFailures) {
   zel_list_buckets(handle(), nullptr, &rec);
   EXPECT_TRUE(rec.events().empty());
   EXPECT_EQ(zeltest::CapturedLog::messages("src\\bucket"),
-            (std::vector<std::string>{"ZELCreateBucketOpt is not initialized", "ZELListBucketsOpt is not initialized"}));
+            (std::vector<std::string>{"ZELCreateBucketOpt is not initialized",
+                                      "ZELListBucketsOpt is not initialized"}));
 
   Recorder no_handle;
   ZELListBucketsOpt lopt{nullptr, 0, nullptr, nullptr, on_status<ZELListBucketsResp>, on_page};

@@ -44,9 +44,10 @@ TEST_F(Handle, InitSetsDefaultsAndKeepsArguments) {
   ASSERT_NE(handle, nullptr);
   const ZEL& h = *handle;
   EXPECT_EQ(std::make_tuple(h.environment, h.api_version, h.http_pool_size, h.thread_pool_size, h.chunk_size,
-                            h.max_retries, h.auto_create_bucket, h.timeout_ms, h.low_speed_limit, h.low_speed_time,
-                            h.ssl_verify_peer, h.max_send_speed, h.max_recv_speed),
-            std::make_tuple(3u, 2u, 8u, 8u, uint64_t{5242880}, 5u, 0u, 1800000u, 0u, 0u, 1u, int64_t{0}, int64_t{0}));
+                            h.max_retries, h.auto_create_bucket, h.timeout_ms, h.low_speed_limit,
+                            h.low_speed_time, h.ssl_verify_peer, h.max_send_speed, h.max_recv_speed),
+            std::make_tuple(3u, 2u, 8u, 8u, uint64_t{5242880}, 5u, 0u, 1800000u, 0u, 0u, 1u, int64_t{0},
+                            int64_t{0}));
   EXPECT_TRUE(h.proxy == nullptr && h.proxy_username == nullptr && h.proxy_password == nullptr);
   EXPECT_TRUE(h.get_token == &token && h.free_token == nullptr);
   zel_cleanup(handle);

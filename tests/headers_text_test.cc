@@ -37,7 +37,7 @@ TEST(HeaderList, FindMatchesByPrefixAndSkipsEmptyValues) {
   list = zel_headers_append(list, "Accept", "");
   list = zel_headers_append(list, "Content-Type", "text/plain");
   EXPECT_STREQ(zel_headers_find(list, "Range"), "bytes=0-9");
-  EXPECT_EQ(zel_headers_find(list, "Accept"), nullptr);  // empty value is passed over
+  EXPECT_EQ(zel_headers_find(list, "Accept"), nullptr);           // empty value is passed over
   EXPECT_STREQ(zel_headers_find(list, "Content"), "text/plain");  // prefix match
   EXPECT_EQ(zel_headers_find(list, "content-type"), nullptr);     // case matters
   EXPECT_EQ(zel_headers_find(list, ""), nullptr);
@@ -65,8 +65,12 @@ TEST(HeaderList, LongLineIsBoundedAndFailureKeepsList) {
 }
 
 TEST(Utf, RoundTripsIncludingCharactersOutsideTheBmp) {
-  const char* samples[] = {"", "plain", "\xC3\xA9", "caf\xC3\xA9/\xE6\x97\xA5\xE6\x9C\xAC",
-                           "\xF0\x9F\x98\x80 smile", "\xEF\xBF\xBF"};
+  const char* samples[] = {"",
+                           "plain",
+                           "\xC3\xA9",
+                           "caf\xC3\xA9/\xE6\x97\xA5\xE6\x9C\xAC",
+                           "\xF0\x9F\x98\x80 smile",
+                           "\xEF\xBF\xBF"};
   for (const char* text : samples) {
     char16_t* wide = utf8_to_wide(text);
     ASSERT_NE(wide, nullptr) << text;

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "alloc.h"
+#include "captured_log.h"
 #include "iterator.h"
 #include "object.h"
 #include "progress.h"
-#include "captured_log.h"
 
 namespace {
 
@@ -73,7 +73,8 @@ TEST(Iterator, RefusalsAndFailedAllocations) {
   mem_fail_at(1);
   EXPECT_EQ(iterator_init(0, 1, 1), nullptr);
   mem_fail_at(0);
-  EXPECT_TRUE(zeltest::CapturedLog::messages("src\\iterator").empty()) << "a failed record allocation is silent";
+  EXPECT_TRUE(zeltest::CapturedLog::messages("src\\iterator").empty())
+      << "a failed record allocation is silent";
 
   // A chunk whose range cannot be allocated is handed out on the next call.
   ZELByteRangeIterator* iterator = iterator_init(0, 4, 8);

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "alloc.h"
-#include "bucket.h"
 #include "alloc_walk.h"
+#include "bucket.h"
 #include "captured_log.h"
 
 namespace {

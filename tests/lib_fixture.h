@@ -94,7 +94,8 @@ class LibTest : public EmulatorTest {
       headers.push_back("Content-Range: bytes 0-" + std::to_string(data.size() - 1) + "/" +
                         std::to_string(data.size()));
     }
-    HttpResult r = http("PUT", server_.api(2) + "/buckets/" + bucket + "/objects/" + escaped_key, headers, data);
+    HttpResult r =
+        http("PUT", server_.api(2) + "/buckets/" + bucket + "/objects/" + escaped_key, headers, data);
     ASSERT_EQ(r.status, 200) << r.body;
   }
 

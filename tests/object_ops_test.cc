@@ -4,8 +4,8 @@
 #include <atomic>
 #include <string>
 
-#include "lib_fixture.h"
 #include "captured_log.h"
+#include "lib_fixture.h"
 #include "thread.h"
 
 namespace zeltest {
@@ -28,8 +28,8 @@ void on_session(const ZELObjectSession* s, void* user_data) {
   for (const ZELByteRangeItem* r = s->ranges->head; r; r = r->next) {
     ranges += std::to_string(r->start) + "-" + std::to_string(r->end) + ";";
   }
-  static_cast<Recorder*>(user_data)->add({"session", static_cast<int32_t>(s->ranges->count),
-                                          std::string(s->session_id) + "|" + ranges});
+  static_cast<Recorder*>(user_data)->add(
+      {"session", static_cast<int32_t>(s->ranges->count), std::string(s->session_id) + "|" + ranges});
 }
 
 class ObjectOps : public LibTest, public ::testing::WithParamInterface<uint32_t> {
@@ -53,8 +53,8 @@ TEST_P(ObjectOps, LifecycleOfOneObject) {
   EXPECT_EQ(e.message, "doc.txt|1000|" + sha1_hex(data) + "|application/octet-stream");
 
   Recorder copied;
-  ZELCopyObjectOpt copt{u"ops-bucket", u"doc.txt", u"copy.txt", on_status<ZELCopyObjectResp>, on_details,
-                        nullptr};
+  ZELCopyObjectOpt copt{u"ops-bucket", u"doc.txt", u"copy.txt", on_status<ZELCopyObjectResp>,
+                        on_details,    nullptr};
   zel_copy_object(h, &copt, &copied);
   e = copied.only();
   EXPECT_EQ(e.kind, "details");
@@ -91,12 +91,13 @@ TEST_P(ObjectOps, SessionStatusListsHeldRangesNewestFirst) {
   make_bucket("sess");
   const std::string url = server_.api(2) + "/buckets/sess/objects/big.bin/resumable";
   for (const char* range : {"bytes 0-99/1000", "bytes 200-299/1000"}) {
-    HttpResult r = http("PUT", url, {kAuthHeader, "Session-Id: abc-def_1", std::string("Content-Range: ") + range},
-                        std::string(100, 'x'));
+    HttpResult r =
+        http("PUT", url, {kAuthHeader, "Session-Id: abc-def_1", std::string("Content-Range: ") + range},
+             std::string(100, 'x'));
     ASSERT_EQ(r.status, 202) << r.body;
   }
   Recorder rec;
-  ZELGetObjectSessionOpt opt{u"sess", u"big.bin", "abc-def_1", nullptr, on_status<ZELGetObjectSessionResp>,
+  ZELGetObjectSessionOpt opt{u"sess",   u"big.bin", "abc-def_1", nullptr, on_status<ZELGetObjectSessionResp>,
                              on_session};
   server_.clear_requests();
   zel_get_object_session(handle(version()), &opt, &rec);
@@ -324,8 +325,10 @@ TEST_F(ObjectFrame, DecoratorFailuresReachTheCallbackOnTheCallersThread) {
   EXPECT_EQ(zeltest::CapturedLog::messages("src\\object"),
             (std::vector<std::string>{"Cannot allocate memory for ZELDeleteObjectDecorator",
                                       "Unable to clone opt", "Unable to clone opt"}));
-  EXPECT_EQ(zeltest::CapturedLog::last("src\\undelete_object"), "Cannot allocate memory for the cloned ZELUndeleteObjectOpt");
-  EXPECT_EQ(zeltest::CapturedLog::last("src\\copy_object"), "Cannot allocate memory for ZELCopyObjectOpt destination key");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\undelete_object"),
+            "Cannot allocate memory for the cloned ZELUndeleteObjectOpt");
+  EXPECT_EQ(zeltest::CapturedLog::last("src\\copy_object"),
+            "Cannot allocate memory for ZELCopyObjectOpt destination key");
 }
 
 // A header list copy that lost any line (node or text) fails the whole
@@ -343,7 +346,8 @@ TEST_F(ObjectFrame, HeaderCopyThatLosesALineFailsTheCall) {
     zel_delete_object(h, &del, &rec);
     mem_fail_at(0);
     EXPECT_EQ(rec.only().message, "Cannot allocate memory for ZELDeleteObjectDecorator");
-    EXPECT_EQ(zeltest::CapturedLog::last("src\\delete_object"), "Cannot clone the ZELDeleteObjectOpt headers");
+    EXPECT_EQ(zeltest::CapturedLog::last("src\\delete_object"),
+              "Cannot clone the ZELDeleteObjectOpt headers");
   }
   wait_for_workers();
   EXPECT_TRUE(server_.requests().empty());

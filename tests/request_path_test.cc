@@ -16,12 +16,12 @@
 
 namespace {
 
-using zeltest::GetOptions;
-using zeltest::Outcome;
-using zeltest::PutOptions;
 using zeltest::Fault;
 using zeltest::FaultProxy;
+using zeltest::GetOptions;
+using zeltest::Outcome;
 using zeltest::pattern_bytes;
+using zeltest::PutOptions;
 using zeltest::sha1_hex;
 
 constexpr uint64_t kChunk = 65536;
@@ -101,7 +101,8 @@ TEST_F(RequestPathTest, CutAnswersFailTheDownloadWhenNoAttemptRemains) {
     EXPECT_EQ(o.done, 0);
     EXPECT_EQ(o.callbacks, 1);
     EXPECT_NE(o.code, 200);
-    EXPECT_LT(zeltest::read_file(dir_.file(key)).size(), 40000u) << "nothing reserved beyond the bytes written";
+    EXPECT_LT(zeltest::read_file(dir_.file(key)).size(), 40000u)
+        << "nothing reserved beyond the bytes written";
   }
 }
 
@@ -145,13 +146,15 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   GetOptions g("bkt", "x", dir_.file("out"));
   g.opt.key = mine.c_str();
   zel_get_object(h_, &g.opt, &get);
-  ZELDeleteObjectOpt d{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELDeleteObjectResp>, zeltest::outcome_done};
+  ZELDeleteObjectOpt d{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELDeleteObjectResp>,
+                       zeltest::outcome_done};
   zel_delete_object(h_, &d, &del);
-  ZELCopyObjectOpt c{u"bkt",           mine.c_str(), u"copy", zeltest::outcome_status<ZELCopyObjectResp>,
-                     zeltest::on_details, nullptr};
+  ZELCopyObjectOpt c{
+      u"bkt", mine.c_str(), u"copy", zeltest::outcome_status<ZELCopyObjectResp>, zeltest::on_details,
+      nullptr};
   zel_copy_object(h_, &c, &cp);
-  ZELCopyObjectOpt c2{u"bkt",           u"a",   mine.c_str(), zeltest::outcome_status<ZELCopyObjectResp>,
-                      zeltest::on_details, nullptr};
+  ZELCopyObjectOpt c2{
+      u"bkt", u"a", mine.c_str(), zeltest::outcome_status<ZELCopyObjectResp>, zeltest::on_details, nullptr};
   Outcome cp2;
   zel_copy_object(h_, &c2, &cp2);
   ZELGetObjectDetailsOpt de{u"bkt", mine.c_str(), nullptr, zeltest::outcome_status<ZELGetObjectDetailsResp>,
@@ -209,7 +212,8 @@ TEST_F(RequestPathTest, SessionIdsThatWouldChangeTheStatusUrlAreRefused) {
   for (const char* id : {"a/../b", "a?x", "a#b", "a%2F", "a b"}) {
     SCOPED_TRACE(id);
     Outcome o;
-    ZELGetObjectSessionOpt s{u"bkt", u"k", id, nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>, nullptr};
+    ZELGetObjectSessionOpt s{u"bkt", u"k", id, nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>,
+                             nullptr};
     zel_get_object_session(h_, &s, &o);
     ASSERT_TRUE(o.wait_once());
     EXPECT_EQ(o.code, 0);
@@ -246,8 +250,8 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   ASSERT_TRUE(server_.restart()) << server_.error();
   proxy_->set_upstream(server_.port());
   Outcome o;
-  ZELGetObjectSessionOpt s{u"bkt",    u"big", "s-empty", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>,
-                           on_session};
+  ZELGetObjectSessionOpt s{
+      u"bkt", u"big", "s-empty", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>, on_session};
   zel_get_object_session(h_, &s, &o);
   ASSERT_TRUE(o.wait_once()) << o.message;
   EXPECT_EQ(seen.sessions.load(), 1) << o.code << " " << o.message;
@@ -272,8 +276,8 @@ TEST_F(RequestPathTest, SessionsHoldingNoBytesReadAsEmptyLists) {
   EXPECT_EQ(put_empty.details, 1) << put_empty.message;
   seen.ranges.store(-1);
   Outcome o2;
-  ZELGetObjectSessionOpt s2{u"bkt",    u"empty", "s-zero", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>,
-                            on_session};
+  ZELGetObjectSessionOpt s2{
+      u"bkt", u"empty", "s-zero", nullptr, zeltest::outcome_status<ZELGetObjectSessionResp>, on_session};
   zel_get_object_session(h_, &s2, &o2);
   ASSERT_TRUE(o2.wait_once());
   EXPECT_EQ(seen.sessions.load(), 2) << o2.code << " " << o2.message;

@@ -16,23 +16,23 @@ class BucketsTest : public EmulatorTest {
  protected:
   BucketsTest() : EmulatorTest({"--token", "bob-token=bob", "--token", "carol-token=carol"}) {}
 
-  HttpResult post(const std::string &path, const std::string &body, int version = 2,
-                  const char *auth = kAuthHeader) {
+  HttpResult post(const std::string& path, const std::string& body, int version = 2,
+                  const char* auth = kAuthHeader) {
     return http("POST", server_.api(version) + path, {auth, "Content-Type: application/json"}, body);
   }
-  HttpResult create(const std::string &key, int version = 2, const char *auth = kAuthHeader) {
+  HttpResult create(const std::string& key, int version = 2, const char* auth = kAuthHeader) {
     std::string body = version == 1
                            ? "{\"bucketKey\":\"" + key + "\",\"policy\":\"transient\",\"servicesAllowed\":[]}"
                            : "{\"bucketKey\":\"" + key + "\",\"policyKey\":\"transient\",\"allow\":[]}";
     return post("/buckets", body, version, auth);
   }
-  HttpResult get(const std::string &path, const char *auth = kAuthHeader, int version = 2) {
+  HttpResult get(const std::string& path, const char* auth = kAuthHeader, int version = 2) {
     return http("GET", server_.api(version) + path, {auth});
   }
 };
 
 // An error answer is JSON holding exactly one "reason" string.
-void expect_reason(const HttpResult &r, long status) {
+void expect_reason(const HttpResult& r, long status) {
   EXPECT_EQ(r.status, status) << r.body;
   JsonPtr j = parse_json(r.body);
   ASSERT_TRUE(j) << "error body is not JSON: " << r.body;
@@ -54,7 +54,7 @@ TEST_F(BucketsTest, CreateAnswersDetailsInEachVersionsShape) {
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "bucketOwner")), "local");
   EXPECT_STREQ(json_string_value(json_object_get(j.get(), "policyKey")), "temporary");
   EXPECT_GT(json_integer_value(json_object_get(j.get(), "createdDate")), 1600000000000LL) << "milliseconds";
-  json_t *perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
+  json_t* perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
   EXPECT_EQ(json_keys(perm), (std::vector<std::string>{"access", "authId"}));
   EXPECT_STREQ(json_string_value(json_object_get(perm, "authId")), "bob");
 
@@ -84,7 +84,7 @@ TEST_F(BucketsTest, CreateRefusesDuplicatesAndMalformedBodies) {
   expect_reason(create("dup"), 409);
   expect_reason(create("dup", 1), 409);
 
-  for (const char *bad :
+  for (const char* bad :
        {"not json", "[]", R"({"policyKey":"transient"})", R"({"bucketKey":"ok-key","policyKey":"forever"})",
         R"({"bucketKey":"ok-key","policy":"transient"})",  // version 1 key in a version 2 body
         R"({"bucketKey":"ok-key","policyKey":"transient","allow":[{"authId":"x","access":"write"}]})",
@@ -93,12 +93,12 @@ TEST_F(BucketsTest, CreateRefusesDuplicatesAndMalformedBodies) {
     SCOPED_TRACE(bad);
     expect_reason(post("/buckets", bad), 400);
   }
-  for (const std::string &key :
+  for (const std::string& key :
        std::vector<std::string>{"ab", std::string(129, 'a'), "Upper", "a b", "caf\xc3\xa9", "a/b"}) {
     SCOPED_TRACE(key);
     expect_reason(create(key), 400);
   }
-  for (const std::string &key : std::vector<std::string>{"abc", std::string(128, 'z'), "a-_.9"}) {
+  for (const std::string& key : std::vector<std::string>{"abc", std::string(128, 'z'), "a-_.9"}) {
     SCOPED_TRACE(key);
     EXPECT_EQ(create(key).status, 200);
   }
@@ -107,7 +107,7 @@ TEST_F(BucketsTest, CreateRefusesDuplicatesAndMalformedBodies) {
 
 TEST_F(BucketsTest, MissingOrUnknownTokenGets401) {
   ASSERT_EQ(create("guarded").status, 200);
-  for (const char *auth : {"X-None: 1", "Authorization: Bearer nope",
+  for (const char* auth : {"X-None: 1", "Authorization: Bearer nope",
                            "Authorization: Basic bG9jYWw6eA==", "Authorization: Bearer"}) {
     SCOPED_TRACE(auth);
     expect_reason(get("/buckets/guarded/details", auth), 401);
@@ -147,7 +147,7 @@ TEST_F(BucketsTest, GrantAndRevokeControlAccess) {
   expect_reason(get("/buckets/shared/details", kBob), 403);
   expect_reason(get(object, kBob), 403);
   JsonPtr j = parse_json(get("/buckets/shared/details").body);
-  json_t *perms = json_object_get(j.get(), "permissions");
+  json_t* perms = json_object_get(j.get(), "permissions");
   ASSERT_EQ(json_array_size(perms), 1u);
   EXPECT_STREQ(json_string_value(json_object_get(json_array_get(perms, 0), "authId")), "carol");
 
@@ -159,14 +159,14 @@ TEST_F(BucketsTest, GrantAndRevokeControlAccess) {
 }
 
 TEST_F(BucketsTest, ListingPagesInKeyOrder) {
-  for (const char *k : {"lb-d", "lb-a", "lb-e", "lb-c", "lb-b"}) ASSERT_EQ(create(k).status, 200);
+  for (const char* k : {"lb-d", "lb-a", "lb-e", "lb-c", "lb-b"}) ASSERT_EQ(create(k).status, 200);
   ASSERT_EQ(create("lb-bob", 2, kBob).status, 200);
 
   HttpResult r = get("/buckets?limit=2");
   ASSERT_EQ(r.status, 200) << r.body;
   JsonPtr j = parse_json(r.body);
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"items", "next"}));
-  json_t *items = json_object_get(j.get(), "items");
+  json_t* items = json_object_get(j.get(), "items");
   ASSERT_EQ(json_array_size(items), 2u);
   EXPECT_EQ(json_keys(json_array_get(items, 0)),
             (std::vector<std::string>{"bucketKey", "createdDate", "policyKey"}));

@@ -18,26 +18,26 @@ using namespace zeltest;
 
 namespace {
 
-std::u16string wide(const std::string &ascii) { return std::u16string(ascii.begin(), ascii.end()); }
+std::u16string wide(const std::string& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
 
-std::string read_file(const std::string &path) {
+std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
 }
 
-void write_file(const std::string &path, const std::string &data) {
+void write_file(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
-std::string json_text(const json_t *o, const char *key) {
-  const json_t *v = json_object_get(o, key);
+std::string json_text(const json_t* o, const char* key) {
+  const json_t* v = json_object_get(o, key);
   return json_is_string(v) ? json_string_value(v) : std::string();
 }
 
-long long json_int(const json_t *o, const char *key) {
-  const json_t *v = json_object_get(o, key);
+long long json_int(const json_t* o, const char* key) {
+  const json_t* v = json_object_get(o, key);
   return json_is_integer(v) ? json_integer_value(v) : -999;
 }
 
@@ -60,33 +60,33 @@ class DeltaServerTest : public EmulatorTest {
     std::system(("rm -rf " + dir_).c_str());
   }
 
-  HttpResult post_json(const std::string &url, const std::string &body,
+  HttpResult post_json(const std::string& url, const std::string& body,
                        std::vector<std::string> headers = {}) {
     headers.push_back(kAuthHeader);
     headers.push_back("Content-Type: application/json");
     return http("POST", url, headers, body);
   }
-  std::string object(const std::string &key, int version = 2) const {
+  std::string object(const std::string& key, int version = 2) const {
     return server_.api(version) + "/buckets/dlt/objects/" + key;
   }
-  void put(const std::string &key, const std::string &data, std::vector<std::string> headers = {},
+  void put(const std::string& key, const std::string& data, std::vector<std::string> headers = {},
            int version = 2) {
     headers.push_back(kAuthHeader);
     HttpResult r = http("PUT", object(key, version), headers, data);
     ASSERT_EQ(r.status, 200) << r.body;
   }
-  std::string path(const std::string &name) const { return dir_ + "/" + name; }
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   // The patch from `from` to `to`, made locally with the delta library.
-  std::string local_patch(const std::string &from, const std::string &to) {
+  std::string local_patch(const std::string& from, const std::string& to) {
     write_file(path("from"), from);
     write_file(path("to"), to);
-    char *msg = nullptr;
+    char* msg = nullptr;
     EXPECT_GE(diff_create_signature(wide(path("from")).c_str(), wide(path("from.sig")).c_str(),
                                     wide(dir_).c_str(), 2048, 1, 0, &msg),
               0);
     free_err_msg(&msg);
-    DiffFileList *list = file_list_append(file_list_init(), wide(path("from.sig")).c_str());
+    DiffFileList* list = file_list_append(file_list_init(), wide(path("from.sig")).c_str());
     EXPECT_GE(diff_create_patch(wide(path("to")).c_str(), list, wide(path("patch")).c_str(),
                                 wide(dir_).c_str(), 1, 0, 6, 1, &msg),
               0);
@@ -96,21 +96,21 @@ class DeltaServerTest : public EmulatorTest {
   }
 
   // The delta engine's test controls.
-  HttpResult controls(const std::string &method, const std::string &route, const std::string &body = "") {
+  HttpResult controls(const std::string& method, const std::string& route, const std::string& body = "") {
     return http(method, server_.base_url() + "/_emulator/delta" + route, {kAuthHeader}, body);
   }
 
-  std::string kri(const std::string &route) const { return server_.base_url() + "/kri/api/v1" + route; }
+  std::string kri(const std::string& route) const { return server_.base_url() + "/kri/api/v1" + route; }
 
   // Registers a job; its answer.
-  JsonPtr submit(const std::string &route, const std::string &body, std::vector<std::string> headers = {}) {
+  JsonPtr submit(const std::string& route, const std::string& body, std::vector<std::string> headers = {}) {
     HttpResult r = post_json(kri(route), body, headers);
     EXPECT_EQ(r.status, 200) << r.body;
     return parse_json(r.body);
   }
 
   // Polls a job by id until it ends; its last status.
-  JsonPtr wait_job(const std::string &kind, const std::string &id) {
+  JsonPtr wait_job(const std::string& kind, const std::string& id) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < deadline) {
       HttpResult r = http("GET", kri("/" + kind + "/" + id), {kAuthHeader});
@@ -123,11 +123,11 @@ class DeltaServerTest : public EmulatorTest {
     return nullptr;
   }
 
-  std::string apply_body(const std::string &new_sha1) const {
+  std::string apply_body(const std::string& new_sha1) const {
     return R"({"BucketName":"dlt","ObjectName":"base","MaximumAttempts":5,"NewObjectName":"next","NewObjectSHA1":")" +
            new_sha1 + R"(","ProcessType":0})";
   }
-  std::string patch_header(const std::string &from, const std::string &to) const {
+  std::string patch_header(const std::string& from, const std::string& to) const {
     return "x-pmw-delta-object: patch:" + sha1_hex(from) + "->" + sha1_hex(to);
   }
 
@@ -140,7 +140,7 @@ TEST_F(DeltaServerTest, SignatureDownloadIsTheLibrarysSignature) {
   put("base", base_);
   write_file(path("base"), base_);
   for (uint32_t block : {2048u, 512u}) {
-    char *msg = nullptr;
+    char* msg = nullptr;
     ASSERT_GE(diff_create_signature(wide(path("base")).c_str(), wide(path("local.sig")).c_str(),
                                     wide(dir_).c_str(), block, 1, 0, &msg),
               0);
@@ -151,7 +151,7 @@ TEST_F(DeltaServerTest, SignatureDownloadIsTheLibrarysSignature) {
     EXPECT_EQ(first.body, read_file(path("local.sig"))) << "block size " << block;
     EXPECT_EQ(http("GET", object("base"), {kAuthHeader, header}).body, first.body) << "the kept signature";
   }
-  for (const char *bad : {"signature:@", "signature:@0", "signature:@x1", "signature:2048", "sig:@2048"}) {
+  for (const char* bad : {"signature:@", "signature:@0", "signature:@x1", "signature:2048", "sig:@2048"}) {
     HttpResult r = http("GET", object("base"), {kAuthHeader, std::string("x-pmw-delta-object: ") + bad});
     EXPECT_EQ(r.status, 400) << bad;
   }
@@ -179,7 +179,7 @@ TEST_F(DeltaServerTest, PatchUploadThenApply) {
   ASSERT_TRUE(details) << "a finished apply describes the new object";
   EXPECT_EQ(json_keys(details.get()), (std::vector<std::string>{"bucket-key", "objects"}))
       << "in the API version the patch was uploaded with";
-  const json_t *entry = json_array_get(json_object_get(details.get(), "objects"), 0);
+  const json_t* entry = json_array_get(json_object_get(details.get(), "objects"), 0);
   EXPECT_EQ(json_text(entry, "sha-1"), sha1_hex(next_));
   EXPECT_EQ(json_int(entry, "size"), static_cast<long long>(next_.size()));
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, next_);
@@ -194,7 +194,7 @@ TEST_F(DeltaServerTest, PatchUploadThenApply) {
 
   HttpResult report = controls("GET", "");
   JsonPtr r = parse_json(report.body);
-  const json_t *recorded = json_object_get(json_array_get(json_object_get(r.get(), "jobs"), 0), "Acm");
+  const json_t* recorded = json_object_get(json_array_get(json_object_get(r.get(), "jobs"), 0), "Acm");
   EXPECT_EQ(json_text(recorded, "x-pmw-acm-namespace"), "ns");
   EXPECT_EQ(json_text(recorded, "x-pmw-acm-check-groups"), "c1");
   EXPECT_EQ(json_object_get(recorded, "x-pmw-acm-groups"), nullptr);
@@ -284,9 +284,9 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   write_file(path("base"), base_);
   write_file(path("patch"), download.body);
   std::u16string base_path = wide(path("base"));
-  DiffFileEntry entry{&base_path[0], const_cast<char *>(orig.c_str()), nullptr};
-  DiffFileEntry *head = &entry;
-  char *msg = nullptr;
+  DiffFileEntry entry{&base_path[0], const_cast<char*>(orig.c_str()), nullptr};
+  DiffFileEntry* head = &entry;
+  char* msg = nullptr;
   ASSERT_GE(diff_apply_patch(wide(path("out")).c_str(), wide(path("patch")).c_str(), &head,
                              wide(dir_).c_str(), 0, &msg),
             0);
@@ -351,7 +351,7 @@ TEST_F(DeltaServerTest, TestControlsHoldFailAndCount) {
   JsonPtr report = parse_json(controls("GET", "").body);
   EXPECT_GE(json_int(report.get(), "polls"), 5);
   size_t i;
-  json_t *j;
+  json_t* j;
   json_array_foreach(json_object_get(report.get(), "jobs"), i, j) {
     if (json_text(j, "DocumentID") == held) {
       EXPECT_GE(json_int(j, "Polls"), 4);

@@ -22,26 +22,26 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::vector<std::string> files_in(const std::string &dir) {
+std::vector<std::string> files_in(const std::string& dir) {
   std::vector<std::string> out;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d))
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d))
       if (e->d_name[0] != '.') out.push_back(e->d_name);
     closedir(d);
   }
   return out;
 }
 
-std::string read_text(const std::string &path) {
+std::string read_text(const std::string& path) {
   std::ifstream in(path);
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
 }
 
-std::string reason_of(const HttpResult &r) {
+std::string reason_of(const HttpResult& r) {
   JsonPtr body = parse_json(r.body);
-  const char *s = json_string_value(json_object_get(body.get(), "reason"));
+  const char* s = json_string_value(json_object_get(body.get(), "reason"));
   return s ? s : "";
 }
 
@@ -60,8 +60,8 @@ class HardeningTest : public EmulatorTest {
     EmulatorTest::TearDown();
     unlink(log_path_.c_str());
   }
-  std::string url(const std::string &key) const { return server_.api() + "/buckets/hard/objects/" + key; }
-  HttpResult faults_post(const std::string &json) {
+  std::string url(const std::string& key) const { return server_.api() + "/buckets/hard/objects/" + key; }
+  HttpResult faults_post(const std::string& json) {
     return http("POST", server_.base_url() + "/_emulator/faults", {kAuthHeader}, json);
   }
   // Sends SIGTERM and says how long the process took to end.
@@ -86,7 +86,7 @@ TEST_F(HardeningTest, ASecondServerOnAPortInUseRefusesToStart) {
 }
 
 TEST_F(HardeningTest, TestApiNeedsAKnownTokenAndKeepsNoSecrets) {
-  for (const char *auth : {"X-None: 1", "Authorization: Bearer nope"}) {
+  for (const char* auth : {"X-None: 1", "Authorization: Bearer nope"}) {
     EXPECT_EQ(http("GET", server_.base_url() + "/_emulator/requests", {auth}).status, 401) << auth;
     EXPECT_EQ(http("DELETE", server_.base_url() + "/_emulator/requests", {auth}).status, 401) << auth;
     EXPECT_EQ(http("DELETE", server_.base_url() + "/_emulator/faults", {auth}).status, 401) << auth;
@@ -104,7 +104,7 @@ TEST_F(HardeningTest, TestApiNeedsAKnownTokenAndKeepsNoSecrets) {
        {"Authorization: Bearer wrong-guess", "Proxy-Authorization: Basic eDp5"});
   std::string raw =
       http("GET", server_.base_url() + "/_emulator/requests", {"Authorization: Bearer s3cret-bob"}).body;
-  for (const char *secret : {"local-dev-token", "s3cret-bob", "wrong-guess", "eDp5"})
+  for (const char* secret : {"local-dev-token", "s3cret-bob", "wrong-guess", "eDp5"})
     EXPECT_EQ(raw.find(secret), std::string::npos) << secret << " is in the journal: " << raw;
 
   std::vector<RecordedRequest> log = server_.requests();
@@ -163,7 +163,7 @@ TEST_F(HardeningTest, PowerCutObjectIsWithdrawnNotServedShort) {
   ASSERT_EQ(http("PUT", url("whole"), {kAuthHeader}, "intact").status, 200);
   std::string objects = server_.data_dir() + "/objects/";
   std::string blob;
-  for (const auto &f : files_in(objects))
+  for (const auto& f : files_in(objects))
     if (read_text(objects + f) == data) blob = f;
   ASSERT_FALSE(blob.empty());
   server_.stop();

@@ -107,7 +107,7 @@ TEST_F(SessionExpiryTest, IdleSessionsAndTheirFilesGo) {
                 .status,
             200);
   std::string url = server_.api() + "/buckets/exp/objects/o";
-  auto chunk = [&](const std::string &sid, const char *range) {
+  auto chunk = [&](const std::string& sid, const char* range) {
     return http("PUT", url + "/resumable",
                 {kAuthHeader, "Session-Id: " + sid, std::string("Content-Range: ") + range},
                 std::string(10, 'e'));

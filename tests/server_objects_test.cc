@@ -13,7 +13,7 @@ using namespace zeltest;
 
 namespace {
 
-std::string encode(const std::string &key) {
+std::string encode(const std::string& key) {
   static const char kHex[] = "0123456789ABCDEF";
   std::string out;
   for (unsigned char c : key) {
@@ -34,10 +34,10 @@ class ObjectsTest : public EmulatorTest {
                   .status,
               200);
   }
-  std::string url(const std::string &encoded_key, int version = 2) {
+  std::string url(const std::string& encoded_key, int version = 2) {
     return server_.api(version) + "/buckets/objs/objects/" + encoded_key;
   }
-  HttpResult put(const std::string &encoded_key, const std::string &data, int version = 2) {
+  HttpResult put(const std::string& encoded_key, const std::string& data, int version = 2) {
     std::string range =
         "Content-Range: bytes 0-" + std::to_string(data.size() - 1) + "/" + std::to_string(data.size());
     return http(
@@ -45,13 +45,13 @@ class ObjectsTest : public EmulatorTest {
         {kAuthHeader, "Session-Id: s-" + std::to_string(data.size()), range, "Content-Type: text/x-zel"},
         data);
   }
-  HttpResult get(const std::string &encoded_key, std::vector<std::string> headers = {}) {
+  HttpResult get(const std::string& encoded_key, std::vector<std::string> headers = {}) {
     headers.push_back(kAuthHeader);
     return http("GET", url(encoded_key), headers);
   }
 };
 
-void expect_error(const HttpResult &r, long status) {
+void expect_error(const HttpResult& r, long status) {
   EXPECT_EQ(r.status, status) << r.body;
   JsonPtr j = parse_json(r.body);
   EXPECT_EQ(json_keys(j.get()), std::vector<std::string>{"reason"}) << "body: " << r.body;
@@ -79,7 +79,7 @@ TEST_F(ObjectsTest, WholeUploadRoundTripsInBothVersions) {
   ASSERT_EQ(r.status, 200) << r.body;
   j = parse_json(r.body);
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"bucket-key", "objects"}));
-  json_t *o = json_array_get(json_object_get(j.get(), "objects"), 0);
+  json_t* o = json_array_get(json_object_get(j.get(), "objects"), 0);
   EXPECT_EQ(json_keys(o),
             (std::vector<std::string>{"content-type", "id", "key", "location", "sha-1", "size"}));
   EXPECT_EQ(json_string_value(json_object_get(o, "sha-1")), sha1_hex("version one"));
@@ -99,18 +99,18 @@ TEST_F(ObjectsTest, WholeUploadChecksContentRangeAgainstTheBody) {
   expect_error(http("PUT", url("long"), {kAuthHeader, "Content-Range: bytes 0-2/3"}, "12345"), 400);
   expect_error(http("PUT", url("part"), {kAuthHeader, "Content-Range: bytes 0-4/10"}, "12345"), 400);
   expect_error(http("PUT", url("junk"), {kAuthHeader, "Content-Range: items 0-4/5"}, "12345"), 400);
-  for (const char *k : {"short", "long", "part", "junk"}) EXPECT_EQ(get(k).status, 404) << k << " was stored";
+  for (const char* k : {"short", "long", "part", "junk"}) EXPECT_EQ(get(k).status, 404) << k << " was stored";
 }
 
 TEST_F(ObjectsTest, RangesAnswer206Or416) {
   const std::string data = pattern_bytes(1000, 2);
   ASSERT_EQ(put("r", data).status, 200);
   struct Case {
-    const char *range;
+    const char* range;
     size_t start, end;
   } cases[] = {{"bytes=100-199", 100, 199}, {"bytes=990-2000", 990, 999}, {"bytes=-10", 990, 999},
                {"bytes=995-", 995, 999},    {"bytes=0-0", 0, 0},          {"bytes=-5000", 0, 999}};
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.range);
     HttpResult r = get("r", {std::string("Range: ") + c.range});
     ASSERT_EQ(r.status, 206);
@@ -118,7 +118,7 @@ TEST_F(ObjectsTest, RangesAnswer206Or416) {
               "bytes " + std::to_string(c.start) + "-" + std::to_string(c.end) + "/1000");
     EXPECT_TRUE(r.body == data.substr(c.start, c.end - c.start + 1));
   }
-  for (const char *bad : {"bytes=1000-1001", "bytes=5000-"}) {
+  for (const char* bad : {"bytes=1000-1001", "bytes=5000-"}) {
     SCOPED_TRACE(bad);
     HttpResult r = get("r", {std::string("Range: ") + bad});
     expect_error(r, 416);
@@ -160,9 +160,9 @@ TEST_F(ObjectsTest, KeysArePercentEncodedUtf8WithSlashes) {
 }
 
 // Lists every file under `dir`, relative to it.
-void list_files(const std::string &dir, const std::string &prefix, std::set<std::string> &out) {
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d)) {
+void list_files(const std::string& dir, const std::string& prefix, std::set<std::string>& out) {
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
       std::string name = e->d_name;
       if (name == "." || name == "..") continue;
       struct stat st;
@@ -191,12 +191,12 @@ TEST_F(ObjectsTest, PathTraversalIsRefused) {
   expect_error(get("bad%zz"), 400);
 
   struct stat st;
-  for (const std::string &p :
+  for (const std::string& p :
        {dir + "/../escape", dir + "/../../escape", dir + "/../escape2", dir + "/escape"})
     EXPECT_NE(lstat(p.c_str(), &st), 0) << p << " was created";
   std::set<std::string> files;
   list_files(dir, "", files);
-  for (const auto &f : files) {
+  for (const auto& f : files) {
     EXPECT_TRUE(f.rfind("meta.db", 0) == 0 || f.rfind("objects/", 0) == 0) << "unexpected file " << f;
     if (f.rfind("objects/", 0) == 0) {
       EXPECT_EQ(f.find_first_not_of("0123456789abcdef", 8), std::string::npos)
@@ -244,7 +244,7 @@ TEST_F(ObjectsTest, DetailsCarryDatesOnlyWhenAsked) {
   JsonPtr plain = parse_json(http("GET", url("dated/details"), {kAuthHeader}).body);
   EXPECT_EQ(json_object_get(plain.get(), "createdDate"), nullptr);
   JsonPtr dated = parse_json(http("GET", url("dated/details") + with, {kAuthHeader}).body);
-  for (const char *k : {"createdDate", "lastAccessedDate", "lastModifiedDate"})
+  for (const char* k : {"createdDate", "lastAccessedDate", "lastModifiedDate"})
     EXPECT_GT(json_integer_value(json_object_get(dated.get(), k)), 1600000000000LL) << k;
   JsonPtr one = parse_json(http("GET", url("dated/details") + "?with=lastModifiedDate", {kAuthHeader}).body);
   EXPECT_EQ(json_object_get(one.get(), "createdDate"), nullptr);

@@ -37,7 +37,7 @@ class ResumableTest : public EmulatorTest {
                   .status,
               200);
   }
-  HttpResult chunk(const std::string &key, const std::string &sid, const std::string &data, Chunk c,
+  HttpResult chunk(const std::string& key, const std::string& sid, const std::string& data, Chunk c,
                    size_t total = 0) {
     if (total == 0) total = data.size();
     return http("PUT", server_.api() + "/buckets/upl/objects/" + key + "/resumable",
@@ -47,7 +47,7 @@ class ResumableTest : public EmulatorTest {
                  "Content-Type: application/x-parts"},
                 data.substr(c.start, c.end - c.start + 1));
   }
-  HttpResult status(const std::string &key, const std::string &sid) {
+  HttpResult status(const std::string& key, const std::string& sid) {
     return http("GET", server_.api() + "/buckets/upl/objects/" + key + "/status/" + sid, {kAuthHeader});
   }
 };
@@ -68,10 +68,10 @@ TEST_F(ResumableTest, ChunksInRandomOrderAndInParallelMakeTheObject) {
         answers.push_back(r);
       }
     });
-  for (auto &t : senders) t.join();
+  for (auto& t : senders) t.join();
 
   size_t complete = 0;
-  for (const auto &r : answers) {
+  for (const auto& r : answers) {
     ASSERT_TRUE(r.status == 200 || r.status == 202) << r.status << " " << r.body;
     if (r.status != 200) continue;
     ++complete;
@@ -139,8 +139,8 @@ TEST_F(ResumableTest, LargeUnalignedAndRewrittenChunksKeepTheHashTrue) {
   const size_t total = (3 << 20) + 12345, step = (1 << 20) + 4097;
   const std::string data = pattern_bytes(total, 11), other = pattern_bytes(total, 12);
   struct Case {
-    const char *key;
-    std::vector<std::pair<Chunk, const std::string *>> sends;
+    const char* key;
+    std::vector<std::pair<Chunk, const std::string*>> sends;
     std::string served;
   };
   std::vector<Chunk> ordered = cut(total, step), reversed(ordered.rbegin(), ordered.rend());
@@ -148,14 +148,14 @@ TEST_F(ResumableTest, LargeUnalignedAndRewrittenChunksKeepTheHashTrue) {
   std::vector<Case> cases = {{"ordered", {}, data},
                              {"reversed", {}, data},
                              {"rewrite", {}, data.substr(0, mid) + other.substr(mid)}};
-  for (const auto &c : ordered) cases[0].sends.push_back({c, &data});
-  for (const auto &c : reversed) cases[1].sends.push_back({c, &data});
+  for (const auto& c : ordered) cases[0].sends.push_back({c, &data});
+  for (const auto& c : reversed) cases[1].sends.push_back({c, &data});
   // The first two chunks are held (and hashed) before the last one comes
   // with other bytes from inside the first.
   cases[2].sends = {{ordered[0], &data}, {ordered[1], &data}, {{mid, total - 1}, &other}};
-  for (const auto &k : cases) {
+  for (const auto& k : cases) {
     HttpResult last;
-    for (const auto &s : k.sends) last = chunk(k.key, std::string("s-") + k.key, *s.second, s.first, total);
+    for (const auto& s : k.sends) last = chunk(k.key, std::string("s-") + k.key, *s.second, s.first, total);
     ASSERT_EQ(last.status, 200) << k.key << ": " << last.body;
     EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(k.served))
         << k.key;
@@ -172,7 +172,7 @@ int start_partial_chunk(int port, size_t start, size_t length, size_t total, siz
   a.sin_family = AF_INET;
   a.sin_port = htons(static_cast<uint16_t>(port));
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)) != 0) return -1;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) return -1;
   std::string head = "PUT /zel/v2/buckets/upl/objects/crash/resumable HTTP/1.1\r\nHost: x\r\n" +
                      std::string(kAuthHeader) + "\r\nSession-Id: s9\r\nContent-Range: bytes " +
                      std::to_string(start) + "-" + std::to_string(start + length - 1) + "/" +
@@ -187,8 +187,8 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
   std::vector<Chunk> chunks = cut(data.size(), 64 << 10);
   std::shuffle(chunks.begin(), chunks.end(), std::mt19937(7));
   std::vector<Chunk> first(chunks.begin(), chunks.begin() + 7), rest(chunks.begin() + 7, chunks.end());
-  for (const auto &c : first) ASSERT_EQ(chunk("crash", "s9", data, c).status, 202);
-  std::sort(first.begin(), first.end(), [](const Chunk &a, const Chunk &b) { return a.start < b.start; });
+  for (const auto& c : first) ASSERT_EQ(chunk("crash", "s9", data, c).status, 202);
+  std::sort(first.begin(), first.end(), [](const Chunk& a, const Chunk& b) { return a.start < b.start; });
   std::string expected = "bytes=";
   for (size_t i = 0; i < first.size(); ++i) {
     bool joins = i > 0 && first[i - 1].end + 1 == first[i].start;
@@ -214,7 +214,7 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
   EXPECT_EQ(s.status, 202);
   EXPECT_EQ(s.header("Range"), expected) << "the session survives exactly";
   HttpResult last;
-  for (const auto &c : rest) last = chunk("crash", "s9", data, c);
+  for (const auto& c : rest) last = chunk("crash", "s9", data, c);
   ASSERT_EQ(last.status, 200) << last.body;
   EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(data));
 

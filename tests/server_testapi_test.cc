@@ -44,15 +44,15 @@ TEST_F(TestApiTest, JournalRecordsRequestsAsReceived) {
 
   std::vector<RecordedRequest> log = server_.requests();
   ASSERT_EQ(log.size(), 3u) << "the test API's own requests are not recorded";
-  const RecordedRequest &put = log[0];
+  const RecordedRequest& put = log[0];
   EXPECT_EQ(put.method, "PUT");
   EXPECT_EQ(put.target, target);
   EXPECT_EQ(put.body_size, 5u);
   EXPECT_EQ(put.status, 200);
   std::vector<std::string> names;
-  for (const auto &h : put.headers) names.push_back(h.first);
-  auto pos = [&](const std::string &n) { return std::find(names.begin(), names.end(), n) - names.begin(); };
-  for (const char *n :
+  for (const auto& h : put.headers) names.push_back(h.first);
+  auto pos = [&](const std::string& n) { return std::find(names.begin(), names.end(), n) - names.begin(); };
+  for (const char* n :
        {"Authorization", "Session-Id", "Content-Range", "x-lower-case", "X-Custom", "Content-Type"})
     EXPECT_LT(pos(n), static_cast<long>(names.size())) << n << " missing or renamed";
   EXPECT_LT(pos("Authorization"), pos("Session-Id"));
@@ -108,7 +108,7 @@ TEST_F(TestApiTest, FaultRulesFailStallAndCut) {
   EXPECT_EQ(http("GET", object_url(), {kAuthHeader}).body, std::string(1000, 'k'))
       << "the failed PUT changed nothing";
 
-  for (const char *bad : {R"({"path":"x","status":500,"delay_ms":5})", R"({"path":"(","status":500})",
+  for (const char* bad : {R"({"path":"x","status":500,"delay_ms":5})", R"({"path":"(","status":500})",
                           R"({"path":"x"})", R"({"path":"x","status":42})", "nope"})
     EXPECT_FALSE(server_.add_fault(bad)) << bad;
 }
@@ -139,7 +139,7 @@ TEST_F(TestApiTest, ServesManyConnectionsAtOnce) {
   for (size_t i = 0; i < statuses.size(); ++i)
     clients.emplace_back(
         [&, i] { statuses[i] = http("GET", object_url() + "/details", {kAuthHeader}).status; });
-  for (auto &t : clients) t.join();
+  for (auto& t : clients) t.join();
   EXPECT_LT(elapsed_ms(t0), 2900);
   for (long s : statuses) EXPECT_EQ(s, 200);
 }
@@ -170,7 +170,7 @@ TEST(ServerStartTest, FaultsFileTokensAndTemporaryData) {
   if (pid == 0) {
     setenv("TMPDIR", dir.c_str(), 1);
     dup2(out[1], 1);
-    execl(ZEL_SERVER_BIN, ZEL_SERVER_BIN, "--port", "0", static_cast<char *>(nullptr));
+    execl(ZEL_SERVER_BIN, ZEL_SERVER_BIN, "--port", "0", static_cast<char*>(nullptr));
     _exit(127);
   }
   close(out[1]);

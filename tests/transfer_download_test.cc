@@ -4,10 +4,10 @@
 #include <cstring>
 #include <set>
 
+#include "captured_log.h"
 #include "get_object.h"
 #include "httppool.h"
 #include "raw_http_server.h"
-#include "captured_log.h"
 #include "transfer_support.h"
 
 namespace {

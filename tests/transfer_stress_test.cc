@@ -5,18 +5,18 @@
 #include <memory>
 
 #include "alloc.h"
-#include "httppool.h"
 #include "captured_log.h"
-#include "transfer.h"
+#include "httppool.h"
 #include "threads.h"
+#include "transfer.h"
 #include "transfer_support.h"
 
 namespace {
 
 using zeltest::GetOptions;
 using zeltest::Outcome;
-using zeltest::PutOptions;
 using zeltest::pattern_bytes;
+using zeltest::PutOptions;
 using zeltest::sha1_hex;
 
 using zeltest::thread_count;
@@ -70,7 +70,8 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
     EXPECT_EQ(get_outcomes[i]->finals, 1) << i;
     EXPECT_EQ(get_outcomes[i]->done, 1)
         << i << ": " << get_outcomes[i]->code << " " << get_outcomes[i]->message;
-    EXPECT_EQ(sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]))
+    EXPECT_EQ(sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))),
+              sha1_hex(data[i]))
         << i;
   }
 }

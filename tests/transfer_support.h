@@ -204,7 +204,7 @@ struct GetOptions {
 
 // Requests of the journal that match a method and a piece of the target.
 inline std::vector<RecordedRequest> matching(const std::vector<RecordedRequest>& all,
-                                                      const std::string& method, const std::string& part) {
+                                             const std::string& method, const std::string& part) {
   std::vector<RecordedRequest> out;
   for (const auto& r : all) {
     if (r.method == method && r.target.find(part) != std::string::npos) out.push_back(r);

@@ -5,20 +5,20 @@
 #include <set>
 
 #include "alloc.h"
+#include "captured_log.h"
 #include "chunk_ledger.h"
 #include "httppool.h"
 #include "put_object.h"
-#include "captured_log.h"
 #include "raw_http_server.h"
 #include "transfer_support.h"
 
 namespace {
 
-using zeltest::Outcome;
-using zeltest::PutOptions;
 using zeltest::http;
 using zeltest::kAuthHeader;
+using zeltest::Outcome;
 using zeltest::pattern_bytes;
+using zeltest::PutOptions;
 using zeltest::sha1_hex;
 
 constexpr uint64_t kChunk = 65536;

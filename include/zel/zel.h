@@ -116,15 +116,14 @@ ZEL_EXPORT void zel_set_low_speed_limit(ZEL* handle, uint32_t limit, uint32_t ti
  * result is the length the whole URL would have had, -1 without a handle. */
 ZEL_EXPORT int zel_api_url(const ZEL* handle, char* buffer, const char* format, ...) ZEL_PRINTF(3, 4);
 ZEL_EXPORT int zel_upload_url(const ZEL* handle, char* buffer, const char* format, ...) ZEL_PRINTF(3, 4);
-ZEL_EXPORT int zel_download_url(const ZEL* handle, char* buffer, const char* format, ...)
-    ZEL_PRINTF(3, 4);
+ZEL_EXPORT int zel_download_url(const ZEL* handle, char* buffer, const char* format, ...) ZEL_PRINTF(3, 4);
 /* The same with an explicit buffer size. */
 ZEL_EXPORT int zel_api_url_bounded(const ZEL* handle, char* buffer, size_t size, const char* format, ...)
     ZEL_PRINTF(4, 5);
-ZEL_EXPORT int zel_upload_url_bounded(const ZEL* handle, char* buffer, size_t size, const char* format,
-                                      ...) ZEL_PRINTF(4, 5);
-ZEL_EXPORT int zel_download_url_bounded(const ZEL* handle, char* buffer, size_t size,
-                                        const char* format, ...) ZEL_PRINTF(4, 5);
+ZEL_EXPORT int zel_upload_url_bounded(const ZEL* handle, char* buffer, size_t size, const char* format, ...)
+    ZEL_PRINTF(4, 5);
+ZEL_EXPORT int zel_download_url_bounded(const ZEL* handle, char* buffer, size_t size, const char* format, ...)
+    ZEL_PRINTF(4, 5);
 
 /* Points one environment of the storage service at another base URL,
  * "scheme://host[:port]" without a path; NULL restores the built-in one.
@@ -333,8 +332,7 @@ typedef struct ZELRevokeBucketAccessOpt {
 } ZELRevokeBucketAccessOpt;
 
 /* done_callback once the service accepted the revocation. */
-ZEL_EXPORT void zel_revoke_bucket_access(ZEL* handle, const ZELRevokeBucketAccessOpt* opt,
-                                         void* user_data);
+ZEL_EXPORT void zel_revoke_bucket_access(ZEL* handle, const ZELRevokeBucketAccessOpt* opt, void* user_data);
 
 /* ------------------------------------------------------------------------ */
 /* Object records                                                            */
@@ -437,8 +435,7 @@ struct ZELPutObjectOpt {
   ZELHeaders* headers;      /* optional; sent with every request */
   void (*callback)(const ZELPutObjectResp* resp, void* user_data);
   /* The chunk's options (range = the chunk) live only during the call. */
-  void (*chunk_failed_callback)(const ZELPutObjectResp* resp, const ZELPutObjectOpt* chunk,
-                                void* user_data);
+  void (*chunk_failed_callback)(const ZELPutObjectResp* resp, const ZELPutObjectOpt* chunk, void* user_data);
   /* details is NULL when a ranged or resumed upload ends without the
    * service's final answer. Freed when the callback returns. */
   void (*details_callback)(const ZELObjectDetails* details, void* user_data);
@@ -559,8 +556,7 @@ typedef struct ZELResetExpirationOpt {
   void (*details_callback)(const ZELObjectDetails* details, void* user_data);
 } ZELResetExpirationOpt;
 
-ZEL_EXPORT void zel_reset_object_expiration(ZEL* handle, const ZELResetExpirationOpt* opt,
-                                            void* user_data);
+ZEL_EXPORT void zel_reset_object_expiration(ZEL* handle, const ZELResetExpirationOpt* opt, void* user_data);
 
 typedef struct ZELGetObjectDetailsResp {
   int32_t code;
@@ -711,9 +707,9 @@ typedef struct ZELGetPatchOpt {
   const char16_t* patch;    /* where the patch is downloaded; removed at the end */
   const char16_t* dest;     /* result file, written by the delta library */
   const char16_t* temp_dir;
-  int32_t apply_mode; /* handed to the delta library unchanged */
-  int32_t preprocess; /* 0 or more; the service's process type */
-  double ratio;       /* patches of this share of dest_key's size or more are refused */
+  int32_t apply_mode;  /* handed to the delta library unchanged */
+  int32_t preprocess;  /* 0 or more; the service's process type */
+  double ratio;        /* patches of this share of dest_key's size or more are refused */
   ZELHeaders* headers; /* optional; also holds the x-pmw-acm-* values of the create-delta job */
   void (*callback)(const ZELGetPatchResp* resp, void* user_data);
   void (*done_callback)(void* user_data);

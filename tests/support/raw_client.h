@@ -24,18 +24,18 @@ inline int raw_connect(int port) {
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0) return fd;
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return fd;
   if (fd >= 0) close(fd);
   return -1;
 }
 
-inline bool raw_send(int fd, const std::string &bytes) {
+inline bool raw_send(int fd, const std::string& bytes) {
   return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 // Reads until the peer closes or `ms` pass; true when it closed (any bytes
 // it sent before are in `got`).
-inline bool raw_closed_within(int fd, int ms, std::string *got = nullptr) {
+inline bool raw_closed_within(int fd, int ms, std::string* got = nullptr) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   for (;;) {
     auto left =
@@ -59,14 +59,14 @@ struct ProgramRun {
 };
 
 // Runs `argv` (argv[0] is the program) to its end, killing it after `ms`.
-inline ProgramRun run_program(const std::vector<std::string> &argv, int ms) {
+inline ProgramRun run_program(const std::vector<std::string>& argv, int ms) {
   ProgramRun run;
   int out[2], err[2];
   if (pipe2(out, O_CLOEXEC) != 0) return run;
   if (pipe2(err, O_CLOEXEC) != 0) return close(out[0]), close(out[1]), run;
   std::vector<std::string> args = argv;
-  std::vector<char *> ptrs;
-  for (auto &a : args) ptrs.push_back(&a[0]);
+  std::vector<char*> ptrs;
+  for (auto& a : args) ptrs.push_back(&a[0]);
   ptrs.push_back(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
@@ -79,7 +79,7 @@ inline ProgramRun run_program(const std::vector<std::string> &argv, int ms) {
   close(err[1]);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string *sinks[2] = {&run.out, &run.err};
+  std::string* sinks[2] = {&run.out, &run.err};
   int open_fds = 2;
   while (open_fds > 0 && !run.timed_out) {
     auto left =

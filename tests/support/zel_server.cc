@@ -27,20 +27,20 @@ const char kAuthHeader[] = "Authorization: Bearer local-dev-token";
 
 namespace {
 
-std::string find_header(const HeaderList &headers, const std::string &name) {
-  for (const auto &h : headers)
+std::string find_header(const HeaderList& headers, const std::string& name) {
+  for (const auto& h : headers)
     if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return h.second;
   return std::string();
 }
 
-size_t on_body(char *data, size_t size, size_t n, void *out) {
-  static_cast<std::string *>(out)->append(data, size * n);
+size_t on_body(char* data, size_t size, size_t n, void* out) {
+  static_cast<std::string*>(out)->append(data, size * n);
   return size * n;
 }
 
-size_t on_header(char *data, size_t size, size_t n, void *out) {
+size_t on_header(char* data, size_t size, size_t n, void* out) {
   std::string line(data, size * n);
-  auto *result = static_cast<HttpResult *>(out);
+  auto* result = static_cast<HttpResult*>(out);
   if (line.compare(0, 5, "HTTP/") == 0) result->headers.clear();  // a 100 Continue came first
   size_t colon = line.find(':');
   if (colon != std::string::npos) {
@@ -52,9 +52,9 @@ size_t on_header(char *data, size_t size, size_t n, void *out) {
   return size * n;
 }
 
-void remove_tree(const std::string &path) {
-  if (DIR *d = opendir(path.c_str())) {
-    while (dirent *e = readdir(d)) {
+void remove_tree(const std::string& path) {
+  if (DIR* d = opendir(path.c_str())) {
+    while (dirent* e = readdir(d)) {
       if (!strcmp(e->d_name, ".") || !strcmp(e->d_name, "..")) continue;
       std::string child = path + "/" + e->d_name;
       struct stat st;
@@ -88,24 +88,24 @@ std::string read_line(int fd, int ms) {
 
 }  // namespace
 
-std::string HttpResult::header(const std::string &name) const { return find_header(headers, name); }
+std::string HttpResult::header(const std::string& name) const { return find_header(headers, name); }
 
-bool HttpResult::has_header(const std::string &name) const {
-  for (const auto &h : headers)
+bool HttpResult::has_header(const std::string& name) const {
+  for (const auto& h : headers)
     if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
   return false;
 }
 
-std::string RecordedRequest::header(const std::string &name) const { return find_header(headers, name); }
+std::string RecordedRequest::header(const std::string& name) const { return find_header(headers, name); }
 
-HttpResult http(const std::string &method, const std::string &url, const std::vector<std::string> &headers,
-                const std::string &body) {
+HttpResult http(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
+                const std::string& body) {
   static std::once_flag once;
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   HttpResult result;
-  CURL *curl = curl_easy_init();
-  curl_slist *list = nullptr;
-  for (const auto &h : headers) list = curl_slist_append(list, h.c_str());
+  CURL* curl = curl_easy_init();
+  curl_slist* list = nullptr;
+  for (const auto& h : headers) list = curl_slist_append(list, h.c_str());
   // Without this libcurl waits for a 100 Continue before sending a body.
   list = curl_slist_append(list, "Expect:");
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
@@ -131,21 +131,21 @@ HttpResult http(const std::string &method, const std::string &url, const std::ve
   return result;
 }
 
-JsonPtr parse_json(const std::string &text) {
+JsonPtr parse_json(const std::string& text) {
   json_error_t err;
   return JsonPtr(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &err));
 }
 
-std::vector<std::string> json_keys(const json_t *object) {
+std::vector<std::string> json_keys(const json_t* object) {
   std::vector<std::string> keys;
-  const char *k;
-  json_t *v;
-  if (json_is_object(object)) json_object_foreach(const_cast<json_t *>(object), k, v) keys.push_back(k);
+  const char* k;
+  json_t* v;
+  if (json_is_object(object)) json_object_foreach(const_cast<json_t*>(object), k, v) keys.push_back(k);
   std::sort(keys.begin(), keys.end());
   return keys;
 }
 
-std::string sha1_hex(const std::string &data) {
+std::string sha1_hex(const std::string& data) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
   EVP_Digest(data.data(), data.size(), md, &len, EVP_sha1(), nullptr);
@@ -184,7 +184,7 @@ std::string ServerProcess::base_url() const { return "http://127.0.0.1:" + std::
 
 bool ServerProcess::start() {
   if (data_dir_.empty()) {
-    const char *tmp = std::getenv("TMPDIR");
+    const char* tmp = std::getenv("TMPDIR");
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/zel-test-XXXXXX";
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
@@ -199,8 +199,8 @@ bool ServerProcess::launch() {
   if (pipe2(out, O_CLOEXEC) != 0) return error_ = "pipe failed", false;
   std::vector<std::string> args = {ZEL_SERVER_BIN, "--port", "0", "--test-api", "--data", data_dir_};
   args.insert(args.end(), extra_args_.begin(), extra_args_.end());
-  std::vector<char *> argv;
-  for (auto &a : args) argv.push_back(&a[0]);
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
@@ -256,7 +256,7 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     r.target = json_string_value(json_object_get(e, "target"));
     r.body_size = static_cast<uint64_t>(json_integer_value(json_object_get(e, "body_size")));
     r.status = static_cast<int>(json_integer_value(json_object_get(e, "status")));
-    const char *principal = json_string_value(json_object_get(e, "principal"));
+    const char* principal = json_string_value(json_object_get(e, "principal"));
     r.principal = principal ? principal : "";
     json_array_foreach(json_object_get(e, "headers"), k, h) {
       r.headers.emplace_back(json_string_value(json_array_get(h, 0)),
@@ -271,7 +271,7 @@ bool ServerProcess::clear_requests() {
   return http("DELETE", base_url() + "/_emulator/requests", {kAuthHeader}).status == 200;
 }
 
-bool ServerProcess::add_fault(const std::string &rule_json) {
+bool ServerProcess::add_fault(const std::string& rule_json) {
   return http("POST", base_url() + "/_emulator/faults", {kAuthHeader, "Content-Type: application/json"},
               rule_json)
              .status == 200;

@@ -25,25 +25,25 @@ struct HttpResult {
   std::string body;
   std::string error;  // libcurl's text when the exchange failed
   // First value of a header, case-insensitive; empty when absent.
-  std::string header(const std::string &name) const;
-  bool has_header(const std::string &name) const;
+  std::string header(const std::string& name) const;
+  bool has_header(const std::string& name) const;
 };
 
 // One exchange on a fresh connection. `headers` are "Name: value" lines; the
 // URL goes out as given (no dot-segment folding, escapes untouched).
-HttpResult http(const std::string &method, const std::string &url,
-                const std::vector<std::string> &headers = {}, const std::string &body = std::string());
+HttpResult http(const std::string& method, const std::string& url,
+                const std::vector<std::string>& headers = {}, const std::string& body = std::string());
 
 struct JsonFree {
-  void operator()(json_t *j) const { json_decref(j); }
+  void operator()(json_t* j) const { json_decref(j); }
 };
 using JsonPtr = std::unique_ptr<json_t, JsonFree>;
 // Parses text as the clients do (duplicate keys refused); none on failure.
-JsonPtr parse_json(const std::string &text);
+JsonPtr parse_json(const std::string& text);
 // The keys of a JSON object, sorted; empty for anything else.
-std::vector<std::string> json_keys(const json_t *object);
+std::vector<std::string> json_keys(const json_t* object);
 
-std::string sha1_hex(const std::string &data);
+std::string sha1_hex(const std::string& data);
 // Milliseconds from `since` to now.
 long elapsed_ms(std::chrono::steady_clock::time_point since);
 // Deterministic bytes for uploads.
@@ -57,7 +57,7 @@ struct RecordedRequest {
   uint64_t body_size = 0;
   int status = 0;
   std::string principal;  // the auth id of the request's token; empty when none
-  std::string header(const std::string &name) const;
+  std::string header(const std::string& name) const;
 };
 
 class ServerProcess {
@@ -65,8 +65,8 @@ class ServerProcess {
   // `extra_args` are added after --port 0 --test-api --data DIR.
   explicit ServerProcess(std::vector<std::string> extra_args = {});
   ~ServerProcess();
-  ServerProcess(const ServerProcess &) = delete;
-  ServerProcess &operator=(const ServerProcess &) = delete;
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
 
   // Starts on a free port with a fresh data directory (kept across restarts
   // and removed by the destructor). False with error() set on failure.
@@ -80,17 +80,17 @@ class ServerProcess {
 
   // The server's standard error goes to this file (appended) from the next
   // start on; empty: the test's own.
-  void log_to(const std::string &path) { log_path_ = path; }
+  void log_to(const std::string& path) { log_path_ = path; }
 
   int port() const { return port_; }
   std::string base_url() const;  // "http://127.0.0.1:PORT"
   std::string api(int version = 2) const { return base_url() + "/zel/v" + std::to_string(version); }
-  const std::string &data_dir() const { return data_dir_; }
-  const std::string &error() const { return error_; }
+  const std::string& data_dir() const { return data_dir_; }
+  const std::string& error() const { return error_; }
 
   std::vector<RecordedRequest> requests();
   bool clear_requests();
-  bool add_fault(const std::string &rule_json);
+  bool add_fault(const std::string& rule_json);
   bool clear_faults();
 
  private:
