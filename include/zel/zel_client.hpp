@@ -529,11 +529,12 @@ class Client {
     std::u16string wbucket = to_utf16(bucket), wkey = to_utf16(key), wfile = to_utf16(file);
     std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
     auto call = std::make_unique<detail::DeltaCall>(std::move(done));
-    call->sig_path = detail::scratch_name(options.temp_dir, "sig");
+    const std::u16string sig_path = detail::scratch_name(options.temp_dir, "sig");
+    call->sig_path = sig_path;
     ZELMatchObjectOpt opt{};
     opt.bucket_key = wbucket.c_str();
     opt.orig_key = wkey.c_str();
-    opt.sig_path = call->sig_path.c_str();
+    opt.sig_path = sig_path.c_str();
     opt.dest = wfile.c_str();
     opt.temp_dir = wtemp.c_str();
     opt.ratio = options.ratio;
@@ -554,15 +555,19 @@ class Client {
     std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
     auto origin = detail::make_stream(base_file), derived = detail::make_stream(new_file);
     auto call = std::make_unique<detail::DeltaCall>(std::move(done));
-    call->sig_path = detail::scratch_name(options.temp_dir, "sig");
-    call->patch_path = detail::scratch_name(options.temp_dir, "patch");
+    // The library may still read the options after it has reported, until it
+    // returns, and the report frees the call: the options point at these.
+    const std::u16string sig_path = detail::scratch_name(options.temp_dir, "sig");
+    call->sig_path = sig_path;
+    const std::u16string patch_path = detail::scratch_name(options.temp_dir, "patch");
+    call->patch_path = patch_path;
     call->patch_file = std::filesystem::path(call->patch_path);
     call->abort = options.abort;
     ZELPutPatchOpt opt{};
     opt.origin_stream = origin.get();
     opt.derv_stream = derived.get();
-    opt.signature_path = call->sig_path.c_str();
-    opt.patch_path = call->patch_path.c_str();
+    opt.signature_path = sig_path.c_str();
+    opt.patch_path = patch_path.c_str();
     opt.bucket_key = wbucket.c_str();
     opt.origin_key = wbase.c_str();
     opt.derv_key = wnew.c_str();
@@ -586,14 +591,15 @@ class Client {
     std::u16string wbase_file = to_utf16(base_file), wout = to_utf16(out_file);
     std::u16string wtemp = detail::temp_dir_of(options.temp_dir);
     auto call = std::make_unique<detail::DeltaCall>(std::move(done));
-    call->patch_path = detail::scratch_name(options.temp_dir, "patch");
+    const std::u16string patch_path = detail::scratch_name(options.temp_dir, "patch");
+    call->patch_path = patch_path;
     call->patch_file = std::filesystem::path(call->patch_path);
     ZELGetPatchOpt opt{};
     opt.bucket_key = wbucket.c_str();
     opt.orig_key = wbase.c_str();
     opt.dest_key = wnew.c_str();
     opt.orig = wbase_file.c_str();
-    opt.patch = call->patch_path.c_str();
+    opt.patch = patch_path.c_str();
     opt.dest = wout.c_str();
     opt.temp_dir = wtemp.c_str();
     opt.apply_mode = options.apply_mode;
