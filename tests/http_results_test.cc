@@ -82,12 +82,6 @@ TEST(HttpResponseRecord, HeaderQueriesOnCraftedLines) {
 }
 
 TEST(HttpFailures, TransportErrorsLeaveTheirCodes) {
-  {
-    Exchange x;  // name look-up
-    ASSERT_EQ(http_request_get(x.request, "http://no-such-host.invalid/zel/v1/buckets"), nullptr);
-    EXPECT_STREQ(x.perform(), curl_easy_strerror(CURLE_COULDNT_RESOLVE_HOST));
-    EXPECT_EQ(x.response->status, 6);
-  }
   int closed_port;
   {
     RawHttpServer gone;
@@ -331,13 +325,4 @@ TEST(HttpCaBundle, OnlyABundleThatCannotBeUsedIsLogged) {
       log.count("The executable's directory is too long for the CA bundle path; using the default CA store"),
       1);
   http_ca_bundle_override(nullptr);
-}
-
-TEST(HttpGlobal, StartAndStop) {
-  EXPECT_FALSE(http_global_ready());
-  ASSERT_EQ(http_global_init(), 0);
-  EXPECT_TRUE(http_global_ready());
-  http_global_cleanup();
-  EXPECT_FALSE(http_global_ready());
-  http_global_cleanup();  // a second cleanup is harmless
 }
