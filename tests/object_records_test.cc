@@ -3,6 +3,7 @@
 // message of each failure), the decorators, and the Range header value.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -14,6 +15,7 @@
 #include "alloc_walk.h"
 #include "captured_log.h"
 #include "object.h"
+#include "recorder.h"
 #include "util.h"
 
 namespace {
@@ -319,6 +321,52 @@ TEST(Decorators, OwnCopiesOfHandleAndOptions) {
   get_object_decorator_cleanup(get);
   get_object_decorator_cleanup(nullptr);
   get_object_by_url_decorator_cleanup(nullptr);
+}
+
+// Without the process-wide start-up there is no worker pool: each entry
+// point reports that it cannot queue its task, on the caller's thread and
+// once, and frees its copies (the sanitizer build checks). An upload first
+// measures its file and reports the system's error when it cannot.
+TEST(TransferEntry, RefusalsAreReportedOnTheCallersThread) {
+  zeltest::CapturedLog log;
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
+  PutFixture put;
+  put.opt.callback = zeltest::on_status<ZELPutObjectResp>;
+  zeltest::Recorder missing, queued[3];
+  zel_put_object(handle, &put.opt, &missing);
+  ASSERT_EQ(missing.events().size(), 1u);
+  EXPECT_EQ(missing.events()[0].code, ENOENT);
+
+  std::string path = ::testing::TempDir() + "zel_entry.bin";
+  std::fclose(std::fopen(path.c_str(), "wb"));
+  char16_t* wide = utf8_to_wide(path.c_str());
+  ZELStream* stream = zel_stream_init(wide);
+  put.opt.stream = stream;
+  zel_put_object(handle, &put.opt, &queued[0]);
+  ZELGetObjectOpt get{u"b",    u"k",    nullptr, stream, nullptr, 0, zeltest::on_status<ZELGetObjectResp>,
+                      nullptr, nullptr, nullptr};
+  zel_get_object(handle, &get, &queued[1]);
+  ZELGetObjectByURLOpt by_url{u"http://x.test/o",
+                              false,
+                              nullptr,
+                              stream,
+                              nullptr,
+                              0,
+                              zeltest::on_status<ZELGetObjectByURLResp>,
+                              nullptr,
+                              nullptr,
+                              nullptr};
+  zel_get_object_by_url(handle, &by_url, &queued[2]);
+  const char* names[] = {"put_object", "get_object", "get_object_by_url"};
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(queued[i].events().size(), 1u) << names[i];
+    EXPECT_EQ(queued[i].events()[0].code, 0);
+    EXPECT_EQ(queued[i].events()[0].message, std::string("Cannot enqueue a new task (") + names[i] + ")");
+  }
+  zel_stream_cleanup(stream);
+  mem_free(wide);
+  std::remove(path.c_str());
+  zel_cleanup(handle);
 }
 
 struct HeaderCase {
