@@ -4,9 +4,12 @@
 
 #include "alloc.h"
 #include "bucket.h"
+#include "httppool.h"
 #include "json.h"
 #include "object.h"
 #include "thread.h"
+#include "threadpool.h"
+#include "transfer.h"
 #include "util.h"
 #include "zel_internal.h"
 
@@ -156,6 +159,28 @@ const char* build_url(const OpCall& call, char* url, long* url_length) {
   return nullptr;
 }
 
+// Copies through the transfer's own record, fits the process-wide pools
+// to the handle and queues the task.
+void transfer_start(const Operation& op, LogSite site, ZEL* handle, const void* opt, void* user_data) {
+  const TransferOp& transfer = *op.transfer;
+  const OpCall call{op, handle, opt, user_data};
+  if (transfer.pre_dispatch != nullptr && !transfer.pre_dispatch(site, call)) return;
+  bool reported = false;
+  // Without a handle there is nothing to copy the settings from.
+  void* record = handle != nullptr ? transfer.make(call, &reported) : nullptr;
+  if (record == nullptr) {
+    if (!reported) call.report(0, op.decorator_failure);
+    return;
+  }
+  // Every call applies its own handle's limits to the process-wide pools.
+  http_pool_set_size(static_cast<int>(handle->http_pool_size));
+  thread_pool_set_size(static_cast<int>(handle->thread_pool_size));
+  if (transfer_enqueue(transfer.task, record, transfer.drop, transfer.at_head) < 0) {
+    call.report(0, transfer.queue_failure);
+    transfer.drop(record);
+  }
+}
+
 }  // namespace
 
 bool Exchange::run(const ExchangePlan& p) {
@@ -258,14 +283,12 @@ void OpCall::report(int32_t code, const char* message) const { op.report(opt, co
 
 void frame_start(const Operation& op, int32_t line, ZEL* handle, const void* opt, void* user_data) {
   const LogSite site{op.family_tag, line};
-  if (op.check_handle && (handle == nullptr || handle->get_token == nullptr)) {
-    ZLOG_AT(site, "ZEL is not initialized");
-    return;
-  }
+  if (op.check_handle && !frame_handle_ready(site, handle)) return;
   if (opt == nullptr) {
     ZLOG_AT(site, "%s is not initialized", op.opt_name);
     return;
   }
+  if (op.transfer != nullptr) return transfer_start(op, site, handle, opt, user_data);
   const DecoratorRules rules{site, op.decorator_name, true, op.log_clone_failures};
   auto* decorator = decorator_make<OpDecorator>(rules, *op.copy, handle, opt, user_data);
   if (decorator == nullptr) {
@@ -288,6 +311,12 @@ void frame_start(const Operation& op, int32_t line, ZEL* handle, const void* opt
   if (result != zel::thrd_success) {
     op.report(opt, op.code_is_result ? result : 0, thread_result_message(result), user_data);
   }
+}
+
+bool frame_handle_ready(LogSite site, const ZEL* handle) {
+  if (handle != nullptr && handle->get_token != nullptr) return true;
+  ZLOG_AT(site, "ZEL is not initialized");
+  return false;
 }
 
 int frame_run(const Operation& op, const ZEL* handle, const void* opt, void* user_data) {

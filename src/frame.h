@@ -209,6 +209,23 @@ const ZELHeaders* headers_of(const void* opt) {
   return static_cast<const Opt*>(opt)->headers;
 }
 
+// A transfer: queued on the worker pool (transfer_enqueue) instead of run
+// as one exchange on a thread of its own. The task owns its record from the
+// moment it is queued.
+struct TransferOp {
+  // What the transfer checks before anything is copied; false when the
+  // call ends here, having logged at `site` or reported.
+  bool (*pre_dispatch)(LogSite site, const OpCall& call) = nullptr;
+  // The task's record (its own copies of handle and options); none when a
+  // copy failed, with *reported set when that failure was reported already
+  // (otherwise the operation's decorator_failure is reported).
+  void* (*make)(const OpCall& call, bool* reported) = nullptr;
+  void (*task)(void* record) = nullptr;
+  void (*drop)(void* record) = nullptr;  // frees a record that never ran
+  bool at_head = false;                  // downloads go first, uploads queue behind
+  const char* queue_failure = nullptr;   // reported with code 0 when queueing fails
+};
+
 struct Operation {
   // Entry point (caller's thread).
   const char* family_tag = nullptr;         // tag of the entry point's checks
@@ -221,6 +238,7 @@ struct Operation {
   const OptTable* copy = nullptr;           // the options record's copy
   ReportFn report = nullptr;                // report_to_options<Opt>
   const ZELHeaders* (*headers)(const void* opt) = nullptr;  // headers_of<Opt>
+  const TransferOp* transfer = nullptr;                     // set: queued as a transfer, no worker
 
   // Worker.
   LogSite site{nullptr, 0};                           // the module's own log lines
@@ -249,9 +267,14 @@ void operation_for(Operation& op, const OptTable& copy) {
 }
 
 // Checks, copies and hands the call to a detached worker thread that runs
-// `op`; entry-point log lines carry the caller's `line`.
+// `op`, or queues it when `op` is a transfer; entry-point log lines carry
+// the caller's `line`.
 void frame_start(const Operation& op, int32_t line, ZEL* handle, const void* opt, void* user_data);
 #define FRAME_START(op, handle, opt, user_data) frame_start(op, __LINE__, handle, opt, user_data)
+
+// False, with "ZEL is not initialized" logged at `site`, for a missing
+// handle or one without a token function.
+bool frame_handle_ready(LogSite site, const ZEL* handle);
 
 // One exchange of `op` on the current thread with the caller's records:
 // reports through the options' callbacks and returns the HTTP status, -1

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "alloc.h"
+#include "alloc_walk.h"
 #include "cache.h"
 #include "captured_log.h"
 #include "http.h"
@@ -55,15 +56,7 @@ bool locale_is_global() { return uselocale(static_cast<locale_t>(0)) == LC_GLOBA
 
 using zeltest::thread_count;
 
-template <typename Predicate>
-bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using zeltest::eventually;
 
 }  // namespace
 
@@ -131,31 +124,31 @@ TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
   ASSERT_EQ(zel_global_init(), 0) << "start-up works once nothing fails";
 }
 
-// The same undo, reached through real allocation failures: the cache
-// record is the first allocation of start-up, the HTTP pool record the
-// second and the worker pool record the third.
+// The same undo, reached through real allocation failures: every
+// allocation of start-up fails in turn (the cache record first, then the
+// HTTP pool record, then the worker pool record) until start-up succeeds.
 TEST_F(GlobalStartUp, AllocationFailuresUndoToo) {
-  struct Case {
-    long allocation;
-    const char* own;
-    const char* global;
-  } cases[] = {
-      {1, nullptr, "Cannot initialize ZEL Bucket LRU Cache"},
-      {2, "Cannot initialize HTTP pool", "Cannot initialize HTTP Pool"},
-      {3, "Cannot initialize thread pool", "Cannot initialize Thread Pool"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.global);
+  std::vector<std::vector<std::string>> logged;
+  zeltest::walk_allocations(50, [&](long) {
     CapturedLog log;
-    mem_fail_at(c.allocation);
-    EXPECT_EQ(zel_global_init(), -1);
-    mem_fail_at(0);
+    if (zel_global_init() == 0) return true;
     EXPECT_TRUE(nothing_left());
-    EXPECT_EQ(log.count(c.global), 1);
-    if (c.own != nullptr) {
-      EXPECT_EQ(log.count(c.own), 1);
+    std::vector<std::string> lines;
+    for (const std::string& line : log.all()) {  // "<tag> <message>"
+      size_t space = line.find(' '), colon = line.find(':', space), mark = line.find(": ", colon);
+      lines.push_back(line.substr(space + 1, colon - space - 1) + " " +
+                      line.substr(mark + 2, line.size() - mark - 3));
     }
-  }
+    logged.push_back(lines);
+    return false;
+  });
+  zel_global_cleanup();
+  EXPECT_EQ(
+      logged,
+      (std::vector<std::vector<std::string>>{
+          {"src\\zel Cannot initialize ZEL Bucket LRU Cache"},
+          {"src\\httppool Cannot initialize HTTP pool", "src\\zel Cannot initialize HTTP Pool"},
+          {"src\\threadpool Cannot initialize thread pool", "src\\zel Cannot initialize Thread Pool"}}));
 }
 
 namespace {

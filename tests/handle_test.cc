@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "alloc.h"
+#include "captured_log.h"
 #include "zel_config.h"
 #include "zel_internal.h"
 
@@ -15,19 +16,12 @@ namespace {
 
 char* token() { return nullptr; }
 
-std::vector<std::string> g_lines;
-void capture(const char* line) { g_lines.emplace_back(line); }
-
 class Handle : public ::testing::Test {
  protected:
-  void SetUp() override {
-    g_lines.clear();
-    zel_logger_init(capture);
-  }
   void TearDown() override {
-    zel_logger_init(nullptr);
     for (uint32_t env = 0; env <= 3; ++env) zel_set_environment_url(env, nullptr);
   }
+  zeltest::CapturedLog log_;
 };
 
 std::string url_for(uint32_t environment, uint32_t version, const char* path) {
@@ -54,46 +48,34 @@ TEST_F(Handle, InitSetsDefaultsAndKeepsArguments) {
   zel_cleanup(nullptr);
 }
 
-TEST_F(Handle, CloneDuplicatesProxyTextsAndSharesTokenFunctions) {
+TEST_F(Handle, ProxySettersAndCloneOwnTheirTexts) {
   ZEL* handle = zel_init(1, 1, token, nullptr);
+  zel_set_proxy_with_credentials(handle, "p1", "u1", "w1");
+  zel_set_proxy(handle, "p2");  // replaces the proxy and clears the credentials
+  EXPECT_TRUE(std::string(handle->proxy) == "p2" && handle->proxy_username == nullptr &&
+              handle->proxy_password == nullptr);
+  zel_set_proxy(handle, nullptr);
+  EXPECT_EQ(handle->proxy, nullptr);
+  zel_set_low_speed_limit(handle, 100, 7);
+  EXPECT_EQ(handle->low_speed_limit + handle->low_speed_time, 107u);
+  zel_set_low_speed_limit(nullptr, 1, 1);
+  zel_set_proxy(nullptr, "x");
   ZEL* bare = zel_clone(handle);
-  EXPECT_EQ(bare->proxy, nullptr);
-  EXPECT_EQ(bare->proxy_username, nullptr);
+  EXPECT_TRUE(bare->proxy == nullptr && bare->proxy_username == nullptr);
   zel_set_proxy_with_credentials(handle, "http://proxy:3128", "user", "secret");
   handle->chunk_size = 1234;
   ZEL* copy = zel_clone(handle);
   ASSERT_NE(copy, nullptr);
-  EXPECT_STREQ(copy->proxy, "http://proxy:3128");
   EXPECT_NE(copy->proxy, handle->proxy);
-  EXPECT_STREQ(copy->proxy_username, "user");
-  EXPECT_STREQ(copy->proxy_password, "secret");
   EXPECT_EQ(copy->chunk_size, 1234u);
   EXPECT_EQ(copy->get_token, handle->get_token);
   EXPECT_EQ(zel_clone(nullptr), nullptr);
   zel_cleanup(handle);  // the copy must not depend on the original's texts
+  EXPECT_STREQ(copy->proxy, "http://proxy:3128");
+  EXPECT_STREQ(copy->proxy_username, "user");
   EXPECT_STREQ(copy->proxy_password, "secret");
   zel_cleanup(copy);
   zel_cleanup(bare);
-}
-
-TEST_F(Handle, ProxySettersReplaceAndClear) {
-  ZEL* handle = zel_init(0, 2, token, nullptr);
-  zel_set_proxy_with_credentials(handle, "p1", "u1", "w1");
-  zel_set_proxy(handle, "p2");
-  EXPECT_STREQ(handle->proxy, "p2");
-  EXPECT_EQ(handle->proxy_username, nullptr);
-  EXPECT_EQ(handle->proxy_password, nullptr);
-  zel_set_proxy(handle, nullptr);
-  EXPECT_EQ(handle->proxy, nullptr);
-  zel_set_proxy_with_credentials(handle, nullptr, "u", nullptr);
-  EXPECT_EQ(handle->proxy, nullptr);
-  EXPECT_STREQ(handle->proxy_username, "u");
-  zel_set_low_speed_limit(handle, 100, 7);
-  EXPECT_EQ(handle->low_speed_limit, 100u);
-  EXPECT_EQ(handle->low_speed_time, 7u);
-  zel_set_low_speed_limit(nullptr, 1, 1);
-  zel_set_proxy(nullptr, "x");
-  zel_cleanup(handle);
 }
 
 TEST_F(Handle, EveryEnvironmentHasItsBase) {
@@ -146,9 +128,8 @@ TEST_F(Handle, LongUrlIsCutButReportsFullLength) {
 TEST_F(Handle, UrlWithoutHandleLogsAndFails) {
   char buffer[ZEL_URL_SIZE];
   EXPECT_EQ(zel_download_url(nullptr, buffer, "/x"), -1);
-  ASSERT_EQ(g_lines.size(), 1u);
-  EXPECT_NE(g_lines[0].find(" src\\zel:"), std::string::npos) << g_lines[0];
-  EXPECT_NE(g_lines[0].find(": ZEL handler is not initialized\n"), std::string::npos) << g_lines[0];
+  EXPECT_EQ(zeltest::CapturedLog::messages("src\\zel"),
+            std::vector<std::string>{"ZEL handler is not initialized"});
 }
 
 TEST_F(Handle, AllocationFailuresAreLogged) {
@@ -166,9 +147,9 @@ TEST_F(Handle, AllocationFailuresAreLogged) {
   EXPECT_STREQ(copy->proxy_password, "w");
   zel_cleanup(copy);
   zel_cleanup(handle);
-  ASSERT_EQ(g_lines.size(), 2u);
-  EXPECT_NE(g_lines[0].find("Cannot allocate memory for the ZEL handler"), std::string::npos);
-  EXPECT_NE(g_lines[1].find("Cannot allocate memory for the ZEL clone"), std::string::npos);
+  EXPECT_EQ(log_.all().size(), 2u);
+  EXPECT_EQ(log_.count("Cannot allocate memory for the ZEL handler"), 1);
+  EXPECT_EQ(log_.count("Cannot allocate memory for the ZEL clone"), 1);
 }
 
 }  // namespace

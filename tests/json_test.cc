@@ -1,5 +1,4 @@
-// The service's JSON bodies: exact request bytes and their independent
-// reading, strictness of each response format, optional keys and their
+// The service's JSON bodies: exact request bytes, strictness of each response format, optional keys and their
 // defaults, list orders, name tables, version dispatch and log messages.
 #include "json.h"
 
@@ -27,14 +26,6 @@ struct Body {
   std::string str() const { return text != nullptr ? text : "<none>"; }
 };
 
-// Reads a built body back with plain jansson, independent of the parsers.
-struct Tree {
-  json_t* root;
-  explicit Tree(const char* text) : root(json_loads(text != nullptr ? text : "", 0, nullptr)) {}
-  ~Tree() { json_decref(root); }
-  json_t* get(const char* key) const { return json_object_get(root, key); }
-};
-
 ZELBucketPermissions* appended(const std::vector<std::pair<const char*, uint32_t>>& entries) {
   ZELBucketPermissions* list = zel_permissions_init();
   for (const auto& entry : entries) zel_permissions_append(list, entry.first, entry.second);
@@ -52,7 +43,7 @@ std::vector<Entry> entries(const ZELBucketPermissions* list) {
 
 bool starts_with(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
-TEST(RequestBodies, CreateBodyBytesAndIndependentReading) {
+TEST(RequestBodies, CreateBodyBytes) {
   // The operation serialises its clone of the caller's list: A before B.
   ZELBucketPermissions* caller = appended({{"A", ZEL_BUCKET_ACCESS_READ}, {"B", ZEL_BUCKET_ACCESS_FULL}});
   ZELBucketPermissions* copy = permissions_clone(caller);
@@ -65,13 +56,6 @@ TEST(RequestBodies, CreateBodyBytesAndIndependentReading) {
   EXPECT_EQ(v1.str(),
             "{\"bucketKey\":\"bücket-✓\",\"policy\":\"temporary\",\"servicesAllowed\":"
             "[{\"serviceId\":\"A\",\"access\":\"read\"},{\"serviceId\":\"B\",\"access\":\"full\"}]}");
-  Tree tree(v1.text);
-  ASSERT_NE(tree.root, nullptr);
-  EXPECT_STREQ(json_string_value(tree.get("bucketKey")), "bücket-✓");
-  json_t* allowed = tree.get("servicesAllowed");
-  ASSERT_EQ(json_array_size(allowed), 2u);
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(allowed, 0), "serviceId")), "A");
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(allowed, 1), "access")), "full");
 
   opt.policy = 9;  // outside the table
   zel_permissions_append(copy, "C", 7);
@@ -110,23 +94,15 @@ TEST(RequestBodies, CreateFailuresAreLogged) {
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_TRUE(starts_with(messages[0], "Error permission_list_v1_tojson: ")) << messages[0];
 
-  // Entries before the one without id stay in the array.
-  json_t* array = json_array();
-  ZELBucketPermissions* reversed = permissions_clone(list);  // A first, then the entry without id
-  EXPECT_LT(permission_list_v2_tojson(reversed, array), 0);
+  log.clear();
+  EXPECT_EQ(create_bucket_v2_tojson(&opt), nullptr);
   EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error permission_list_v2_tojson: "));
-  ASSERT_EQ(json_array_size(array), 1u);
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(array, 0), "authId")), "A");
-  EXPECT_EQ(permission_list_v1_tojson(nullptr, array), 0);
-  EXPECT_EQ(json_array_size(array), 1u);
-  json_decref(array);
 
   opt.key = u"bad\xD800";  // a lone surrogate has no UTF-8 form
   opt.permissions = nullptr;
   log.clear();
   EXPECT_EQ(create_bucket_v1_tojson(&opt), nullptr);
   EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), "Error create_bucket_v1_tojson: "));
-  zel_permissions_cleanup(reversed);
   zel_permissions_cleanup(list);
 }
 
@@ -223,14 +199,12 @@ TEST(BucketDetails, StrictnessDuplicatesAndUnknownNames) {
   EXPECT_STREQ(zel_bucket_access_tostr(details->permissions->head->access), "undefined");
   zel_bucket_details_cleanup(details);
 
-  EXPECT_EQ(bucket_policy_fromstr("transient"), 0u);
-  EXPECT_EQ(bucket_policy_fromstr("temporary"), 1u);
-  EXPECT_EQ(bucket_policy_fromstr("persistent"), 2u);
-  EXPECT_EQ(bucket_policy_fromstr("read"), 255u);
-  EXPECT_EQ(bucket_policy_fromstr(nullptr), 255u);
-  EXPECT_EQ(bucket_access_fromstr("read"), 0u);
-  EXPECT_EQ(bucket_access_fromstr("full"), 1u);
-  EXPECT_EQ(bucket_access_fromstr("transient"), 255u);
+  const char* names[] = {"transient", "temporary", "persistent", "read", "full", nullptr};
+  const uint32_t policies[] = {0, 1, 2, 255, 255, 255}, accesses[] = {255, 255, 255, 0, 1, 255};
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(bucket_policy_fromstr(names[i]), policies[i]) << i;
+    EXPECT_EQ(bucket_access_fromstr(names[i]), accesses[i]) << i;
+  }
 }
 
 TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {

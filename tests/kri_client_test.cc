@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "alloc.h"
@@ -73,14 +74,9 @@ class KriClient : public ::testing::Test {
 TEST(KriHandle, DefaultsProxyAndUrls) {
   KRI* kri = kri_init(7, 3, token_fn, nullptr);
   ASSERT_NE(kri, nullptr);
-  EXPECT_EQ(kri->environment, 7u);
-  EXPECT_EQ(kri->api_version, 3u);
-  EXPECT_EQ(kri->timeout_ms, 10000u);
-  EXPECT_EQ(kri->ssl_verify_peer, 1u);
-  EXPECT_EQ(kri->max_send_speed, 0);
-  EXPECT_EQ(kri->max_recv_speed, 0);
-  EXPECT_EQ(kri->proxy, nullptr);
-  EXPECT_EQ(kri->free_token, nullptr);
+  EXPECT_EQ(std::make_tuple(kri->environment, kri->api_version, kri->timeout_ms, kri->ssl_verify_peer,
+                            kri->max_send_speed, kri->max_recv_speed, kri->proxy, kri->free_token),
+            std::make_tuple(7u, 3u, 10000u, 1u, int64_t{0}, int64_t{0}, nullptr, nullptr));
 
   kri_set_proxy(kri, "http://p:1", "u", "pw");
   EXPECT_STREQ(kri->proxy, "http://p:1");

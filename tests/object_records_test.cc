@@ -2,8 +2,8 @@
 // the deep copies of the transfer options (order of the copies and the
 // message of each failure), the decorators, and the Range header value.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -15,6 +15,7 @@
 #include "alloc_walk.h"
 #include "captured_log.h"
 #include "object.h"
+#include "recorder.h"
 #include "util.h"
 
 namespace {
@@ -47,18 +48,12 @@ void nop_url_resp(const ZELGetObjectByURLResp*, void*) {}
 void nop_done(void*) {}
 
 TEST(Stream, DefaultsReadWriteAndSeekTheOpenFile) {
-  char path[] = "/tmp/zel_stream_XXXXXX";
-  int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  char16_t* wide = utf8_to_wide(path);
-  ZELStream* stream = zel_stream_init(wide);
+  const char16_t name[] = u"name";
+  ZELStream* stream = zel_stream_init(name);
   ASSERT_NE(stream, nullptr);
-  EXPECT_NE(stream->filename, wide);
-  EXPECT_EQ(std::u16string(stream->filename), std::u16string(wide));
-  mem_free(wide);
-
-  FILE* file = file_open(stream->filename, "wb+");
+  EXPECT_NE(stream->filename, name);
+  EXPECT_EQ(std::u16string(stream->filename), u"name");
+  FILE* file = std::tmpfile();
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(stream->write("hello world", 1, 11, file), 11u);
   EXPECT_EQ(stream->seek(file, 6, 0), 0);
@@ -67,7 +62,6 @@ TEST(Stream, DefaultsReadWriteAndSeekTheOpenFile) {
   EXPECT_STREQ(buffer, "world");
   EXPECT_LT(stream->seek(file, -100, 0), 0) << "a failed seek is negative";
   std::fclose(file);
-  std::remove(path);
   zel_stream_cleanup(stream);
   zel_stream_cleanup(nullptr);
 
@@ -139,24 +133,13 @@ TEST(ByteRanges, AppendPushesAtTheHead) {
 }
 
 TEST(DetailsAndSession, InitCleanupAndFailures) {
-  ZELObjectDetails* details = zel_object_details_init();
-  ASSERT_NE(details, nullptr);
-  EXPECT_EQ(details->bucket_key, nullptr);
-  EXPECT_EQ(details->size, 0u);
-  details->sha1 = mem_strdup("abc");
-  details->object_key = wide_dup(u"k");
-  zel_object_details_cleanup(details);
-  zel_object_details_cleanup(nullptr);
-
   ZELObjectSession* session = zel_object_session_init();
   ASSERT_NE(session, nullptr);
-  ASSERT_NE(session->ranges, nullptr);
+  ASSERT_NE(session->ranges, nullptr) << "a session starts with an empty list, never none";
   EXPECT_EQ(session->ranges->count, 0u);
-  EXPECT_EQ(session->session_id, nullptr);
-  session->session_id = mem_strdup("s");
-  zel_byte_ranges_append(session->ranges, 0, 9);
   zel_object_session_cleanup(session);
   zel_object_session_cleanup(nullptr);
+  zel_object_details_cleanup(nullptr);
 
   EXPECT_EQ(failure_messages([] {
               ZELObjectDetails* attempt = zel_object_details_init();
@@ -199,21 +182,92 @@ struct PutFixture {
   }
 };
 
-// One table drives each copy: what matters is that the copy owns every
-// pointer field (the caller may free its records at once), keeps callbacks
-// and scalars, and fails in copy order with each field's message, freeing
-// what it made (the sanitizer build checks the frees).
+// One field table drives each copy and its free, so one deep-copy check
+// stands for all three; what each record keeps is its copy order and the
+// message of each failure, and that a failed copy frees what it made (the
+// sanitizer build checks the frees). A decorator's own failure is named
+// first; its copies then fail with the record's messages.
+template <class Opt, class Decorator>
 struct CopyCase {
   const char* name;
-  std::function<bool()> deep_copy;  // copies, checks ownership, frees
-  std::function<bool()> attempt;    // copies and frees; true when it worked
+  Opt* (*clone)(const Opt*);
+  void (*cleanup)(Opt*);
   std::vector<std::string> failures;
+  std::function<Decorator*(const ZEL*, const Opt*)> decorate;
+  void (*decorator_cleanup)(Decorator*);
 };
+
+template <class Opt, class Decorator>
+void check_copies(const CopyCase<Opt, Decorator>& c, const Opt& opt, const ZEL* handle) {
+  SCOPED_TRACE(c.name);
+  EXPECT_EQ(failure_messages([&] {
+              Opt* copy = c.clone(&opt);
+              c.cleanup(copy);
+              return copy != nullptr;
+            }),
+            c.failures);
+  std::vector<std::string> seen = failure_messages([&] {
+    Decorator* decorator = c.decorate(handle, &opt);
+    c.decorator_cleanup(decorator);
+    return decorator != nullptr;
+  });
+  ASSERT_FALSE(seen.empty());
+  EXPECT_EQ(seen.front(), std::string("Cannot allocate memory for ") + c.name + "Decorator");
+  EXPECT_EQ(seen.back(), c.failures.back());
+  EXPECT_EQ(c.clone(nullptr), nullptr);
+}
+
+char* token() { return nullptr; }
 
 TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
   PutFixture put;
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
+  ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
+  ASSERT_NE(c, nullptr);
+  EXPECT_TRUE(c->key != put.opt.key && std::u16string(c->key) == u"dir/objét" &&
+              c->session_id != put.opt.session_id && c->range != &put.range && c->range->end == 199 &&
+              c->stream != put.stream && c->headers != put.headers &&
+              std::string(zel_headers_find(c->headers, "B")) == "2" &&
+              c->chunk_done_callback == nop_chunk_done && c->stats_callback == nop_stats);
+  put_object_opt_cleanup(c);
+  ZELPutObjectOpt sparse{};
+  ZELPutObjectOpt* sparse_copy = put_object_opt_clone(&sparse);
+  ASSERT_NE(sparse_copy, nullptr) << "absent fields stay absent";
+  EXPECT_EQ(sparse_copy->headers, nullptr);
+  put_object_opt_cleanup(sparse_copy);
+
+  check_copies(
+      CopyCase<ZELPutObjectOpt, ZELPutObjectDecorator>{
+          "ZELPutObject",
+          put_object_opt_clone,
+          put_object_opt_cleanup,
+          {"Cannot allocate memory for the cloned ZELPutObjectOpt",
+           "Cannot allocate memory for ZELPutObjectOpt bucket_key",
+           "Cannot allocate memory for ZELPutObjectOpt key",
+           "Cannot allocate memory for ZELPutObjectOpt session_id",
+           "Cannot allocate memory for ZELPutObjectOpt content_type",
+           "Cannot allocate memory for ZELByteRanges list",
+           "Cannot allocate memory for ZELPutObjectOpt stream",
+           "Cannot allocate memory for ZELPutObjectOpt headers"},
+          [](const ZEL* h, const ZELPutObjectOpt* o) { return put_object_decorator_init(h, o, 1, nullptr); },
+          put_object_decorator_cleanup},
+      put.opt, handle);
   ZELGetObjectOpt get{u"bucket", u"key",       &put.range, put.stream,   put.headers,
                       1,         nop_get_resp, nop_done,   nop_progress, nop_stats};
+  check_copies(
+      CopyCase<ZELGetObjectOpt, ZELGetObjectDecorator>{
+          "ZELGetObject",
+          get_object_opt_clone,
+          get_object_opt_cleanup,
+          {"Cannot allocate memory for the cloned ZELGetObjectOpt",
+           "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
+           "Cannot allocate memory for the ZELGetObjectOpt key",
+           "Cannot allocate memory for the ZELGetObjectOpt range",
+           "Cannot allocate for the ZELGetObjectOpt stream",
+           "Cannot allocate memory for the ZELGetObjectOpt headers"},
+          [](const ZEL* h, const ZELGetObjectOpt* o) { return get_object_decorator_init(h, o, nullptr); },
+          get_object_decorator_cleanup},
+      get, handle);
   ZELGetObjectByURLOpt by_url{u"https://example.test/o",
                               true,
                               &put.range,
@@ -224,82 +278,23 @@ TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
                               nop_done,
                               nop_progress,
                               nop_stats};
-  const CopyCase cases[] = {
-      {"put",
-       [&] {
-         ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
-         bool ok = c != nullptr && c->key != put.opt.key && std::u16string(c->key) == u"dir/objét" &&
-                   c->session_id != put.opt.session_id && c->range != &put.range && c->range->end == 199 &&
-                   c->stream != put.stream && c->headers != put.headers &&
-                   std::string(zel_headers_find(c->headers, "B")) == "2" &&
-                   c->chunk_done_callback == nop_chunk_done && c->stats_callback == nop_stats;
-         put_object_opt_cleanup(c);
-         return ok;
-       },
-       [&] {
-         ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
-         put_object_opt_cleanup(c);
-         return c != nullptr;
-       },
-       {"Cannot allocate memory for the cloned ZELPutObjectOpt",
-        "Cannot allocate memory for ZELPutObjectOpt bucket_key",
-        "Cannot allocate memory for ZELPutObjectOpt key",
-        "Cannot allocate memory for ZELPutObjectOpt session_id",
-        "Cannot allocate memory for ZELPutObjectOpt content_type",
-        "Cannot allocate memory for ZELByteRanges list", "Cannot allocate memory for ZELPutObjectOpt stream",
-        "Cannot allocate memory for ZELPutObjectOpt headers"}},
-      {"get",
-       [&] {
-         ZELGetObjectOpt* c = get_object_opt_clone(&get);
-         bool ok = c != nullptr && c->key != get.key && c->size_unknown == 1 && c->range != &put.range &&
-                   c->done_callback == nop_done;
-         get_object_opt_cleanup(c);
-         return ok;
-       },
-       [&] {
-         ZELGetObjectOpt* c = get_object_opt_clone(&get);
-         get_object_opt_cleanup(c);
-         return c != nullptr;
-       },
-       {"Cannot allocate memory for the cloned ZELGetObjectOpt",
-        "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
-        "Cannot allocate memory for the ZELGetObjectOpt key",
-        "Cannot allocate memory for the ZELGetObjectOpt range",
-        "Cannot allocate for the ZELGetObjectOpt stream",
-        "Cannot allocate memory for the ZELGetObjectOpt headers"}},
-      {"by url",
-       [&] {
-         ZELGetObjectByURLOpt* c = get_object_by_url_opt_clone(&by_url);
-         bool ok = c != nullptr && c->download_url != by_url.download_url && c->authenticate &&
-                   c->callback == nop_url_resp;
-         get_object_by_url_opt_cleanup(c);
-         return ok;
-       },
-       [&] {
-         ZELGetObjectByURLOpt* c = get_object_by_url_opt_clone(&by_url);
-         get_object_by_url_opt_cleanup(c);
-         return c != nullptr;
-       },
-       {"Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
-        "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
-        "Cannot allocate memory for the ZELGetObjectByURLOpt range",
-        "Cannot allocate for the ZELGetObjectByURLOpt stream",
-        "Cannot allocate memory for the ZELGetObjectByURLOpt headers"}},
-  };
-  for (const CopyCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_TRUE(c.deep_copy());
-    EXPECT_EQ(failure_messages(c.attempt), c.failures);
-  }
-  ZELPutObjectOpt sparse{};
-  ZELPutObjectOpt* sparse_copy = put_object_opt_clone(&sparse);
-  ASSERT_NE(sparse_copy, nullptr) << "absent fields stay absent";
-  EXPECT_EQ(sparse_copy->headers, nullptr);
-  put_object_opt_cleanup(sparse_copy);
-  EXPECT_EQ(put_object_opt_clone(nullptr), nullptr);
+  check_copies(
+      CopyCase<ZELGetObjectByURLOpt, ZELGetObjectByURLDecorator>{
+          "ZELGetObjectByURL",
+          get_object_by_url_opt_clone,
+          get_object_by_url_opt_cleanup,
+          {"Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
+           "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
+           "Cannot allocate memory for the ZELGetObjectByURLOpt range",
+           "Cannot allocate for the ZELGetObjectByURLOpt stream",
+           "Cannot allocate memory for the ZELGetObjectByURLOpt headers"},
+          [](const ZEL* h, const ZELGetObjectByURLOpt* o) {
+            return get_object_by_url_decorator_init(h, o, nullptr);
+          },
+          get_object_by_url_decorator_cleanup},
+      by_url, handle);
+  zel_cleanup(handle);
 }
-
-char* token() { return nullptr; }
 
 TEST(Decorators, OwnCopiesOfHandleAndOptions) {
   PutFixture fixture;
@@ -312,7 +307,6 @@ TEST(Decorators, OwnCopiesOfHandleAndOptions) {
   EXPECT_NE(put->handle, handle);
   EXPECT_EQ(put->handle->api_version, 2u);
   ASSERT_NE(put->opt, nullptr);
-  EXPECT_NE(put->opt, &fixture.opt);
   EXPECT_EQ(put->size, 12345u);
   EXPECT_EQ(put->user_data, &marker);
   zel_cleanup(handle);  // the caller may free its handle while the copy lives on
@@ -324,45 +318,54 @@ TEST(Decorators, OwnCopiesOfHandleAndOptions) {
   ASSERT_NE(get, nullptr) << "missing handle and options give no copies, not a failure";
   EXPECT_EQ(get->handle, nullptr);
   EXPECT_EQ(get->opt, nullptr);
-  EXPECT_EQ(get->user_data, &marker);
   get_object_decorator_cleanup(get);
   get_object_decorator_cleanup(nullptr);
   get_object_by_url_decorator_cleanup(nullptr);
 }
 
-TEST(Decorators, FailuresFreeWhatWasMadeAndNameTheDecorator) {
-  PutFixture fixture;
-  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 1, token, nullptr);
-  auto put = failure_messages([&] {
-    ZELPutObjectDecorator* decorator = put_object_decorator_init(handle, &fixture.opt, 1, nullptr);
-    put_object_decorator_cleanup(decorator);
-    return decorator != nullptr;
-  });
-  ASSERT_GE(put.size(), 2u);
-  EXPECT_EQ(put.front(), "Cannot allocate memory for ZELPutObjectDecorator");
-  EXPECT_EQ(put.back(), "Cannot allocate memory for ZELPutObjectOpt headers");
+// Without the process-wide start-up there is no worker pool: each entry
+// point reports that it cannot queue its task, on the caller's thread and
+// once, and frees its copies (the sanitizer build checks). An upload first
+// measures its file and reports the system's error when it cannot.
+TEST(TransferEntry, RefusalsAreReportedOnTheCallersThread) {
+  zeltest::CapturedLog log;
+  ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
+  PutFixture put;
+  put.opt.callback = zeltest::on_status<ZELPutObjectResp>;
+  zeltest::Recorder missing, queued[3];
+  zel_put_object(handle, &put.opt, &missing);
+  ASSERT_EQ(missing.events().size(), 1u);
+  EXPECT_EQ(missing.events()[0].code, ENOENT);
 
-  ZELGetObjectOpt get{};
-  get.key = u"k";
-  auto get_messages = failure_messages([&] {
-    ZELGetObjectDecorator* decorator = get_object_decorator_init(handle, &get, nullptr);
-    get_object_decorator_cleanup(decorator);
-    return decorator != nullptr;
-  });
-  ASSERT_FALSE(get_messages.empty());
-  EXPECT_EQ(get_messages.front(), "Cannot allocate memory for ZELGetObjectDecorator");
-  EXPECT_EQ(get_messages.back(), "Cannot allocate memory for the ZELGetObjectOpt key");
-
-  ZELGetObjectByURLOpt by_url{};
-  by_url.download_url = u"http://x.test/";
-  auto url_messages = failure_messages([&] {
-    ZELGetObjectByURLDecorator* decorator = get_object_by_url_decorator_init(handle, &by_url, nullptr);
-    get_object_by_url_decorator_cleanup(decorator);
-    return decorator != nullptr;
-  });
-  ASSERT_FALSE(url_messages.empty());
-  EXPECT_EQ(url_messages.front(), "Cannot allocate memory for ZELGetObjectByURLDecorator");
-  EXPECT_EQ(url_messages.back(), "Cannot allocate memory for the ZELGetObjectByURLOpt download_url");
+  std::string path = ::testing::TempDir() + "zel_entry.bin";
+  std::fclose(std::fopen(path.c_str(), "wb"));
+  char16_t* wide = utf8_to_wide(path.c_str());
+  ZELStream* stream = zel_stream_init(wide);
+  put.opt.stream = stream;
+  zel_put_object(handle, &put.opt, &queued[0]);
+  ZELGetObjectOpt get{u"b",    u"k",    nullptr, stream, nullptr, 0, zeltest::on_status<ZELGetObjectResp>,
+                      nullptr, nullptr, nullptr};
+  zel_get_object(handle, &get, &queued[1]);
+  ZELGetObjectByURLOpt by_url{u"http://x.test/o",
+                              false,
+                              nullptr,
+                              stream,
+                              nullptr,
+                              0,
+                              zeltest::on_status<ZELGetObjectByURLResp>,
+                              nullptr,
+                              nullptr,
+                              nullptr};
+  zel_get_object_by_url(handle, &by_url, &queued[2]);
+  const char* names[] = {"put_object", "get_object", "get_object_by_url"};
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(queued[i].events().size(), 1u) << names[i];
+    EXPECT_EQ(queued[i].events()[0].code, 0);
+    EXPECT_EQ(queued[i].events()[0].message, std::string("Cannot enqueue a new task (") + names[i] + ")");
+  }
+  zel_stream_cleanup(stream);
+  mem_free(wide);
+  std::remove(path.c_str());
   zel_cleanup(handle);
 }
 

@@ -35,15 +35,7 @@ class ThreadPool : public ::testing::Test {
   }
 };
 
-template <typename Predicate>
-bool eventually(Predicate done, std::chrono::milliseconds limit = 5000ms) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using zeltest::eventually;
 
 using zeltest::thread_count;
 
@@ -99,14 +91,23 @@ int refuse_nomem() { return zel::thrd_nomem; }
 
 }  // namespace
 
-TEST_F(ThreadPool, LimitHoldsUnderManyTasksAndAllRun) {
+// Workers start only for work, never beyond the limit, and leave when the
+// queue is empty.
+TEST_F(ThreadPool, LimitHoldsAndAnIdlePoolHoldsNoThread) {
+  int baseline = thread_count();
   ASSERT_EQ(thread_pool_init(8), 8);
+  EXPECT_EQ(thread_count(), baseline) << "workers start only for work";
   Load load;
-  for (int i = 0; i < 20; i++) ASSERT_EQ(thread_pool_append(busy_task, &load), 0);
+  for (int i = 0; i < 20; i++)
+    ASSERT_EQ(i % 2 ? thread_pool_append(busy_task, &load) : thread_pool_push(busy_task, &load), 0);
   EXPECT_LE(thread_pool_running(), 8);
   ASSERT_TRUE(eventually([&] { return load.done.load() == 20; }));
   EXPECT_LE(load.most.load(), 8);
   EXPECT_GT(load.most.load(), 1) << "tasks should run side by side";
+  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 0; }));
+  EXPECT_EQ(thread_pool_free_slots(), 8);
+  EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }))
+      << thread_count() << " threads, " << baseline << " before";
 }
 
 TEST_F(ThreadPool, HeadRunsBeforeEarlierTailTasks) {
@@ -176,19 +177,6 @@ TEST_F(ThreadPool, CleanupWaitsForRunningWorkAndDropsTheQueue) {
   opener.join();
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(ran.load(), 0) << "queued tasks are dropped, never run";
-}
-
-TEST_F(ThreadPool, IdlePoolHoldsNoThread) {
-  int baseline = thread_count();
-  ASSERT_EQ(thread_pool_init(8), 8);
-  EXPECT_EQ(thread_count(), baseline) << "workers start only for work";
-  Load load;
-  for (int i = 0; i < 20; i++) ASSERT_EQ(thread_pool_push(busy_task, &load), 0);
-  ASSERT_TRUE(eventually([&] { return load.done.load() == 20; }));
-  ASSERT_TRUE(eventually([&] { return thread_pool_running() == 0; }));
-  EXPECT_EQ(thread_pool_free_slots(), 8);
-  EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }))
-      << thread_count() << " threads, " << baseline << " before";
 }
 
 TEST_F(ThreadPool, LoweredLimitKeepsSlotsClosedUntilEnoughEnd) {

@@ -3,6 +3,7 @@
 // outlives its work.
 #include <dirent.h>
 
+#include <chrono>
 #include <thread>
 
 namespace zeltest {
@@ -22,6 +23,17 @@ inline int thread_count() {
   while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
   closedir(dir);
   return count;
+}
+
+// Polls `done` every millisecond; false when `limit` passed first.
+template <typename Predicate>
+bool eventually(Predicate done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 }  // namespace zeltest
