@@ -15,16 +15,13 @@
 #include "frame.h"
 #include "http.h"
 #include "http_plan.h"
-#include "httppool.h"
 #include "json.h"
 #include "log.h"
-#include "threadpool.h"
-#include "transfer.h"
+#include "object_op.h"
 #include "util.h"
 
 namespace {
 constexpr const char* kLogTag = "src\\get_patch";
-constexpr const char* kEntryTag = "src\\object";
 constexpr size_t kHeaderLine = 102400;
 constexpr uint64_t kDeltaBlock = 2048;
 
@@ -289,24 +286,23 @@ void get_patch_task(void* raw) {
   }
   free_get_patch_decorator(d);
 }
+
+void* get_patch_copy(const OpCall& call, bool*) {
+  return make_get_patch_decorator(call.handle, call.options<ZELGetPatchOpt>(), call.user_data);
+}
+
+// Queued at the head like the other downloads; its options are checked by
+// the task, where a failure can be reported.
+const TransferOp kTransfer{nullptr,        get_patch_copy,
+                           get_patch_task, free_get_patch_decorator,
+                           true,           "Cannot enqueue a new task (get_patch)"};
+const Operation kGetPatch = [] {
+  Operation op = transfer_operation<ZELGetPatchOpt>(kTransfer, true);
+  OPERATION_NAMES(op, "ZELGetPatch");
+  return op;
+}();
 }  // namespace
 
 extern "C" ZEL_EXPORT void zel_get_patch(ZEL* handle, const ZELGetPatchOpt* opt, void* user_data) {
-  if (handle == nullptr || handle->get_token == nullptr) {
-    zel_log(nullptr, kEntryTag, __LINE__, "ZEL is not initialized");
-    return;
-  }
-  if (opt == nullptr) {
-    zel_log(nullptr, kEntryTag, __LINE__, "ZELGetPatchOpt is not initialized");
-    return;
-  }
-  ZELGetPatchDecorator* d = make_get_patch_decorator(handle, opt, user_data);
-  if (d == nullptr)
-    return report(opt->callback, 0, "Cannot allocate memory for ZELGetPatchDecorator", user_data);
-  http_pool_set_size(static_cast<int>(handle->http_pool_size));
-  thread_pool_set_size(static_cast<int>(handle->thread_pool_size));
-  if (transfer_enqueue(get_patch_task, d, free_get_patch_decorator, true) < 0) {
-    report(opt->callback, 0, "Cannot enqueue a new task (get_patch)", user_data);
-    free_get_patch_decorator(d);
-  }
+  FRAME_START(kGetPatch, handle, opt, user_data);
 }

@@ -23,6 +23,19 @@ void object_operation(Operation& op, const OptTable& copy, const char* path) {
   op.args[1] = PATH_NAME(Opt, key);
 }
 
+// Operations queued on the worker pool as transfers (`transfer` says how):
+// they log under "src\\object"; `check_handle` refuses a handle without a
+// token function before the options are looked at.
+template <class Opt>
+Operation transfer_operation(const TransferOp& transfer, bool check_handle) {
+  Operation op;
+  op.family_tag = "src\\object";
+  op.check_handle = check_handle;
+  op.report = report_to_options<Opt>;
+  op.transfer = &transfer;
+  return op;
+}
+
 // Bucket operations: any handle is copied as it is, a thread failure is
 // reported with its result as the code, logs under "src\bucket".
 template <class Opt>

@@ -75,16 +75,6 @@ const TransferOp kByUrlTransfer{by_url_checks,
                                 true,
                                 "Cannot enqueue a new task (get_object_by_url)"};
 
-template <class Opt>
-Operation transfer_operation(const TransferOp& transfer, bool check_handle) {
-  Operation op;
-  op.family_tag = "src\\object";
-  op.check_handle = check_handle;
-  op.report = report_to_options<Opt>;
-  op.transfer = &transfer;
-  return op;
-}
-
 const Operation kPut = [] {
   Operation op = transfer_operation<ZELPutObjectOpt>(kPutTransfer, true);
   OPERATION_NAMES(op, "ZELPutObject");
