@@ -2,7 +2,6 @@
 // emulator, with pipes or on a pseudo-terminal.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -110,9 +109,7 @@ class CliTest : public zeltest::EmulatorTest {
     EmulatorTest::SetUp();
     // zel keeps notes of started uploads there; never in the real home.
     setenv("XDG_STATE_HOME", dir_.file("state").c_str(), 1);
-    HttpResult r = http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
-                        R"({"bucketKey":"bkt","policyKey":"transient","allow":[]})");
-    ASSERT_EQ(r.status, 200) << r.body;
+    ASSERT_TRUE(server_.make_bucket("bkt"));
   }
 
   std::vector<std::string> command(const std::vector<std::string>& args, bool with_endpoint = true) const {
@@ -198,11 +195,8 @@ class CliTest : public zeltest::EmulatorTest {
   // Files of the scratch directory whose names contain `part`.
   std::vector<std::string> leftovers(const std::string& part) {
     std::vector<std::string> out;
-    if (DIR* d = opendir(dir_.file("").c_str())) {
-      while (dirent* e = readdir(d))
-        if (std::string(e->d_name).find(part) != std::string::npos) out.push_back(e->d_name);
-      closedir(d);
-    }
+    for (const std::string& name : zeltest::dir_entries(dir_.file("")))
+      if (name.find(part) != std::string::npos) out.push_back(name);
     return out;
   }
 

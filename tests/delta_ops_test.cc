@@ -1,7 +1,6 @@
 // Match, patch upload and patch download end to end against zel-server,
 // with the delta engine's test controls and the fault rules driving every
 // outcome; plus the signature SHA-1 reader and the match handlers' checks.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <zel/diff.h>
@@ -74,13 +73,9 @@ class DeltaOps : public LibTest {
 
   // Files in the scratch directory besides the two inputs.
   std::set<std::string> leftovers() const {
-    std::set<std::string> names;
-    std::string dir = dir_.file("");
-    if (DIR* d = opendir(dir.c_str())) {
-      while (dirent* e = readdir(d)) names.insert(e->d_name);
-      closedir(d);
-    }
-    for (const char* known : {".", "..", "base", "next"}) names.erase(known);
+    std::vector<std::string> all = dir_entries(dir_.file(""));
+    std::set<std::string> names(all.begin(), all.end());
+    for (const char* known : {"base", "next"}) names.erase(known);
     return names;
   }
 

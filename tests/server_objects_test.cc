@@ -29,10 +29,7 @@ class ObjectsTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
-    ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                   R"({"bucketKey":"objs","policyKey":"transient","allow":[]})")
-                  .status,
-              200);
+    ASSERT_TRUE(server_.make_bucket("objs"));
   }
   std::string url(const std::string& encoded_key, int version = 2) {
     return server_.api(version) + "/buckets/objs/objects/" + encoded_key;

@@ -22,10 +22,7 @@ class TestApiTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
-    ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                   R"({"bucketKey":"tapi","policyKey":"transient","allow":[]})")
-                  .status,
-              200);
+    ASSERT_TRUE(server_.make_bucket("tapi"));
     ASSERT_EQ(http("PUT", object_url(), {kAuthHeader}, std::string(1000, 'k')).status, 200);
   }
   std::string object_url() const { return server_.api() + "/buckets/tapi/objects/f1"; }

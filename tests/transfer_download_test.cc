@@ -2,7 +2,6 @@
 // raw server): the bytes in the file, the requests sent, the one report.
 #include <cerrno>
 #include <cstring>
-#include <set>
 
 #include "captured_log.h"
 #include "get_object.h"
@@ -75,17 +74,9 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    std::string got = zeltest::read_file(dir_.file(key));
-    EXPECT_EQ(got.size(), data.size());
-    EXPECT_EQ(sha1_hex(got), sha1_hex(data));
-    auto sent = gets();
-    ASSERT_EQ(sent.size(), c.requests);
-    std::set<std::string> ranges;
-    for (const auto& r : sent) ranges.insert(r.header("Range"));
-    EXPECT_EQ(ranges.count("bytes=0-" + std::to_string(std::min<uint64_t>(c.chunk, c.size) - 1)), 1u);
-    EXPECT_EQ(ranges.count("bytes=" + std::to_string((c.requests - 1) * c.chunk) + "-" +
-                           std::to_string(c.size - 1)),
-              1u);
+    // The file's bytes show every chunk landed at its offset.
+    EXPECT_TRUE(zeltest::read_file(dir_.file(key)) == data);
+    EXPECT_EQ(gets().size(), c.requests);
     // One before (size and SHA-1) and one after the chunks (still the same object).
     EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/details").size(), 2u) << "size query and check";
   }

@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,15 +38,6 @@ class ScratchDir {
  private:
   std::string path_;
 };
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
-
-inline bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // Everything one transfer reported. The terminal reports (callback,
 // details_callback, done_callback) are counted so tests can insist on

@@ -12,9 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 
 #ifndef ZEL_SERVER_BIN
@@ -90,12 +93,6 @@ std::string read_line(int fd, int ms) {
 
 std::string HttpResult::header(const std::string& name) const { return find_header(headers, name); }
 
-bool HttpResult::has_header(const std::string& name) const {
-  for (const auto& h : headers)
-    if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
-  return false;
-}
-
 std::string RecordedRequest::header(const std::string& name) const { return find_header(headers, name); }
 
 HttpResult http(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
@@ -159,6 +156,24 @@ long elapsed_ms(std::chrono::steady_clock::time_point since) {
   return static_cast<long>(
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
           .count());
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+std::vector<std::string> dir_entries(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d))
+      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string pattern_bytes(size_t size, uint32_t seed) {
@@ -265,6 +280,12 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     out.push_back(r);
   }
   return out;
+}
+
+bool ServerProcess::make_bucket(const std::string& key, const std::string& policy) {
+  return http("POST", api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
+              R"({"bucketKey":")" + key + R"(","policyKey":")" + policy + R"(","allow":[]})")
+             .status == 200;
 }
 
 bool ServerProcess::clear_requests() {

@@ -26,7 +26,6 @@ struct HttpResult {
   std::string error;  // libcurl's text when the exchange failed
   // First value of a header, case-insensitive; empty when absent.
   std::string header(const std::string& name) const;
-  bool has_header(const std::string& name) const;
 };
 
 // One exchange on a fresh connection. `headers` are "Name: value" lines; the
@@ -46,6 +45,11 @@ std::vector<std::string> json_keys(const json_t* object);
 std::string sha1_hex(const std::string& data);
 // Milliseconds from `since` to now.
 long elapsed_ms(std::chrono::steady_clock::time_point since);
+// A whole file's bytes; empty when it cannot be read.
+std::string read_file(const std::string& path);
+bool file_exists(const std::string& path);
+// The names in a directory without "." and "..", sorted; empty when unreadable.
+std::vector<std::string> dir_entries(const std::string& dir);
 // Deterministic bytes for uploads.
 std::string pattern_bytes(size_t size, uint32_t seed);
 
@@ -87,6 +91,9 @@ class ServerProcess {
   std::string api(int version = 2) const { return base_url() + "/zel/v" + std::to_string(version); }
   const std::string& data_dir() const { return data_dir_; }
   const std::string& error() const { return error_; }
+
+  // Creates a bucket of the local owner with no grants; true on 200.
+  bool make_bucket(const std::string& key, const std::string& policy = "transient");
 
   std::vector<RecordedRequest> requests();
   bool clear_requests();
