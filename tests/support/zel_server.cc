@@ -1,5 +1,6 @@
 #include "zel_server.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,6 +9,7 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +21,7 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <stdexcept>
 
 #ifndef ZEL_SERVER_BIN
 #define ZEL_SERVER_BIN ZEL_BIN_DIR "/zel-server"
@@ -280,6 +283,32 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     out.push_back(r);
   }
   return out;
+}
+
+int listen_loopback(int* port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 64) != 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (fd >= 0) ::close(fd);
+    throw std::runtime_error("cannot listen on a loopback port");
+  }
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+bool send_all(int fd, const char* data, size_t size) {
+  for (size_t sent = 0; sent < size;) {
+    ssize_t n = ::send(fd, data + sent, size - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
 }
 
 bool ServerProcess::make_bucket(const std::string& key, const std::string& policy) {

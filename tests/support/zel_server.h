@@ -115,6 +115,13 @@ class ServerProcess {
 
 extern const char kAuthHeader[];  // "Authorization: Bearer local-dev-token"
 
+// Loopback sockets for the scripted servers: a listener on a free port
+// (throws std::runtime_error when there is none), and a send that goes on
+// until every byte is out (false when the peer is gone).
+int listen_loopback(int* port);
+bool send_all(int fd, const char* data, size_t size);
+inline bool send_all(int fd, const std::string& data) { return send_all(fd, data.data(), data.size()); }
+
 // One emulator per test, started before and stopped after it.
 class EmulatorTest : public ::testing::Test {
  protected:
