@@ -7,7 +7,6 @@
 #include "alloc.h"
 #include "captured_log.h"
 #include "chunk_ledger.h"
-#include "httppool.h"
 #include "put_object.h"
 #include "raw_http_server.h"
 #include "transfer_support.h"
