@@ -29,15 +29,8 @@ TEST(CppText, ConversionsRoundTripAndRefuseMalformedInput) {
   EXPECT_EQ(zel::to_utf8(nullptr), "");
   EXPECT_EQ(zel::to_utf16(""), u"");
 
-  const char* malformed[] = {"\x80",
-                             "a\xC3",
-                             "\xC0\xAF",
-                             "\xE0\x80\xAF",
-                             "\xED\xA0\x80",
-                             "\xF4\x90\x80\x80",
-                             "\xF8\x88\x80\x80\x80",
-                             "\xE2\x98"};
-  for (const char* text : malformed) {
+  for (const char* text : {"\x80", "a\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                           "\xF8\x88\x80\x80\x80", "\xE2\x98"}) {
     std::u16string out;
     EXPECT_FALSE(zel::utf8_to_utf16(text, out)) << "accepted " << ::testing::PrintToString(std::string(text));
     EXPECT_THROW(zel::to_utf16(text), std::invalid_argument);
