@@ -173,9 +173,7 @@ class CliTest : public zeltest::EmulatorTest {
     const char* value = d ? json_string_value(json_object_get(d.get(), key)) : nullptr;
     return value != nullptr ? value : "<missing>";
   }
-  static long long num(const zeltest::JsonPtr& d, const char* key) {
-    return d ? json_integer_value(json_object_get(d.get(), key)) : -1;
-  }
+  static long long num(const zeltest::JsonPtr& d, const char* key) { return d ? json_int(d.get(), key) : -1; }
 
   std::string stored(const std::string& escaped_key) {
     return http("GET", server_.api(2) + "/buckets/bkt/objects/" + escaped_key, {kAuthHeader}).body;
@@ -189,7 +187,7 @@ class CliTest : public zeltest::EmulatorTest {
   std::string blob_of(const std::string& key) {
     auto d = zeltest::parse_json(
         http("GET", server_.api(2) + "/buckets/bkt/objects/" + key + "/details", {kAuthHeader}).body);
-    std::string id = d ? json_string_value(json_object_get(d.get(), "objectId")) : "";
+    std::string id = d ? json_str(d.get(), "objectId") : "";
     return server_.data_dir() + "/objects/" + id.substr(id.rfind(':') + 1);
   }
   // Files of the scratch directory whose names contain `part`.

@@ -23,7 +23,7 @@ TEST_F(CliTest, BucketCommandsPrintTextAndJson) {
   EXPECT_EQ(str(d, "owner"), "local");
   json_t* perms = json_object_get(d.get(), "permissions");
   ASSERT_EQ(json_array_size(perms), 2u);
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(perms, 1), "access")), "full");
+  EXPECT_EQ(json_str(json_array_get(perms, 1), "access"), "full");
 
   Ran grant = zel({"grant", "photos", "svc-c:read"});
   ASSERT_EQ(grant.status, 0) << describe(grant);
@@ -52,8 +52,7 @@ TEST_F(CliTest, BucketListingFollowsEveryPageUnlessLimited) {
   auto listing = result(all);
   json_t* list = json_object_get(listing.get(), "buckets");
   ASSERT_EQ(json_array_size(list), 106u) << "105 made here and the fixture's";
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(list, 0), "bucket")), "b000")
-      << "service order";
+  EXPECT_EQ(json_str(json_array_get(list, 0), "bucket"), "b000") << "service order";
   EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/buckets?").size(), 2u) << "two pages";
 
   server_.clear_requests();
@@ -308,7 +307,7 @@ void expect_schema(const Ran& r, const std::string& command) {
   ASSERT_TRUE(d != nullptr) << command << ": not one JSON document: " << r.out << r.err;
   json_t* ok = json_object_get(d.get(), "ok");
   ASSERT_TRUE(json_is_boolean(ok)) << r.out;
-  EXPECT_STREQ(json_string_value(json_object_get(d.get(), "command")), command.c_str()) << r.out;
+  EXPECT_EQ(json_str(d.get(), "command"), command.c_str()) << r.out;
   EXPECT_EQ(json_is_true(ok), r.status == 0) << r.out;
   if (json_is_true(ok)) {
     EXPECT_EQ(zeltest::json_keys(d.get()), (std::vector<std::string>{"command", "ok", "result"})) << r.out;
@@ -320,7 +319,7 @@ void expect_schema(const Ran& r, const std::string& command) {
   EXPECT_EQ(zeltest::json_keys(error),
             (std::vector<std::string>{"hint", "kind", "message", "status", "target"}))
       << r.out;
-  std::string kind = json_string_value(json_object_get(error, "kind"));
+  std::string kind = json_str(error, "kind");
   EXPECT_EQ(json_is_integer(json_object_get(error, "status")), kind == "service") << r.out;
 }
 

@@ -88,16 +88,13 @@ class DeltaOps : public LibTest {
     size_t i;
     json_t* job;
     json_array_foreach(json_object_get(all.get(), "jobs"), i, job) {
-      if (kind == json_string_value(json_object_get(job, "Kind"))) each(job);
+      if (kind == json_str(job, "Kind")) each(job);
     }
   }
   // Each job's (Code, Polls).
   std::vector<std::pair<long long, long long>> jobs(const std::string& kind) {
     std::vector<std::pair<long long, long long>> out;
-    for_jobs(kind, [&](json_t* job) {
-      out.emplace_back(json_integer_value(json_object_get(job, "Code")),
-                       json_integer_value(json_object_get(job, "Polls")));
-    });
+    for_jobs(kind, [&](json_t* job) { out.emplace_back(json_int(job, "Code"), json_int(job, "Polls")); });
     return out;
   }
   // One key of the newest job as compact JSON ("Acm", "Request").

@@ -24,16 +24,6 @@ void write_file(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
-std::string json_text(const json_t* o, const char* key) {
-  const json_t* v = json_object_get(o, key);
-  return json_is_string(v) ? json_string_value(v) : std::string();
-}
-
-long long json_int(const json_t* o, const char* key) {
-  const json_t* v = json_object_get(o, key);
-  return json_is_integer(v) ? json_integer_value(v) : -999;
-}
-
 class DeltaServerTest : public EmulatorTest {
  protected:
   void SetUp() override {
@@ -156,20 +146,20 @@ TEST_F(DeltaServerTest, PatchUploadThenApply) {
   JsonPtr job = submit("/applypatch", apply_body(sha1_hex(next_)));
   ASSERT_TRUE(job);
   EXPECT_EQ(json_int(job.get(), "Code"), 0);
-  std::string id = json_text(job.get(), "DocumentID");
-  std::string public_url = json_text(job.get(), "Description");
+  std::string id = json_str(job.get(), "DocumentID");
+  std::string public_url = json_str(job.get(), "Description");
   EXPECT_EQ(public_url.find(kri("/public/")), 0u) << public_url;
 
   JsonPtr done = wait_job("applypatch", id);
   ASSERT_TRUE(done);
-  ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_text(done.get(), "Description");
+  ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_str(done.get(), "Description");
   EXPECT_EQ(json_int(done.get(), "Progress"), 100);
-  JsonPtr details = parse_json(json_text(done.get(), "Description"));
+  JsonPtr details = parse_json(json_str(done.get(), "Description"));
   ASSERT_TRUE(details) << "a finished apply describes the new object";
   EXPECT_EQ(json_keys(details.get()), (std::vector<std::string>{"bucket-key", "objects"}))
       << "in the API version the patch was uploaded with";
   const json_t* entry = json_array_get(json_object_get(details.get(), "objects"), 0);
-  EXPECT_EQ(json_text(entry, "sha-1"), sha1_hex(next_));
+  EXPECT_EQ(json_str(entry, "sha-1"), sha1_hex(next_));
   EXPECT_EQ(json_int(entry, "size"), static_cast<long long>(next_.size()));
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, next_);
 
@@ -199,9 +189,9 @@ TEST_F(DeltaServerTest, ResumablePatchUploadThenApply) {
     ASSERT_TRUE(r.status == 200 || r.status == 202) << r.status << " " << r.body;
   }
   JsonPtr done = wait_job("applypatch",
-                          json_text(submit("/applypatch", apply_body(sha1_hex(next_))).get(), "DocumentID"));
+                          json_str(submit("/applypatch", apply_body(sha1_hex(next_))).get(), "DocumentID"));
   ASSERT_TRUE(done);
-  EXPECT_EQ(json_int(done.get(), "Code"), 5) << json_text(done.get(), "Description");
+  EXPECT_EQ(json_int(done.get(), "Code"), 5) << json_str(done.get(), "Description");
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, next_);
 }
 
@@ -210,25 +200,25 @@ TEST_F(DeltaServerTest, FailedApplyLeavesTheUploadedContent) {
   std::string patch = local_patch(base_, next_);
   put("next", patch, {patch_header(base_, next_), "x-pmw-delta-processtype: 0"});
   JsonPtr wrong_sha = submit("/applypatch", apply_body(sha1_hex("something else")));
-  JsonPtr failed = wait_job("applypatch", json_text(wrong_sha.get(), "DocumentID"));
+  JsonPtr failed = wait_job("applypatch", json_str(wrong_sha.get(), "DocumentID"));
   ASSERT_TRUE(failed);
   EXPECT_EQ(json_int(failed.get(), "Code"), -1);
-  EXPECT_NE(json_text(failed.get(), "Description"), "") << "a failed job gives its reason";
+  EXPECT_NE(json_str(failed.get(), "Description"), "") << "a failed job gives its reason";
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, patch);
 
   put("base", base_ + "changed");  // the base is no longer the patch's base
   JsonPtr wrong_base = submit("/applypatch", apply_body(sha1_hex(next_)));
-  failed = wait_job("applypatch", json_text(wrong_base.get(), "DocumentID"));
+  failed = wait_job("applypatch", json_str(wrong_base.get(), "DocumentID"));
   ASSERT_TRUE(failed);
   EXPECT_EQ(json_int(failed.get(), "Code"), -1);
-  EXPECT_NE(json_text(failed.get(), "Description").find("base"), std::string::npos)
-      << json_text(failed.get(), "Description");
+  EXPECT_NE(json_str(failed.get(), "Description").find("base"), std::string::npos)
+      << json_str(failed.get(), "Description");
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader}).body, patch);
 
   put("plain", next_);  // no pending patch at all
   std::string body = apply_body(sha1_hex(next_));
   body.replace(body.find("\"next\""), 6, "\"plain\"");
-  failed = wait_job("applypatch", json_text(submit("/applypatch", body).get(), "DocumentID"));
+  failed = wait_job("applypatch", json_str(submit("/applypatch", body).get(), "DocumentID"));
   EXPECT_EQ(json_int(failed.get(), "Code"), -1);
 
   HttpResult bad = http("PUT", object("x"), {kAuthHeader, "x-pmw-delta-object: patch:12->34"}, "data");
@@ -249,9 +239,9 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   JsonPtr job = submit("/createdelta",
                        R"({"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base","ObjectName2":"next",)"
                        R"("BlockSize":2048,"ProcessType":0})");
-  JsonPtr done = wait_job("createdelta", json_text(job.get(), "DocumentID"));
+  JsonPtr done = wait_job("createdelta", json_str(job.get(), "DocumentID"));
   ASSERT_TRUE(done);
-  ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_text(done.get(), "Description");
+  ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_str(done.get(), "Description");
 
   HttpResult details =
       http("GET", object("base") + "/details", {kAuthHeader, pair, "x-pmw-delta-processtype: 0"});
@@ -260,7 +250,7 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   HttpResult download = http("GET", object("next"), {kAuthHeader, "x-pmw-delta-object: patch:" + orig});
   ASSERT_EQ(download.status, 200);
   EXPECT_EQ(json_int(d.get(), "size"), static_cast<long long>(download.body.size()));
-  EXPECT_EQ(json_text(d.get(), "sha1"), sha1_hex(download.body));
+  EXPECT_EQ(json_str(d.get(), "sha1"), sha1_hex(download.body));
 
   put("next", next_ + "moved on");
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader, "x-pmw-delta-object: patch:" + orig}).status, 404)
@@ -271,7 +261,7 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   job = submit("/createsignature",
                R"({"BucketName":"dlt","ObjectName":"base","BlockSize":1024,"MaximumAttempts":5,)"
                R"("ProcessType":0})");
-  done = wait_job("createsignature", json_text(job.get(), "DocumentID"));
+  done = wait_job("createsignature", json_str(job.get(), "DocumentID"));
   EXPECT_EQ(json_int(done.get(), "Code"), 5);
 }
 
@@ -293,9 +283,9 @@ TEST_F(DeltaServerTest, JobRequestsAreChecked) {
   EXPECT_EQ(controls("POST", "/scripts", R"({"unknown":1})").status, 400);
 
   JsonPtr job = submit("/createsignature", sig);
-  JsonPtr done = wait_job("createsignature", json_text(job.get(), "DocumentID"));
+  JsonPtr done = wait_job("createsignature", json_str(job.get(), "DocumentID"));
   EXPECT_EQ(json_int(done.get(), "Code"), -1) << "a missing object fails the job";
-  EXPECT_NE(json_text(done.get(), "Description"), "");
+  EXPECT_NE(json_str(done.get(), "Description"), "");
 }
 
 TEST_F(DeltaServerTest, JobsSurviveAKilledServer) {
@@ -304,8 +294,8 @@ TEST_F(DeltaServerTest, JobsSurviveAKilledServer) {
   put("next", patch, {patch_header(base_, next_), "x-pmw-delta-processtype: 0"});
   ASSERT_EQ(controls("POST", "/scripts", R"({"delay_ms":60000})").status, 200);
   JsonPtr job = submit("/applypatch", apply_body(sha1_hex(next_)));
-  std::string id = json_text(job.get(), "DocumentID");
-  std::string token = json_text(job.get(), "Description").substr(kri("/public/").size());
+  std::string id = json_str(job.get(), "DocumentID");
+  std::string token = json_str(job.get(), "Description").substr(kri("/public/").size());
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (json_int(parse_json(http("GET", kri("/applypatch/" + id), {kAuthHeader}).body).get(), "Code") != 1 &&
          std::chrono::steady_clock::now() < deadline) {

@@ -19,11 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::string reason_of(const HttpResult& r) {
-  JsonPtr body = parse_json(r.body);
-  const char* s = json_string_value(json_object_get(body.get(), "reason"));
-  return s ? s : "";
-}
+std::string reason_of(const HttpResult& r) { return json_str(parse_json(r.body).get(), "reason"); }
 
 class HardeningTest : public EmulatorTest {
  protected:

@@ -73,9 +73,9 @@ TEST_F(ResumableTest, ChunksInRandomOrderAndInParallelMakeTheObject) {
     if (r.status != 200) continue;
     ++complete;
     JsonPtr j = parse_json(r.body);
-    EXPECT_EQ(json_string_value(json_object_get(j.get(), "sha1")), sha1_hex(data));
-    EXPECT_STREQ(json_string_value(json_object_get(j.get(), "objectKey")), "big/one");
-    EXPECT_STREQ(json_string_value(json_object_get(j.get(), "contentType")), "application/x-parts");
+    EXPECT_EQ(json_str(j.get(), "sha1"), sha1_hex(data));
+    EXPECT_EQ(json_str(j.get(), "objectKey"), "big/one");
+    EXPECT_EQ(json_str(j.get(), "contentType"), "application/x-parts");
   }
   EXPECT_GE(complete, 1u) << "the request that completes the object answers 200";
   HttpResult g = http("GET", server_.api() + "/buckets/upl/objects/big%2Fone", {kAuthHeader});
@@ -88,7 +88,7 @@ TEST_F(ResumableTest, ChunksInRandomOrderAndInParallelMakeTheObject) {
   // A chunk of a finished session is harmless and answers the details again.
   HttpResult again = chunk("big%2Fone", "sess-par", data, chunks[0]);
   EXPECT_EQ(again.status, 200);
-  EXPECT_EQ(json_string_value(json_object_get(parse_json(again.body).get(), "sha1")), sha1_hex(data));
+  EXPECT_EQ(json_str(parse_json(again.body).get(), "sha1"), sha1_hex(data));
 }
 
 TEST_F(ResumableTest, StatusListsMergedRangesAndBadChunksAreRefused) {
@@ -125,7 +125,7 @@ TEST_F(ResumableTest, StatusListsMergedRangesAndBadChunksAreRefused) {
 
   r = chunk("m", "s1", data, {400, 999});
   ASSERT_EQ(r.status, 200) << r.body;
-  EXPECT_EQ(json_string_value(json_object_get(parse_json(r.body).get(), "sha1")), sha1_hex(data));
+  EXPECT_EQ(json_str(parse_json(r.body).get(), "sha1"), sha1_hex(data));
   EXPECT_TRUE(http("GET", server_.api() + "/buckets/upl/objects/m", {kAuthHeader}).body == data);
 }
 
@@ -154,8 +154,7 @@ TEST_F(ResumableTest, LargeUnalignedAndRewrittenChunksKeepTheHashTrue) {
     HttpResult last;
     for (const auto& s : k.sends) last = chunk(k.key, std::string("s-") + k.key, *s.second, s.first, total);
     ASSERT_EQ(last.status, 200) << k.key << ": " << last.body;
-    EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(k.served))
-        << k.key;
+    EXPECT_EQ(json_str(parse_json(last.body).get(), "sha1"), sha1_hex(k.served)) << k.key;
     HttpResult g = http("GET", server_.api() + "/buckets/upl/objects/" + k.key, {kAuthHeader});
     EXPECT_TRUE(g.body == k.served) << k.key << ": served bytes differ";
   }
@@ -204,7 +203,7 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
   HttpResult last;
   for (const auto& c : rest) last = chunk("crash", "s9", data, c);
   ASSERT_EQ(last.status, 200) << last.body;
-  EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(data));
+  EXPECT_EQ(json_str(parse_json(last.body).get(), "sha1"), sha1_hex(data));
 
   // The completed object, its bucket, a grant and a deleted object that can
   // still be restored survive another kill.

@@ -136,6 +136,16 @@ JsonPtr parse_json(const std::string& text) {
   return JsonPtr(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &err));
 }
 
+std::string json_str(const json_t* object, const char* key) {
+  const json_t* v = json_object_get(object, key);
+  return json_is_string(v) ? json_string_value(v) : "";
+}
+
+long long json_int(const json_t* object, const char* key) {
+  const json_t* v = json_object_get(object, key);
+  return json_is_integer(v) ? json_integer_value(v) : -999;
+}
+
 std::vector<std::string> json_keys(const json_t* object) {
   std::vector<std::string> keys;
   const char* k;

@@ -39,6 +39,10 @@ struct JsonFree {
 using JsonPtr = std::unique_ptr<json_t, JsonFree>;
 // Parses text as the clients do (duplicate keys refused); none on failure.
 JsonPtr parse_json(const std::string& text);
+// A member of a JSON object: its text ("" unless a string), its integer
+// (-999 unless an integer).
+std::string json_str(const json_t* object, const char* key);
+long long json_int(const json_t* object, const char* key);
 // The keys of a JSON object, sorted; empty for anything else.
 std::vector<std::string> json_keys(const json_t* object);
 
