@@ -74,7 +74,9 @@ class CppLayerTest : public zeltest::EmulatorTest {
 TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
   KRI* kri = kri_init(ZEL_ENV_LOCAL, 1, nullptr, nullptr);
   ASSERT_NE(kri, nullptr);
+  testing::internal::CaptureStdout();
   EXPECT_EQ(kri_health(kri), 200) << "the delta engine shares the storage service's endpoint";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "the answer's body stays inside the library";
   kri_cleanup(kri);
 }
 
