@@ -20,26 +20,14 @@ namespace {
 
 std::u16string wide(const std::string& ascii) { return std::u16string(ascii.begin(), ascii.end()); }
 
-void write_file(const std::string& path, const std::string& data) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
-}
-
 class DeltaServerTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
-    char tmpl[] = "/tmp/zel-delta-test-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
     ASSERT_TRUE(server_.make_bucket("dlt"));
     base_ = pattern_bytes(20000, 1);
     next_ = base_.substr(0, 9000) + "inserted bytes" + base_.substr(9000) + "tail";
   }
-  void TearDown() override {
-    EmulatorTest::TearDown();
-    std::system(("rm -rf " + dir_).c_str());
-  }
-
   HttpResult post_json(const std::string& url, const std::string& body,
                        std::vector<std::string> headers = {}) {
     headers.push_back(kAuthHeader);
@@ -55,12 +43,12 @@ class DeltaServerTest : public EmulatorTest {
     HttpResult r = http("PUT", object(key, version), headers, data);
     ASSERT_EQ(r.status, 200) << r.body;
   }
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string path(const std::string& name) const { return scratch_.file(name); }
 
   // The patch from `from` to `to`, made locally with the delta library.
   std::string local_patch(const std::string& from, const std::string& to) {
-    write_file(path("from"), from);
-    write_file(path("to"), to);
+    scratch_.write("from", from);
+    scratch_.write("to", to);
     char* msg = nullptr;
     EXPECT_GE(diff_create_signature(wide(path("from")).c_str(), wide(path("from.sig")).c_str(),
                                     wide(dir_).c_str(), 2048, 1, 0, &msg),
@@ -111,14 +99,15 @@ class DeltaServerTest : public EmulatorTest {
     return "x-pmw-delta-object: patch:" + sha1_hex(from) + "->" + sha1_hex(to);
   }
 
-  std::string dir_;
+  ScratchDir scratch_;
+  const std::string dir_ = scratch_.file("");
   std::string base_;
   std::string next_;
 };
 
 TEST_F(DeltaServerTest, SignatureDownloadIsTheLibrarysSignature) {
   put("base", base_);
-  write_file(path("base"), base_);
+  scratch_.write("base", base_);
   for (uint32_t block : {2048u, 512u}) {
     char* msg = nullptr;
     ASSERT_GE(diff_create_signature(wide(path("base")).c_str(), wide(path("local.sig")).c_str(),

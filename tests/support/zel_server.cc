@@ -171,6 +171,20 @@ long elapsed_ms(std::chrono::steady_clock::time_point since) {
           .count());
 }
 
+ScratchDir::ScratchDir() {
+  char tmpl[] = "/tmp/zel-test-XXXXXX";
+  path_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
+}
+
+ScratchDir::~ScratchDir() {
+  if (!path_.empty()) remove_tree(path_);
+}
+
+std::string ScratchDir::write(const std::string& name, const std::string& data) const {
+  std::ofstream(file(name), std::ios::binary | std::ios::trunc) << data;
+  return file(name);
+}
+
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

@@ -49,6 +49,21 @@ std::vector<std::string> json_keys(const json_t* object);
 std::string sha1_hex(const std::string& data);
 // Milliseconds from `since` to now.
 long elapsed_ms(std::chrono::steady_clock::time_point since);
+// A scratch directory removed with its files at the end of the test.
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `data` as the file `name`; its path.
+  std::string write(const std::string& name, const std::string& data) const;
+
+ private:
+  std::string path_;
+};
+
 // A whole file's bytes; empty when it cannot be read.
 std::string read_file(const std::string& path);
 bool file_exists(const std::string& path);
