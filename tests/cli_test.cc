@@ -402,10 +402,6 @@ TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
   EXPECT_EQ(seen.back().principal, "local") << "the flag's token was sent";
 }
 
-}  // namespace
-
-namespace {
-
 // Bash completion reads the installed zel's help; the man page is made from
 // the same texts at build time.
 TEST_F(CliTest, CompletionAndManPageFollowTheHelp) {
