@@ -2,7 +2,6 @@
 // emulator, with pipes or on a pseudo-terminal.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -110,9 +109,7 @@ class CliTest : public zeltest::EmulatorTest {
     EmulatorTest::SetUp();
     // zel keeps notes of started uploads there; never in the real home.
     setenv("XDG_STATE_HOME", dir_.file("state").c_str(), 1);
-    HttpResult r = http("POST", server_.api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
-                        R"({"bucketKey":"bkt","policyKey":"transient","allow":[]})");
-    ASSERT_EQ(r.status, 200) << r.body;
+    ASSERT_TRUE(server_.make_bucket("bkt"));
   }
 
   std::vector<std::string> command(const std::vector<std::string>& args, bool with_endpoint = true) const {
@@ -176,9 +173,7 @@ class CliTest : public zeltest::EmulatorTest {
     const char* value = d ? json_string_value(json_object_get(d.get(), key)) : nullptr;
     return value != nullptr ? value : "<missing>";
   }
-  static long long num(const zeltest::JsonPtr& d, const char* key) {
-    return d ? json_integer_value(json_object_get(d.get(), key)) : -1;
-  }
+  static long long num(const zeltest::JsonPtr& d, const char* key) { return d ? json_int(d.get(), key) : -1; }
 
   std::string stored(const std::string& escaped_key) {
     return http("GET", server_.api(2) + "/buckets/bkt/objects/" + escaped_key, {kAuthHeader}).body;
@@ -192,17 +187,14 @@ class CliTest : public zeltest::EmulatorTest {
   std::string blob_of(const std::string& key) {
     auto d = zeltest::parse_json(
         http("GET", server_.api(2) + "/buckets/bkt/objects/" + key + "/details", {kAuthHeader}).body);
-    std::string id = d ? json_string_value(json_object_get(d.get(), "objectId")) : "";
+    std::string id = d ? json_str(d.get(), "objectId") : "";
     return server_.data_dir() + "/objects/" + id.substr(id.rfind(':') + 1);
   }
   // Files of the scratch directory whose names contain `part`.
   std::vector<std::string> leftovers(const std::string& part) {
     std::vector<std::string> out;
-    if (DIR* d = opendir(dir_.file("").c_str())) {
-      while (dirent* e = readdir(d))
-        if (std::string(e->d_name).find(part) != std::string::npos) out.push_back(e->d_name);
-      closedir(d);
-    }
+    for (const std::string& name : zeltest::dir_entries(dir_.file("")))
+      if (name.find(part) != std::string::npos) out.push_back(name);
     return out;
   }
 

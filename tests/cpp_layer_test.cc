@@ -29,15 +29,8 @@ TEST(CppText, ConversionsRoundTripAndRefuseMalformedInput) {
   EXPECT_EQ(zel::to_utf8(nullptr), "");
   EXPECT_EQ(zel::to_utf16(""), u"");
 
-  const char* malformed[] = {"\x80",
-                             "a\xC3",
-                             "\xC0\xAF",
-                             "\xE0\x80\xAF",
-                             "\xED\xA0\x80",
-                             "\xF4\x90\x80\x80",
-                             "\xF8\x88\x80\x80\x80",
-                             "\xE2\x98"};
-  for (const char* text : malformed) {
+  for (const char* text : {"\x80", "a\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                           "\xF8\x88\x80\x80\x80", "\xE2\x98"}) {
     std::u16string out;
     EXPECT_FALSE(zel::utf8_to_utf16(text, out)) << "accepted " << ::testing::PrintToString(std::string(text));
     EXPECT_THROW(zel::to_utf16(text), std::invalid_argument);
@@ -81,7 +74,9 @@ class CppLayerTest : public zeltest::EmulatorTest {
 TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
   KRI* kri = kri_init(ZEL_ENV_LOCAL, 1, nullptr, nullptr);
   ASSERT_NE(kri, nullptr);
+  testing::internal::CaptureStdout();
   EXPECT_EQ(kri_health(kri), 200) << "the delta engine shares the storage service's endpoint";
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "the answer's body stays inside the library";
   kri_cleanup(kri);
 }
 
@@ -93,11 +88,7 @@ TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
   ASSERT_TRUE(put.value().details.has_value());
   EXPECT_EQ(put.value().details->object_key, key);
   EXPECT_EQ(put.value().details->sha1, sha1_hex(data));
-  auto puts = zeltest::matching(server_.requests(), "PUT", "/resumable");
-  ASSERT_EQ(puts.size(), 3u);
-  EXPECT_NE(puts[0].target.find("/objects/dir%2F%C3%BCn%C3%AF%20%E2%98%83%2F%F0%9D%84%9E.bin/"),
-            std::string::npos)
-      << puts[0].target;
+  EXPECT_EQ(zeltest::matching(server_.requests(), "PUT", "/resumable").size(), 3u);
 
   auto details = client_->object_details("bkt", key).get();
   ASSERT_TRUE(details.ok());

@@ -1,7 +1,6 @@
 // Match, patch upload and patch download end to end against zel-server,
 // with the delta engine's test controls and the fault rules driving every
 // outcome; plus the signature SHA-1 reader and the match handlers' checks.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <zel/diff.h>
@@ -74,13 +73,9 @@ class DeltaOps : public LibTest {
 
   // Files in the scratch directory besides the two inputs.
   std::set<std::string> leftovers() const {
-    std::set<std::string> names;
-    std::string dir = dir_.file("");
-    if (DIR* d = opendir(dir.c_str())) {
-      while (dirent* e = readdir(d)) names.insert(e->d_name);
-      closedir(d);
-    }
-    for (const char* known : {".", "..", "base", "next"}) names.erase(known);
+    std::vector<std::string> all = dir_entries(dir_.file(""));
+    std::set<std::string> names(all.begin(), all.end());
+    for (const char* known : {"base", "next"}) names.erase(known);
     return names;
   }
 
@@ -93,16 +88,13 @@ class DeltaOps : public LibTest {
     size_t i;
     json_t* job;
     json_array_foreach(json_object_get(all.get(), "jobs"), i, job) {
-      if (kind == json_string_value(json_object_get(job, "Kind"))) each(job);
+      if (kind == json_str(job, "Kind")) each(job);
     }
   }
   // Each job's (Code, Polls).
   std::vector<std::pair<long long, long long>> jobs(const std::string& kind) {
     std::vector<std::pair<long long, long long>> out;
-    for_jobs(kind, [&](json_t* job) {
-      out.emplace_back(json_integer_value(json_object_get(job, "Code")),
-                       json_integer_value(json_object_get(job, "Polls")));
-    });
+    for_jobs(kind, [&](json_t* job) { out.emplace_back(json_int(job, "Code"), json_int(job, "Polls")); });
     return out;
   }
   // One key of the newest job as compact JSON ("Acm", "Request").

@@ -1,7 +1,6 @@
 #pragma once
 // Scratch files for the delta library's tests: a temporary directory,
 // generated contents, wide names and an independent SHA-1.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "alloc.h"
 #include "util.h"
+#include "zel_server.h"
 
 namespace zeltest {
 
@@ -57,14 +57,7 @@ inline std::string to_hex(const unsigned char* raw, size_t n) {
 // A fresh directory per test, removed with everything in it.
 class DeltaTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/zel-delta-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string path(const std::string& name) const { return scratch_.file(name); }
   void write(const std::string& name, const Bytes& data) const {
     std::ofstream out(path(name), std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
@@ -76,17 +69,7 @@ class DeltaTest : public ::testing::Test {
   }
   bool exists(const std::string& name) const { return access(path(name).c_str(), F_OK) == 0; }
   // Names in the directory, to prove no temporary file was left behind.
-  std::vector<std::string> listing() const {
-    std::vector<std::string> names;
-    DIR* d = opendir(dir_.c_str());
-    while (dirent* e = d != nullptr ? readdir(d) : nullptr) {
-      std::string n = e->d_name;
-      if (n != "." && n != "..") names.push_back(n);
-    }
-    if (d != nullptr) closedir(d);
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> listing() const { return dir_entries(scratch_.file("")); }
 
   int32_t signature(const std::string& base, const std::string& sig, std::string* message = nullptr) {
     char* err = nullptr;
@@ -130,7 +113,7 @@ class DeltaTest : public ::testing::Test {
     return result;
   }
 
-  std::string dir_;
+  ScratchDir scratch_;
 };
 
 }  // namespace zeltest

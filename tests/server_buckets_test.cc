@@ -51,12 +51,12 @@ TEST_F(BucketsTest, CreateAnswersDetailsInEachVersionsShape) {
   ASSERT_TRUE(j);
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"bucketKey", "bucketOwner", "createdDate",
                                                           "permissions", "policyKey"}));
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "bucketOwner")), "local");
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "policyKey")), "temporary");
-  EXPECT_GT(json_integer_value(json_object_get(j.get(), "createdDate")), 1600000000000LL) << "milliseconds";
+  EXPECT_EQ(json_str(j.get(), "bucketOwner"), "local");
+  EXPECT_EQ(json_str(j.get(), "policyKey"), "temporary");
+  EXPECT_GT(json_int(j.get(), "createdDate"), 1600000000000LL) << "milliseconds";
   json_t* perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
   EXPECT_EQ(json_keys(perm), (std::vector<std::string>{"access", "authId"}));
-  EXPECT_STREQ(json_string_value(json_object_get(perm, "authId")), "bob");
+  EXPECT_EQ(json_str(perm, "authId"), "bob");
 
   r = post(
       "/buckets",
@@ -68,14 +68,14 @@ TEST_F(BucketsTest, CreateAnswersDetailsInEachVersionsShape) {
             (std::vector<std::string>{"createDate", "key", "owner", "permissions", "policyKey"}));
   perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
   EXPECT_EQ(json_keys(perm), (std::vector<std::string>{"access", "serviceId"}));
-  EXPECT_STREQ(json_string_value(json_object_get(perm, "access")), "full");
+  EXPECT_EQ(json_str(perm, "access"), "full");
 
   // Details follow the version of the request, not of the creation.
   r = get("/buckets/shape-v2/details", kAuthHeader, 1);
   ASSERT_EQ(r.status, 200);
   j = parse_json(r.body);
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "key")), "shape-v2");
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "policyKey")), "temporary");
+  EXPECT_EQ(json_str(j.get(), "key"), "shape-v2");
+  EXPECT_EQ(json_str(j.get(), "policyKey"), "temporary");
   expect_reason(get("/buckets/no-such-bucket/details"), 404);
 }
 
@@ -149,7 +149,7 @@ TEST_F(BucketsTest, GrantAndRevokeControlAccess) {
   JsonPtr j = parse_json(get("/buckets/shared/details").body);
   json_t* perms = json_object_get(j.get(), "permissions");
   ASSERT_EQ(json_array_size(perms), 1u);
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(perms, 0), "authId")), "carol");
+  EXPECT_EQ(json_str(json_array_get(perms, 0), "authId"), "carol");
 
   // Revoking the owner does not lock the owner out.
   ASSERT_EQ(post("/buckets/shared/revoke", R"({"revoke":[{"authId":"local"}]})").status, 200);
@@ -170,15 +170,13 @@ TEST_F(BucketsTest, ListingPagesInKeyOrder) {
   ASSERT_EQ(json_array_size(items), 2u);
   EXPECT_EQ(json_keys(json_array_get(items, 0)),
             (std::vector<std::string>{"bucketKey", "createdDate", "policyKey"}));
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(items, 0), "bucketKey")), "lb-a");
-  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(items, 1), "bucketKey")), "lb-b");
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "next")), "lb-c");
+  EXPECT_EQ(json_str(json_array_get(items, 0), "bucketKey"), "lb-a");
+  EXPECT_EQ(json_str(json_array_get(items, 1), "bucketKey"), "lb-b");
+  EXPECT_EQ(json_str(j.get(), "next"), "lb-c");
 
   j = parse_json(get("/buckets?limit=2&region=EMEA&startAt=lb-c").body);
-  EXPECT_STREQ(
-      json_string_value(json_object_get(json_array_get(json_object_get(j.get(), "items"), 0), "bucketKey")),
-      "lb-c");
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "next")), "lb-e");
+  EXPECT_EQ(json_str(json_array_get(json_object_get(j.get(), "items"), 0), "bucketKey"), "lb-c");
+  EXPECT_EQ(json_str(j.get(), "next"), "lb-e");
 
   j = parse_json(get("/buckets?limit=2&startAt=lb-e").body);
   EXPECT_EQ(json_array_size(json_object_get(j.get(), "items")), 1u);

@@ -1,15 +1,12 @@
 // zel-server against a hostile client and a power cut: the port cannot be
 // shared, the test API keeps secrets, fault rules cannot freeze it, stored
 // files are checked before they are served, and a stop is prompt.
-#include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,28 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-std::vector<std::string> files_in(const std::string& dir) {
-  std::vector<std::string> out;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') out.push_back(e->d_name);
-    closedir(d);
-  }
-  return out;
-}
-
-std::string read_text(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-std::string reason_of(const HttpResult& r) {
-  JsonPtr body = parse_json(r.body);
-  const char* s = json_string_value(json_object_get(body.get(), "reason"));
-  return s ? s : "";
-}
+std::string reason_of(const HttpResult& r) { return json_str(parse_json(r.body).get(), "reason"); }
 
 class HardeningTest : public EmulatorTest {
  protected:
@@ -51,10 +27,7 @@ class HardeningTest : public EmulatorTest {
   void SetUp() override {
     server_.log_to(log_path_);
     EmulatorTest::SetUp();
-    ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                   R"({"bucketKey":"hard","policyKey":"persistent","allow":[]})")
-                  .status,
-              200);
+    ASSERT_TRUE(server_.make_bucket("hard", "persistent"));
   }
   void TearDown() override {
     EmulatorTest::TearDown();
@@ -163,8 +136,8 @@ TEST_F(HardeningTest, PowerCutObjectIsWithdrawnNotServedShort) {
   ASSERT_EQ(http("PUT", url("whole"), {kAuthHeader}, "intact").status, 200);
   std::string objects = server_.data_dir() + "/objects/";
   std::string blob;
-  for (const auto& f : files_in(objects))
-    if (read_text(objects + f) == data) blob = f;
+  for (const auto& f : dir_entries(objects))
+    if (read_file(objects + f) == data) blob = f;
   ASSERT_FALSE(blob.empty());
   server_.stop();
   ASSERT_EQ(truncate((objects + blob).c_str(), 4), 0);
@@ -174,17 +147,17 @@ TEST_F(HardeningTest, PowerCutObjectIsWithdrawnNotServedShort) {
   EXPECT_EQ(r.status, 404) << r.body;
   EXPECT_EQ(http("GET", url("cut") + "/details", {kAuthHeader}).status, 404);
   EXPECT_EQ(http("GET", url("whole"), {kAuthHeader}).body, "intact");
-  EXPECT_EQ(read_text(server_.data_dir() + "/damaged/" + blob), data.substr(0, 4))
+  EXPECT_EQ(read_file(server_.data_dir() + "/damaged/" + blob), data.substr(0, 4))
       << "the bytes are kept aside";
-  EXPECT_NE(read_text(log_path_).find("zel-server: object hard/cut has 4 of its 8 bytes on disk; withdrawn"),
+  EXPECT_NE(read_file(log_path_).find("zel-server: object hard/cut has 4 of its 8 bytes on disk; withdrawn"),
             std::string::npos)
-      << read_text(log_path_);
+      << read_file(log_path_);
 }
 
 TEST_F(HardeningTest, FileShortenedUnderARunningServerIsAnErrorNotASpin) {
   ASSERT_EQ(http("PUT", url("big"), {kAuthHeader}, pattern_bytes(32 << 20, 5)).status, 200);
   std::string objects = server_.data_dir() + "/objects/";
-  std::vector<std::string> files = files_in(objects);
+  std::vector<std::string> files = dir_entries(objects);
   ASSERT_EQ(files.size(), 1u);
   std::string file = objects + files[0];
 
@@ -220,8 +193,8 @@ TEST_F(HardeningTest, WholeUploadCutAfterSeveralBlocksLeavesNothing) {
   close(fd);
   std::string tmp = server_.data_dir() + "/tmp/";
   auto t0 = Clock::now();
-  while (!files_in(tmp).empty() && elapsed_ms(t0) < 3000) usleep(20 * 1000);
-  EXPECT_TRUE(files_in(tmp).empty()) << "the partial upload's file stays";
+  while (!dir_entries(tmp).empty() && elapsed_ms(t0) < 3000) usleep(20 * 1000);
+  EXPECT_TRUE(dir_entries(tmp).empty()) << "the partial upload's file stays";
   EXPECT_EQ(http("GET", url("cut"), {kAuthHeader}).status, 404);
   const std::string data = pattern_bytes((3 << 20) + 1, 5);
   ASSERT_EQ(http("PUT", url("cut"), {kAuthHeader}, data).status, 200);
@@ -239,7 +212,7 @@ TEST_F(HardeningTest, ChunkRangesPastAShortSessionFileAreSentAgain) {
   ASSERT_EQ(chunk(0, 4999).status, 202);
   server_.stop();
   std::string sessions = server_.data_dir() + "/sessions/";
-  std::vector<std::string> files = files_in(sessions);
+  std::vector<std::string> files = dir_entries(sessions);
   ASSERT_EQ(files.size(), 1u);
   ASSERT_EQ(truncate((sessions + files[0]).c_str(), 2000), 0);
   ASSERT_TRUE(server_.restart()) << server_.error();
@@ -269,7 +242,7 @@ TEST_F(HardeningTest, StopEndsTheServerWithinASecondWhateverClientsDo) {
   usleep(500 * 1000);
   EXPECT_LT(stop_ms(), 1000);
   EXPECT_TRUE(WIFEXITED(server_.last_wait_status()) && WEXITSTATUS(server_.last_wait_status()) == 0);
-  EXPECT_EQ(read_text(log_path_).find("still running"), std::string::npos) << "every request thread ended";
+  EXPECT_EQ(read_file(log_path_).find("still running"), std::string::npos) << "every request thread ended";
   delayed.join();
   close(reader);
   close(writer);

@@ -65,10 +65,7 @@ TEST_F(DeadlineTest, SlowHeadsAndBodiesAreCut) {
 
   // A body that starts fast, then slows to 20 bytes every 100 ms (200 B/s,
   // under the floor of 1 KiB/s).
-  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                 R"({"bucketKey":"lim","policyKey":"transient"})")
-                .status,
-            200);
+  ASSERT_TRUE(server_.make_bucket("lim"));
   int body = raw_connect(server_.port());
   ASSERT_TRUE(raw_send(body,
                        "PUT /zel/v2/buckets/lim/objects/slow HTTP/1.1\r\nHost: h\r\n"
@@ -102,10 +99,7 @@ class SessionExpiryTest : public EmulatorTest {
 };
 
 TEST_F(SessionExpiryTest, IdleSessionsAndTheirFilesGo) {
-  ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                 R"({"bucketKey":"exp","policyKey":"transient"})")
-                .status,
-            200);
+  ASSERT_TRUE(server_.make_bucket("exp"));
   std::string url = server_.api() + "/buckets/exp/objects/o";
   auto chunk = [&](const std::string& sid, const char* range) {
     return http("PUT", url + "/resumable",

@@ -29,10 +29,7 @@ class ObjectsTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
-    ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                   R"({"bucketKey":"objs","policyKey":"transient","allow":[]})")
-                  .status,
-              200);
+    ASSERT_TRUE(server_.make_bucket("objs"));
   }
   std::string url(const std::string& encoded_key, int version = 2) {
     return server_.api(version) + "/buckets/objs/objects/" + encoded_key;
@@ -64,10 +61,10 @@ TEST_F(ObjectsTest, WholeUploadRoundTripsInBothVersions) {
   JsonPtr j = parse_json(r.body);
   EXPECT_EQ(json_keys(j.get()), (std::vector<std::string>{"bucketKey", "contentType", "location", "objectId",
                                                           "objectKey", "sha1", "size"}));
-  EXPECT_EQ(json_string_value(json_object_get(j.get(), "sha1")), sha1_hex(data));
-  EXPECT_EQ(json_integer_value(json_object_get(j.get(), "size")), static_cast<json_int_t>(data.size()));
-  EXPECT_STREQ(json_string_value(json_object_get(j.get(), "contentType")), "text/x-zel");
-  std::string location = json_string_value(json_object_get(j.get(), "location"));
+  EXPECT_EQ(json_str(j.get(), "sha1"), sha1_hex(data));
+  EXPECT_EQ(json_int(j.get(), "size"), static_cast<json_int_t>(data.size()));
+  EXPECT_EQ(json_str(j.get(), "contentType"), "text/x-zel");
+  std::string location = json_str(j.get(), "location");
   EXPECT_EQ(location, url("blob.bin"));
   HttpResult g = http("GET", location, {kAuthHeader});
   ASSERT_EQ(g.status, 200);
@@ -82,7 +79,7 @@ TEST_F(ObjectsTest, WholeUploadRoundTripsInBothVersions) {
   json_t* o = json_array_get(json_object_get(j.get(), "objects"), 0);
   EXPECT_EQ(json_keys(o),
             (std::vector<std::string>{"content-type", "id", "key", "location", "sha-1", "size"}));
-  EXPECT_EQ(json_string_value(json_object_get(o, "sha-1")), sha1_hex("version one"));
+  EXPECT_EQ(json_str(o, "sha-1"), sha1_hex("version one"));
 }
 
 TEST_F(ObjectsTest, WholeUploadChecksContentRangeAgainstTheBody) {
@@ -90,7 +87,7 @@ TEST_F(ObjectsTest, WholeUploadChecksContentRangeAgainstTheBody) {
   HttpResult r =
       http("PUT", url("empty"), {kAuthHeader, "Content-Range: bytes 0-18446744073709551615/0"}, "");
   ASSERT_EQ(r.status, 200) << r.body;
-  EXPECT_EQ(json_string_value(json_object_get(parse_json(r.body).get(), "sha1")), sha1_hex(""));
+  EXPECT_EQ(json_str(parse_json(r.body).get(), "sha1"), sha1_hex(""));
   HttpResult g = get("empty");
   EXPECT_EQ(g.status, 200);
   EXPECT_EQ(g.body, "");
@@ -146,9 +143,9 @@ TEST_F(ObjectsTest, KeysArePercentEncodedUtf8WithSlashes) {
     HttpResult r = put(enc, data);
     ASSERT_EQ(r.status, 200) << r.body;
     JsonPtr j = parse_json(r.body);
-    EXPECT_EQ(json_string_value(json_object_get(j.get(), "objectKey")), keys[i]);
+    EXPECT_EQ(json_str(j.get(), "objectKey"), keys[i]);
     EXPECT_EQ(get(enc).body, data);
-    EXPECT_EQ(http("GET", json_string_value(json_object_get(j.get(), "location")), {kAuthHeader}).body, data)
+    EXPECT_EQ(http("GET", json_str(j.get(), "location"), {kAuthHeader}).body, data)
         << "the location leads back to the object";
   }
   // "a/b c" and the literal "a%2Fb" are different keys from "a/b".
@@ -215,10 +212,9 @@ TEST_F(ObjectsTest, CopyDeleteUndeleteAndResetExpiration) {
   HttpResult r = http("PUT", url("src/copyto/" + encode("dst/copy")), {kAuthHeader}, "");
   ASSERT_EQ(r.status, 200) << r.body;
   JsonPtr copy = parse_json(r.body);
-  EXPECT_STREQ(json_string_value(json_object_get(copy.get(), "objectKey")), "dst/copy");
-  EXPECT_EQ(json_string_value(json_object_get(copy.get(), "sha1")), sha1_hex(data));
-  EXPECT_STRNE(json_string_value(json_object_get(copy.get(), "objectId")),
-               json_string_value(json_object_get(src.get(), "objectId")));
+  EXPECT_EQ(json_str(copy.get(), "objectKey"), "dst/copy");
+  EXPECT_EQ(json_str(copy.get(), "sha1"), sha1_hex(data));
+  EXPECT_NE(json_str(copy.get(), "objectId"), json_str(src.get(), "objectId"));
   expect_error(http("PUT", url("nothing/copyto/x"), {kAuthHeader}, ""), 404);
 
   ASSERT_EQ(http("DELETE", url("src"), {kAuthHeader}).status, 200);
@@ -245,7 +241,7 @@ TEST_F(ObjectsTest, DetailsCarryDatesOnlyWhenAsked) {
   EXPECT_EQ(json_object_get(plain.get(), "createdDate"), nullptr);
   JsonPtr dated = parse_json(http("GET", url("dated/details") + with, {kAuthHeader}).body);
   for (const char* k : {"createdDate", "lastAccessedDate", "lastModifiedDate"})
-    EXPECT_GT(json_integer_value(json_object_get(dated.get(), k)), 1600000000000LL) << k;
+    EXPECT_GT(json_int(dated.get(), k), 1600000000000LL) << k;
   JsonPtr one = parse_json(http("GET", url("dated/details") + "?with=lastModifiedDate", {kAuthHeader}).body);
   EXPECT_EQ(json_object_get(one.get(), "createdDate"), nullptr);
   EXPECT_NE(json_object_get(one.get(), "lastModifiedDate"), nullptr);
@@ -254,12 +250,11 @@ TEST_F(ObjectsTest, DetailsCarryDatesOnlyWhenAsked) {
   EXPECT_EQ(json_keys(v1.get()), (std::vector<std::string>{"bucket-key", "objects"}));
   EXPECT_EQ(json_keys(json_array_get(json_object_get(v1.get(), "objects"), 0)).size(), 6u);
   // Replacing an object keeps its creation date and moves its modification date.
-  json_int_t created = json_integer_value(json_object_get(dated.get(), "createdDate"));
+  json_int_t created = json_int(dated.get(), "createdDate");
   ASSERT_EQ(put("dated", "abcd").status, 200);
   JsonPtr again = parse_json(http("GET", url("dated/details") + with, {kAuthHeader}).body);
-  EXPECT_EQ(json_integer_value(json_object_get(again.get(), "createdDate")), created)
-      << "replacing keeps the birth";
-  EXPECT_GE(json_integer_value(json_object_get(again.get(), "lastModifiedDate")), created);
+  EXPECT_EQ(json_int(again.get(), "createdDate"), created) << "replacing keeps the birth";
+  EXPECT_GE(json_int(again.get(), "lastModifiedDate"), created);
 }
 
 }  // namespace

@@ -22,10 +22,7 @@ class TestApiTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
-    ASSERT_EQ(http("POST", server_.api() + "/buckets", {kAuthHeader},
-                   R"({"bucketKey":"tapi","policyKey":"transient","allow":[]})")
-                  .status,
-              200);
+    ASSERT_TRUE(server_.make_bucket("tapi"));
     ASSERT_EQ(http("PUT", object_url(), {kAuthHeader}, std::string(1000, 'k')).status, 200);
   }
   std::string object_url() const { return server_.api() + "/buckets/tapi/objects/f1"; }
@@ -49,16 +46,13 @@ TEST_F(TestApiTest, JournalRecordsRequestsAsReceived) {
   EXPECT_EQ(put.target, target);
   EXPECT_EQ(put.body_size, 5u);
   EXPECT_EQ(put.status, 200);
+  // The test's own lines, among those libcurl adds: in the order sent, names as written.
+  const std::vector<std::string> sent = {"Authorization", "Session-Id", "Content-Range",
+                                         "x-lower-case",  "X-Custom",   "Content-Type"};
   std::vector<std::string> names;
-  for (const auto& h : put.headers) names.push_back(h.first);
-  auto pos = [&](const std::string& n) { return std::find(names.begin(), names.end(), n) - names.begin(); };
-  for (const char* n :
-       {"Authorization", "Session-Id", "Content-Range", "x-lower-case", "X-Custom", "Content-Type"})
-    EXPECT_LT(pos(n), static_cast<long>(names.size())) << n << " missing or renamed";
-  EXPECT_LT(pos("Authorization"), pos("Session-Id"));
-  EXPECT_LT(pos("Session-Id"), pos("Content-Range"));
-  EXPECT_LT(pos("Content-Range"), pos("x-lower-case"));
-  EXPECT_LT(pos("X-Custom"), pos("Content-Type")) << "header lines keep the order they were sent in";
+  for (const auto& h : put.headers)
+    if (std::find(sent.begin(), sent.end(), h.first) != sent.end()) names.push_back(h.first);
+  EXPECT_EQ(names, sent);
   EXPECT_EQ(put.header("content-range"), "bytes 0-4/5");
 
   EXPECT_EQ(log[1].status, 401);

@@ -2,7 +2,7 @@
 // raw server): the bytes in the file, the requests sent, the one report.
 #include <cerrno>
 #include <cstring>
-#include <set>
+#include <memory>
 
 #include "captured_log.h"
 #include "get_object.h"
@@ -13,8 +13,10 @@
 namespace {
 
 using zeltest::GetOptions;
+using zeltest::http;
 using zeltest::Outcome;
 using zeltest::pattern_bytes;
+using zeltest::PutOptions;
 using zeltest::sha1_hex;
 
 constexpr uint64_t kChunk = 65536;
@@ -75,17 +77,9 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
     Outcome o;
     download(g, o);
     EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    std::string got = zeltest::read_file(dir_.file(key));
-    EXPECT_EQ(got.size(), data.size());
-    EXPECT_EQ(sha1_hex(got), sha1_hex(data));
-    auto sent = gets();
-    ASSERT_EQ(sent.size(), c.requests);
-    std::set<std::string> ranges;
-    for (const auto& r : sent) ranges.insert(r.header("Range"));
-    EXPECT_EQ(ranges.count("bytes=0-" + std::to_string(std::min<uint64_t>(c.chunk, c.size) - 1)), 1u);
-    EXPECT_EQ(ranges.count("bytes=" + std::to_string((c.requests - 1) * c.chunk) + "-" +
-                           std::to_string(c.size - 1)),
-              1u);
+    // The file's bytes show every chunk landed at its offset.
+    EXPECT_TRUE(zeltest::read_file(dir_.file(key)) == data);
+    EXPECT_EQ(gets().size(), c.requests);
     // One before (size and SHA-1) and one after the chunks (still the same object).
     EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/details").size(), 2u) << "size query and check";
   }
@@ -156,83 +150,6 @@ TEST_F(DownloadTest, UnknownSizeFetchesEverythingInOneRequest) {
       EXPECT_EQ(o.progress_total, data.size()) << "the total comes from the transfer";
       EXPECT_EQ(o.progress_max, data.size());
     }
-  }
-}
-
-TEST_F(DownloadTest, FailedChunksAreRetriedOnlyWhenWorthIt) {
-  zeltest::CapturedLog log;
-  std::string data = store("retry", kChunk + 10, 33);
-  {
-    SCOPED_TRACE("500: retried five times, then Chunk Download Failed");
-    ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/retry$","header":"Range: bytes=65536-",)"
-                                  R"("status":500,"times":-1})"));
-    GetOptions g("bkt", "retry", dir_.file("retry"));
-    Outcome o;
-    download(g, o);
-    EXPECT_EQ(o.code, 500);
-    EXPECT_EQ(o.message, "Chunk Download Failed");
-    std::vector<std::string> lines = zeltest::CapturedLog::messages("src\\get_object");
-    ASSERT_EQ(lines.size(), 5u);
-    for (int n = 1; n <= 5; n++) {
-      EXPECT_EQ(lines[n - 1],
-                "Chunk (65536-65545/65546) download failed (status: 500, error: Chunk Download "
-                "Failed) - retry #" +
-                    std::to_string(n));
-    }
-    EXPECT_EQ(gets().size(), 7u) << "one good chunk and six tries of the failing one";
-    server_.clear_faults();
-  }
-  for (int refused : {403, 404}) {
-    SCOPED_TRACE(std::to_string(refused) + " is not retried");
-    server_.clear_requests();
-    ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/retry$","header":"Range: bytes=0-",)"
-                                  R"("status":)" +
-                                  std::to_string(refused) + "}"));
-    GetOptions g("bkt", "retry", dir_.file("retry"));
-    Outcome o;
-    download(g, o);
-    EXPECT_EQ(o.code, refused);
-    EXPECT_EQ(o.message, refused == 403 ? "Forbidden" : "Not Found");
-    EXPECT_LE(gets().size(), 2u);
-  }
-  {
-    SCOPED_TRACE("504 is retried and gives up one place in the request pool");
-    server_.clear_requests();
-    ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/retry$","status":504,"times":1})"));
-    GetOptions g("bkt", "retry", dir_.file("retry"));
-    Outcome o;
-    download(g, o);
-    EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(zeltest::read_file(dir_.file("retry")), data) << "an error body never reaches the file";
-    EXPECT_EQ(gets().size(), 3u);
-    EXPECT_EQ(http_pool_available(), 7);
-  }
-}
-
-TEST_F(DownloadTest, ProgressSumsToTheSizeAndCanCancel) {
-  std::string data = store("progress", 10 * kChunk + 7, 77);
-  {
-    GetOptions g("bkt", "progress", dir_.file("progress"));
-    g.opt.progress_callback = zeltest::on_progress;
-    Outcome o;
-    download(g, o);
-    EXPECT_EQ(o.done, 1);
-    EXPECT_EQ(o.progress_max, data.size());
-    EXPECT_EQ(o.progress_total, data.size());
-    EXPECT_EQ(o.stats, 11);
-    EXPECT_EQ(o.stats_bytes, static_cast<double>(data.size()));
-  }
-  {
-    SCOPED_TRACE("cancelled from progress_callback");
-    server_.clear_requests();
-    GetOptions g("bkt", "progress", dir_.file("cancelled"));
-    g.opt.progress_callback = zeltest::on_progress;
-    Outcome o;
-    o.cancel_after = 0;
-    download(g, o);
-    EXPECT_EQ(o.callbacks, 1);
-    EXPECT_EQ(o.code, 42);
-    EXPECT_LE(gets().size(), 11u) << "no chunk is retried after a cancel";
   }
 }
 
@@ -314,6 +231,142 @@ TEST_F(DownloadTest, EntryAndFileFailuresReportOnce) {
   ASSERT_TRUE(gone.wait_count(2));
   EXPECT_EQ(gone.callbacks, 2);
   EXPECT_EQ(gone.message, "Cannot get object size");
+}
+
+// Uploads and downloads share one chunk engine: which failed statuses are
+// retried (each retry logged with its number), what progress reports see,
+// and that a progress callback can cancel. A row holds what differs.
+struct Direction {
+  bool upload;
+  const char* method;        // of the chunk requests
+  const char* range_header;  // the chunk's range, up to its first byte
+  const char* tag;           // of the retry log lines
+  const char* failed;        // the report of a chunk that failed for good
+  const char* error;         // the retry lines' error text
+};
+
+class ChunkRules : public DownloadTest, public ::testing::WithParamInterface<Direction> {
+ protected:
+  // Moves `data` in the row's direction as object and file `key`.
+  void run(const std::string& key, const std::string& data, Outcome& o, bool progress = false) {
+    std::unique_ptr<PutOptions> put;
+    std::unique_ptr<GetOptions> get;
+    if (GetParam().upload) {
+      put = std::make_unique<PutOptions>("bkt", key, dir_.write(key, data));
+      if (progress) put->opt.progress_callback = zeltest::on_progress;
+      zel_put_object(h_, &put->opt, &o);
+    } else {
+      get = std::make_unique<GetOptions>("bkt", key, dir_.file(key));
+      if (progress) get->opt.progress_callback = zeltest::on_progress;
+      zel_get_object(h_, &get->opt, &o);
+    }
+    ASSERT_TRUE(o.wait_once()) << "expected exactly one report";
+  }
+  // The data arrived: in the store's details, or in the file.
+  void expect_arrived(const std::string& key, const std::string& data, const Outcome& o) {
+    EXPECT_EQ(GetParam().upload ? o.details : o.done, 1) << o.code << " " << o.message;
+    EXPECT_EQ(GetParam().upload ? o.sha1 : sha1_hex(zeltest::read_file(dir_.file(key))), sha1_hex(data))
+        << "an error body never reaches the data";
+  }
+  size_t chunk_requests() {
+    size_t n = 0;
+    for (const auto& r : zeltest::matching(server_.requests(), GetParam().method, "/objects/"))
+      n += r.target.find("/details") == std::string::npos;
+    return n;
+  }
+  // A fault rule for the chunk requests of `key`; `from` narrows it to the
+  // chunk starting there.
+  bool fault(const std::string& key, const std::string& rest, const std::string& from = "") {
+    std::string header =
+        from.empty() ? "" : R"("header":")" + std::string(GetParam().range_header) + from + R"(",)";
+    return server_.add_fault(std::string(R"({"method":")") + GetParam().method + R"(","path":"objects/)" +
+                             key + R"((/resumable)?$",)" + header + rest + "}");
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    BothWays, ChunkRules,
+    ::testing::Values(Direction{true, "PUT", "Content-Range: bytes ", "src\\put_object",
+                                "Resumable upload failed or was cancelled", "Injected fault"},
+                      Direction{false, "GET", "Range: bytes=", "src\\get_object", "Chunk Download Failed",
+                                "Chunk Download Failed"}),
+    [](const ::testing::TestParamInfo<Direction>& row) { return row.param.upload ? "Up" : "Down"; });
+
+TEST_P(ChunkRules, FailedStatusesAreRetriedOnlyWhenWorthIt) {
+  zeltest::CapturedLog log;
+  const Direction& d = GetParam();
+  std::string data = store("retry", kChunk + 10, 33);
+  {
+    SCOPED_TRACE("500: retried five times, each retry logged with its number");
+    ASSERT_TRUE(fault("retry", R"("status":500,"times":-1)", "65536-"));
+    Outcome o;
+    run("retry", data, o);
+    EXPECT_EQ(o.code, 500);
+    EXPECT_EQ(o.message, d.failed);
+    EXPECT_EQ(o.chunk_failures.size(), d.upload ? 1u : 0u);
+    std::vector<std::string> lines = zeltest::CapturedLog::messages(d.tag);
+    ASSERT_EQ(lines.size(), 5u);
+    for (int n = 1; n <= 5; n++) {
+      EXPECT_EQ(lines[n - 1], std::string("Chunk (65536-65545/65546) ") + (d.upload ? "upload" : "download") +
+                                  " failed (status: 500, error: " + d.error + ") - retry #" +
+                                  std::to_string(n));
+    }
+    EXPECT_EQ(chunk_requests(), 7u) << "one good chunk and six tries of the failing one";
+    server_.clear_faults();
+  }
+  for (int refused : {403, 404}) {
+    SCOPED_TRACE(std::to_string(refused) + " is not retried");
+    server_.clear_requests();
+    ASSERT_TRUE(fault("retry", R"("status":)" + std::to_string(refused), "0-"));
+    Outcome o;
+    run("retry", data, o);
+    EXPECT_EQ(o.code, refused);
+    std::string reason = d.upload ? (o.chunk_failures.empty() ? "" : o.chunk_failures[0].second) : o.message;
+    EXPECT_EQ(reason, refused == 403 ? "Forbidden" : "Not Found");
+    EXPECT_LE(chunk_requests(), 2u);
+  }
+  {
+    SCOPED_TRACE("504 is retried and gives up one place in the request pool");
+    server_.clear_requests();
+    ASSERT_TRUE(fault("retry", R"("status":504,"times":1)"));
+    Outcome o;
+    run("retry", data, o);
+    expect_arrived("retry", data, o);
+    EXPECT_EQ(chunk_requests(), 3u);
+    EXPECT_EQ(http_pool_available(), 7);
+  }
+}
+
+TEST_P(ChunkRules, ProgressSumsToTheSizeAndCanCancel) {
+  std::string data = store("progress", 10 * kChunk + 123, 77);
+  {
+    Outcome o;
+    run("progress", data, o, true);
+    expect_arrived("progress", data, o);
+    EXPECT_EQ(o.progress_max, data.size());
+    EXPECT_EQ(o.progress_total, data.size());
+    EXPECT_EQ(o.stats, 11);
+    EXPECT_EQ(o.stats_bytes, static_cast<double>(data.size()));
+  }
+  SCOPED_TRACE("a progress_callback that answers non-zero cancels without retry");
+  server_.clear_requests();
+  // The service holds each chunk back, so every chunk is still in flight
+  // when its first progress report cancels it.
+  ASSERT_TRUE(fault("cancelled", R"("delay_ms":300,"times":-1)"));
+  Outcome o;
+  o.cancel_after = 0;
+  if (!GetParam().upload) store("cancelled", data.size(), 77);
+  run("cancelled", data, o, true);
+  EXPECT_EQ(o.callbacks, 1);
+  EXPECT_EQ(o.code, 42);
+  EXPECT_LE(chunk_requests(), 11u) << "no chunk is retried after a cancel";
+  if (GetParam().upload) {
+    EXPECT_EQ(o.chunk_failures.size(), 11u);
+    for (const auto& f : o.chunk_failures) EXPECT_EQ(f.first, 42);
+    EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/cancelled", {zeltest::kAuthHeader}).status,
+              404)
+        << "a cancelled upload stores nothing";
+  }
 }
 
 }  // namespace

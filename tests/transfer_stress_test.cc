@@ -34,46 +34,37 @@ class StressTest : public zeltest::LibTest {
 };
 
 TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
-  const int kSmall = 100, kLarge = 4;
+  const int kAll = 104;  // 100 small ones, then 4 large ones
   std::vector<std::string> data;
   std::vector<std::unique_ptr<PutOptions>> puts;
-  std::vector<std::unique_ptr<Outcome>> put_outcomes;
-  for (int i = 0; i < kSmall + kLarge; i++) {
-    size_t size = i < kSmall ? 1000 + 97 * i : 1500000 + i;
-    data.push_back(pattern_bytes(size, 500 + i));
+  std::vector<std::unique_ptr<GetOptions>> gets;
+  std::deque<Outcome> ups(kAll), downs(kAll);
+  for (int i = 0; i < kAll; i++) {
+    data.push_back(pattern_bytes(i < 100 ? 1000 + 97 * i : 1500000 + i, 500 + i));
     std::string key = "many" + std::to_string(i);
     puts.push_back(std::make_unique<PutOptions>("bkt", key, dir_.write(key, data.back())));
-    put_outcomes.push_back(std::make_unique<Outcome>());
-  }
-  // Large ones first, so the small ones queue up behind their chunks.
-  for (int i = kSmall + kLarge - 1; i >= 0; i--) zel_put_object(h_, &puts[i]->opt, put_outcomes[i].get());
-  for (int i = 0; i < kSmall + kLarge; i++) ASSERT_TRUE(put_outcomes[i]->wait()) << "upload " << i;
-  // One grace period for all of them shows any stray second report.
-  ASSERT_TRUE(put_outcomes[0]->wait_once());
-  for (int i = 0; i < kSmall + kLarge; i++) {
-    EXPECT_EQ(put_outcomes[i]->finals, 1) << i;
-    EXPECT_EQ(put_outcomes[i]->details, 1)
-        << i << ": " << put_outcomes[i]->code << " " << put_outcomes[i]->message;
-    EXPECT_EQ(put_outcomes[i]->sha1, sha1_hex(data[i])) << i;
-  }
-  std::vector<std::unique_ptr<GetOptions>> gets;
-  std::vector<std::unique_ptr<Outcome>> get_outcomes;
-  for (int i = 0; i < kSmall + kLarge; i++) {
-    std::string key = "many" + std::to_string(i);
     gets.push_back(std::make_unique<GetOptions>("bkt", key, dir_.file(key + ".down")));
-    get_outcomes.push_back(std::make_unique<Outcome>());
-    zel_get_object(h_, &gets[i]->opt, get_outcomes[i].get());
   }
-  for (int i = 0; i < kSmall + kLarge; i++) ASSERT_TRUE(get_outcomes[i]->wait()) << "download " << i;
-  ASSERT_TRUE(get_outcomes[0]->wait_once());
-  for (int i = 0; i < kSmall + kLarge; i++) {
-    EXPECT_EQ(get_outcomes[i]->finals, 1) << i;
-    EXPECT_EQ(get_outcomes[i]->done, 1)
-        << i << ": " << get_outcomes[i]->code << " " << get_outcomes[i]->message;
-    EXPECT_EQ(sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))),
-              sha1_hex(data[i]))
-        << i;
-  }
+  // Every transfer reports once (one grace period for all shows any stray
+  // second report) with the right bytes.
+  auto expect_each_once = [&](std::deque<Outcome>& outcomes, bool upload) {
+    for (int i = 0; i < kAll; i++) ASSERT_TRUE(outcomes[i].wait()) << i;
+    ASSERT_TRUE(outcomes[0].wait_once());
+    for (int i = 0; i < kAll; i++) {
+      const Outcome& o = outcomes[i];
+      EXPECT_EQ(o.finals, 1) << i;
+      EXPECT_EQ(upload ? o.details : o.done, 1) << i << ": " << o.code << " " << o.message;
+      EXPECT_EQ(
+          upload ? o.sha1 : sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))),
+          sha1_hex(data[i]))
+          << i;
+    }
+  };
+  // Large ones first, so the small ones queue up behind their chunks.
+  for (int i = kAll - 1; i >= 0; i--) zel_put_object(h_, &puts[i]->opt, &ups[i]);
+  expect_each_once(ups, true);
+  for (int i = 0; i < kAll; i++) zel_get_object(h_, &gets[i]->opt, &downs[i]);
+  expect_each_once(downs, false);
 }
 
 // Fails each allocation of a transfer in turn: whichever step runs out of

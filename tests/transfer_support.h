@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,35 +18,6 @@
 namespace zeltest {
 
 inline std::u16string wide(const std::string& text) { return std::u16string(text.begin(), text.end()); }
-
-// A scratch directory removed with its files at the end of the test.
-class ScratchDir {
- public:
-  ScratchDir() {
-    char tmpl[] = "/tmp/zel-xfer-XXXXXX";
-    path_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
-  }
-  ~ScratchDir() {
-    if (!path_.empty()) (void)!system(("rm -rf '" + path_ + "'").c_str());
-  }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  std::string write(const std::string& name, const std::string& data) const {
-    std::ofstream(file(name), std::ios::binary) << data;
-    return file(name);
-  }
-
- private:
-  std::string path_;
-};
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
-
-inline bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // Everything one transfer reported. The terminal reports (callback,
 // details_callback, done_callback) are counted so tests can insist on

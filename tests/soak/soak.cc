@@ -10,28 +10,24 @@
 #include <unistd.h>
 #include <zel/zel.h>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
 
 #include "fault_proxy.h"
 #include "transfer.h"
-#include "zel_server.h"
+#include "transfer_support.h"
 
 namespace {
 using Clock = std::chrono::steady_clock;
 constexpr uint64_t kChunk = 1u << 20;
-constexpr int kInFlight = 4;
+constexpr size_t kInFlight = 4;
 constexpr auto kHangLimit = std::chrono::seconds(240);
 const char* const kSizeQuery = "Cannot get object size";
 
@@ -41,76 +37,30 @@ struct Sample {
   std::string path, sha1;
 };
 
+// One transfer: its options (owning texts and stream) and all it reported.
 struct Transfer {
   bool upload = false;
   const Sample* sample = nullptr;
-  std::u16string bucket = u"soak", key;
-  std::string out;
-  ZELStream* stream = nullptr;
-  std::mutex mutex;
-  int finals = 0;
-  bool ok = false;
-  bool double_allowed = false;
-  std::string sha1, message;
-  int32_t code = 0;
+  std::string out;  // a download's file
+  std::unique_ptr<zeltest::PutOptions> put;
+  std::unique_ptr<zeltest::GetOptions> get;
+  zeltest::Outcome outcome;
+  std::string sha1;  // of a download's file, read once it reported
   Clock::time_point started = Clock::now();
+
+  int finals() {
+    std::lock_guard<std::mutex> lock(outcome.mutex);
+    return outcome.finals;
+  }
 };
 
-std::mutex g_mutex;
-std::condition_variable g_changed;
-
-void finish(Transfer* t, bool ok, int32_t code, const std::string& message, const std::string& sha1) {
-  std::lock_guard<std::mutex> lock(t->mutex);
-  if (++t->finals == 1) {
-    t->ok = ok;
-    t->code = code;
-    t->message = message;
-    t->sha1 = sha1;
-  }
-  if (message == kSizeQuery) t->double_allowed = true;
-  g_changed.notify_all();
-}
-
-template <class Resp>
-void on_status(const Resp* r, void* u) {
-  finish(static_cast<Transfer*>(u), false, r->code, r->message, "");
-}
-void on_details(const ZELObjectDetails* d, void* u) {
-  finish(static_cast<Transfer*>(u), d != nullptr, 0, d != nullptr ? "" : "no details",
-         d && d->sha1 ? d->sha1 : "");
-}
-void on_done(void* u) {
-  auto* t = static_cast<Transfer*>(u);
-  std::ifstream in(t->out, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  finish(t, true, 0, "", zeltest::sha1_hex(bytes));
-}
-
-char* token() { return strdup("local-dev-token"); }
-void free_token(char* t) { free(t); }
-
-template <class Opt, class Resp>
-Opt options(Transfer* t) {
-  Opt opt{};
-  opt.bucket_key = t->bucket.c_str();
-  opt.key = t->key.c_str();
-  opt.stream = t->stream;
-  opt.callback = on_status<Resp>;
-  return opt;
-}
-
-void start(ZEL* h, Transfer* t) {
-  t->stream = zel_stream_init(std::u16string(t->upload ? t->sample->path.begin() : t->out.begin(),
-                                             t->upload ? t->sample->path.end() : t->out.end())
-                                  .c_str());
+void start(ZEL* h, Transfer* t, const std::string& key) {
   if (t->upload) {
-    ZELPutObjectOpt opt = options<ZELPutObjectOpt, ZELPutObjectResp>(t);
-    opt.details_callback = on_details;
-    zel_put_object(h, &opt, t);
+    t->put = std::make_unique<zeltest::PutOptions>("soak", key, t->sample->path);
+    zel_put_object(h, &t->put->opt, &t->outcome);
   } else {
-    ZELGetObjectOpt opt = options<ZELGetObjectOpt, ZELGetObjectResp>(t);
-    opt.done_callback = on_done;
-    zel_get_object(h, &opt, t);
+    t->get = std::make_unique<zeltest::GetOptions>("soak", key, t->out);
+    zel_get_object(h, &t->get->opt, &t->outcome);
   }
 }
 
@@ -131,21 +81,23 @@ bool add_rules(zeltest::ServerProcess& server) {
 }
 
 // Judges a transfer that has reported, once a stray second report had
-// time to come.
+// time to come. A download whose size could not be learnt reports twice.
 void judge(Transfer* t, Counts& c) {
-  std::lock_guard<std::mutex> lock(t->mutex);
+  const zeltest::Outcome& o = t->outcome;
+  std::lock_guard<std::mutex> lock(t->outcome.mutex);
+  bool ok = t->upload ? o.details == 1 && !o.details_null : o.done == 1;
   c.transfers++;
-  if (t->finals > (t->double_allowed ? 2 : 1)) c.extra++;
-  if (t->ok && t->sha1 != t->sample->sha1) {
+  if (o.finals > (o.message == kSizeQuery ? 2 : 1)) c.extra++;
+  if (ok && (t->upload ? o.sha1 : t->sha1) != t->sample->sha1) {
     c.wrong++;
     std::fprintf(stderr, "WRONG BYTES: %s size %llu\n", t->upload ? "upload" : "download",
                  static_cast<unsigned long long>(t->sample->size));
   }
-  if (t->ok) {
+  if (ok) {
     c.ok++;
   } else {
     c.failed++;
-    c.failures[std::to_string(t->code) + " " + t->message]++;
+    c.failures[std::to_string(o.code) + " " + o.message]++;
   }
 }
 
@@ -178,10 +130,9 @@ struct Soak {
     Transfer* t = all.back().get();
     t->sample = &s;
     t->upload = upload;
-    t->key = std::u16string(key.begin(), key.end());
     if (!upload) t->out = dir + "/out-" + std::to_string(serial);
     serial++;
-    start(h, t);
+    start(h, t, key);
     return t;
   }
 
@@ -189,10 +140,10 @@ struct Soak {
   bool seed_objects() {
     for (const Sample& s : samples) {
       Transfer* t = add(s, true, "d" + std::to_string(s.size));
-      std::unique_lock<std::mutex> lock(g_mutex);
-      g_changed.wait_for(lock, std::chrono::seconds(120), [&] { return t->finals > 0; });
-      if (!t->ok || t->sha1 != s.sha1)
-        return std::fprintf(stderr, "seeding failed: %s\n", t->message.c_str()), false;
+      t->outcome.wait(std::chrono::seconds(120));
+      std::lock_guard<std::mutex> lock(t->outcome.mutex);
+      if (t->outcome.details != 1 || t->outcome.sha1 != s.sha1)
+        return std::fprintf(stderr, "seeding failed: %s\n", t->outcome.message.c_str()), false;
     }
     all.clear();
     return true;
@@ -209,16 +160,13 @@ struct Soak {
   void collect() {
     for (auto it = running.begin(); it != running.end();) {
       Transfer* t = *it;
-      int finals;
-      {
-        std::lock_guard<std::mutex> lock(t->mutex);
-        finals = t->finals;
-      }
+      int finals = t->finals();
       if (finals == 0 && Clock::now() - t->started <= kHangLimit) {
         ++it;
         continue;
       }
       if (finals == 0) counts.hangs++, std::fprintf(stderr, "HANG: %s\n", t->upload ? "upload" : "download");
+      if (!t->out.empty()) t->sha1 = zeltest::sha1_hex(zeltest::read_file(t->out));
       if (!t->out.empty()) std::remove(t->out.c_str());
       it = running.erase(it);
     }
@@ -242,10 +190,7 @@ struct Soak {
     auto next_kill = Clock::now() + std::chrono::seconds(15);
     while (Clock::now() < deadline || !running.empty()) {
       while (Clock::now() < deadline && running.size() < kInFlight) launch(pick_size);
-      {
-        std::unique_lock<std::mutex> lock(g_mutex);
-        g_changed.wait_for(lock, std::chrono::milliseconds(200));
-      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
       collect();
       if (Clock::now() > next_kill && Clock::now() < deadline) {
         if (!restart_server()) return false;
@@ -291,7 +236,7 @@ int main() {
   zel_global_init();
   zel_set_environment_url(ZEL_ENV_LOCAL, soak.proxy->base_url().c_str());
   transfer_set_backoff(100, 1000);
-  soak.h = zel_init(ZEL_ENV_LOCAL, 2, token, free_token);
+  soak.h = zel_init(ZEL_ENV_LOCAL, 2, zeltest::get_token, zeltest::free_token);
   soak.h->chunk_size = kChunk;
   soak.h->auto_create_bucket = 1;
   soak.h->low_speed_limit = 1024;  // a stalled answer is given up after two seconds
@@ -302,7 +247,7 @@ int main() {
   bool ran = soak.run(minutes);
   zel_global_cleanup();
   zel_cleanup(soak.h);
-  for (auto& t : soak.all) zel_stream_cleanup(t->stream);
+  soak.all.clear();
   for (const Sample& s : soak.samples) std::remove(s.path.c_str());
   rmdir(soak.dir.c_str());
   if (!ran) return 2;

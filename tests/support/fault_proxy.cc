@@ -1,7 +1,5 @@
 #include "fault_proxy.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -10,25 +8,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <stdexcept>
+
+#include "raw_client.h"
+#include "zel_server.h"
 
 namespace zeltest {
 namespace {
 
 constexpr size_t kFaultKinds = 8;
 constexpr int kStallLimitMs = 60000;
-
-bool send_all(int fd, const char* data, size_t size) {
-  size_t sent = 0;
-  while (sent < size) {
-    ssize_t n = ::send(fd, data + sent, size - sent, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool send_all(int fd, const std::string& data) { return send_all(fd, data.data(), data.size()); }
 
 // Reads until `pending` holds a whole head; the head (with its empty line)
 // is moved out of `pending`.
@@ -121,16 +109,6 @@ void wait_for_close(int fd, const std::atomic<bool>& stop) {
   }
 }
 
-int connect_loopback(int port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  if (fd >= 0) ::close(fd);
-  return -1;
-}
 }  // namespace
 
 const char* fault_name(Fault fault) {
@@ -141,18 +119,7 @@ const char* fault_name(Fault fault) {
 }
 
 FaultProxy::FaultProxy(int upstream_port) : upstream_port_(upstream_port), applied_(kFaultKinds, 0) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  int on = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listener_, 64) != 0)
-    throw std::runtime_error("fault proxy cannot listen");
-  socklen_t length = sizeof address;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
+  listener_ = listen_loopback(&port_);
   acceptor_ = std::thread([this] { accept_loop(); });
 }
 
@@ -233,7 +200,7 @@ void FaultProxy::accept_loop() {
 }
 
 void FaultProxy::serve(int client) {
-  int upstream = connect_loopback(upstream_port_.load());
+  int upstream = raw_connect(upstream_port_.load());
   if (upstream >= 0) {
     track(upstream, true);
     std::string client_pending, upstream_pending;

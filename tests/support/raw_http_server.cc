@@ -1,7 +1,5 @@
 #include "raw_http_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -10,7 +8,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
+
+#include "zel_server.h"
 
 namespace zeltest {
 namespace {
@@ -20,16 +19,6 @@ constexpr int kPollMs = 20;
 std::string trim_left(const std::string& text) {
   size_t start = text.find_first_not_of(" \t");
   return start == std::string::npos ? std::string() : text.substr(start);
-}
-
-bool send_all(int fd, const std::string& data) {
-  size_t sent = 0;
-  while (sent < data.size()) {
-    ssize_t n = ::send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 bool equals_nocase(const std::string& a, const std::string& b) {
@@ -88,22 +77,7 @@ int RawRequest::count(const std::string& name) const {
 }
 
 RawHttpServer::RawHttpServer() : fallback_(reply(200, "OK", "", {"Connection: close"})) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (listener_ < 0) throw std::runtime_error("socket");
-  int one = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listener_, 64) != 0) {
-    ::close(listener_);
-    throw std::runtime_error("bind/listen");
-  }
-  socklen_t length = sizeof address;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
+  listener_ = listen_loopback(&port_);
   acceptor_ = std::thread([this] { accept_loop(); });
 }
 

@@ -1,117 +1,51 @@
 #include "tls_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <memory>
+#include <cstdlib>
 #include <stdexcept>
+
+#include "zel_server.h"
 
 namespace zeltest {
 namespace {
 
 constexpr int kPollMs = 20;
 
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using Cert = std::unique_ptr<X509, decltype(&X509_free)>;
-
 void require(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("TLS test server: ") + what);
 }
 
-Key new_key() {
-  Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-  require(key != nullptr, "key generation");
-  return key;
-}
-
-void add_extension(X509* cert, X509* issuer, int nid, const char* value) {
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, issuer, cert, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-  bool added = extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
-  X509_EXTENSION_free(extension);
-  require(added, "certificate extension");
-}
-
-// A certificate for `key`, signed with `issuer_key`: by the CA `issuer`,
-// or by itself (a CA certificate) when `issuer` is null.
-Cert new_cert(EVP_PKEY* key, const char* name, long serial, X509* issuer, EVP_PKEY* issuer_key) {
-  Cert cert(X509_new(), X509_free);
-  require(cert != nullptr, "certificate");
-  X509* c = cert.get();
-  X509_set_version(c, 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(c), serial);
-  X509_gmtime_adj(X509_getm_notBefore(c), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(c), 24 * 3600);
-  X509_set_pubkey(c, key);
-  X509_NAME_add_entry_by_txt(X509_get_subject_name(c), "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
-  X509* signer = issuer != nullptr ? issuer : c;
-  X509_set_issuer_name(c, X509_get_subject_name(signer));
-  add_extension(c, signer, NID_subject_key_identifier, "hash");
-  if (issuer == nullptr) {
-    add_extension(c, signer, NID_basic_constraints, "critical,CA:TRUE");
-    add_extension(c, signer, NID_key_usage, "critical,keyCertSign,cRLSign");
-  } else {
-    add_extension(c, signer, NID_authority_key_identifier, "keyid:always");
-    add_extension(c, signer, NID_basic_constraints, "critical,CA:FALSE");
-    add_extension(c, signer, NID_subject_alt_name, "IP:127.0.0.1");
-    add_extension(c, signer, NID_ext_key_usage, "serverAuth");
-  }
-  require(X509_sign(c, issuer_key, EVP_sha256()) > 0, "signing");
-  return cert;
-}
-
-std::string pem_of(X509* cert) {
-  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
-  require(bio != nullptr && PEM_write_bio_X509(bio.get(), cert) == 1, "PEM");
-  char* data = nullptr;
-  long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
-}
-
-// A server context holding a fresh certificate signed by a fresh CA, whose
+// A server context holding a fresh certificate for 127.0.0.1 signed by a
+// fresh CA (the openssl tool makes both in a scratch directory), whose
 // certificate goes to *ca_pem.
 SSL_CTX* new_context(std::string* ca_pem) {
-  Key ca_key = new_key();
-  Cert ca = new_cert(ca_key.get(), "zel throwaway test CA", 1, nullptr, ca_key.get());
-  Key key = new_key();
-  Cert cert = new_cert(key.get(), "127.0.0.1", 2, ca.get(), ca_key.get());
-  *ca_pem = pem_of(ca.get());
-  std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-  require(context != nullptr, "context");
-  require(SSL_CTX_use_certificate(context.get(), cert.get()) == 1 &&
-              SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1,
-          "server certificate");
-  return context.release();
-}
-
-int listen_on_loopback(int* port) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  require(fd >= 0, "socket");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    ::close(fd);
-    require(false, "bind/listen");
-  }
-  *port = ntohs(address.sin_port);
-  return fd;
+  char scratch[] = "/tmp/zel-tls-XXXXXX";
+  require(mkdtemp(scratch) != nullptr, "scratch directory");
+  const std::string dir = scratch, key = " -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes";
+  const std::string script =
+      "cd '" + dir + "' && printf 'subjectAltName=IP:127.0.0.1\\nextendedKeyUsage=serverAuth\\n' >ext &&" +
+      " openssl req -x509" + key +
+      " -keyout ca.key -out ca.pem -days 1 -subj '/CN=zel throwaway test CA' &&" + " openssl req" + key +
+      " -keyout key.pem -out req.pem -subj /CN=127.0.0.1 &&" +
+      " openssl x509 -req -in req.pem -CA ca.pem -CAkey ca.key -set_serial 2 -days 1 -extfile ext -out "
+      "cert.pem";
+  bool made = std::system((script + " 2>/dev/null").c_str()) == 0;
+  *ca_pem = read_file(dir + "/ca.pem");
+  SSL_CTX* context = made ? SSL_CTX_new(TLS_server_method()) : nullptr;
+  bool loaded = context != nullptr &&
+                SSL_CTX_use_certificate_file(context, (dir + "/cert.pem").c_str(), SSL_FILETYPE_PEM) == 1 &&
+                SSL_CTX_use_PrivateKey_file(context, (dir + "/key.pem").c_str(), SSL_FILETYPE_PEM) == 1;
+  (void)!std::system(("rm -rf '" + dir + "'").c_str());
+  if (!loaded) SSL_CTX_free(context);
+  require(loaded, "server certificate");
+  return context;
 }
 
 }  // namespace
@@ -119,7 +53,7 @@ int listen_on_loopback(int* port) {
 TlsServer::TlsServer() {
   context_ = new_context(&ca_pem_);
   try {
-    listener_ = listen_on_loopback(&port_);
+    listener_ = listen_loopback(&port_);
   } catch (...) {
     SSL_CTX_free(context_);
     throw;

@@ -1,5 +1,6 @@
 #include "zel_server.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,14 +9,19 @@
 #include <signal.h>
 #include <strings.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
+#include <stdexcept>
 
 #ifndef ZEL_SERVER_BIN
 #define ZEL_SERVER_BIN ZEL_BIN_DIR "/zel-server"
@@ -90,12 +96,6 @@ std::string read_line(int fd, int ms) {
 
 std::string HttpResult::header(const std::string& name) const { return find_header(headers, name); }
 
-bool HttpResult::has_header(const std::string& name) const {
-  for (const auto& h : headers)
-    if (strcasecmp(h.first.c_str(), name.c_str()) == 0) return true;
-  return false;
-}
-
 std::string RecordedRequest::header(const std::string& name) const { return find_header(headers, name); }
 
 HttpResult http(const std::string& method, const std::string& url, const std::vector<std::string>& headers,
@@ -136,6 +136,16 @@ JsonPtr parse_json(const std::string& text) {
   return JsonPtr(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &err));
 }
 
+std::string json_str(const json_t* object, const char* key) {
+  const json_t* v = json_object_get(object, key);
+  return json_is_string(v) ? json_string_value(v) : "";
+}
+
+long long json_int(const json_t* object, const char* key) {
+  const json_t* v = json_object_get(object, key);
+  return json_is_integer(v) ? json_integer_value(v) : -999;
+}
+
 std::vector<std::string> json_keys(const json_t* object) {
   std::vector<std::string> keys;
   const char* k;
@@ -159,6 +169,38 @@ long elapsed_ms(std::chrono::steady_clock::time_point since) {
   return static_cast<long>(
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
           .count());
+}
+
+ScratchDir::ScratchDir() {
+  char tmpl[] = "/tmp/zel-test-XXXXXX";
+  path_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
+}
+
+ScratchDir::~ScratchDir() {
+  if (!path_.empty()) remove_tree(path_);
+}
+
+std::string ScratchDir::write(const std::string& name, const std::string& data) const {
+  std::ofstream(file(name), std::ios::binary | std::ios::trunc) << data;
+  return file(name);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+std::vector<std::string> dir_entries(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d))
+      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.push_back(e->d_name);
+    closedir(d);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string pattern_bytes(size_t size, uint32_t seed) {
@@ -265,6 +307,38 @@ std::vector<RecordedRequest> ServerProcess::requests() {
     out.push_back(r);
   }
   return out;
+}
+
+int listen_loopback(int* port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 64) != 0 || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    if (fd >= 0) ::close(fd);
+    throw std::runtime_error("cannot listen on a loopback port");
+  }
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+bool send_all(int fd, const char* data, size_t size) {
+  for (size_t sent = 0; sent < size;) {
+    ssize_t n = ::send(fd, data + sent, size - sent, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool ServerProcess::make_bucket(const std::string& key, const std::string& policy) {
+  return http("POST", api(2) + "/buckets", {kAuthHeader, "Content-Type: application/json"},
+              R"({"bucketKey":")" + key + R"(","policyKey":")" + policy + R"(","allow":[]})")
+             .status == 200;
 }
 
 bool ServerProcess::clear_requests() {

@@ -26,7 +26,6 @@ struct HttpResult {
   std::string error;  // libcurl's text when the exchange failed
   // First value of a header, case-insensitive; empty when absent.
   std::string header(const std::string& name) const;
-  bool has_header(const std::string& name) const;
 };
 
 // One exchange on a fresh connection. `headers` are "Name: value" lines; the
@@ -40,12 +39,36 @@ struct JsonFree {
 using JsonPtr = std::unique_ptr<json_t, JsonFree>;
 // Parses text as the clients do (duplicate keys refused); none on failure.
 JsonPtr parse_json(const std::string& text);
+// A member of a JSON object: its text ("" unless a string), its integer
+// (-999 unless an integer).
+std::string json_str(const json_t* object, const char* key);
+long long json_int(const json_t* object, const char* key);
 // The keys of a JSON object, sorted; empty for anything else.
 std::vector<std::string> json_keys(const json_t* object);
 
 std::string sha1_hex(const std::string& data);
 // Milliseconds from `since` to now.
 long elapsed_ms(std::chrono::steady_clock::time_point since);
+// A scratch directory removed with its files at the end of the test.
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `data` as the file `name`; its path.
+  std::string write(const std::string& name, const std::string& data) const;
+
+ private:
+  std::string path_;
+};
+
+// A whole file's bytes; empty when it cannot be read.
+std::string read_file(const std::string& path);
+bool file_exists(const std::string& path);
+// The names in a directory without "." and "..", sorted; empty when unreadable.
+std::vector<std::string> dir_entries(const std::string& dir);
 // Deterministic bytes for uploads.
 std::string pattern_bytes(size_t size, uint32_t seed);
 
@@ -88,6 +111,9 @@ class ServerProcess {
   const std::string& data_dir() const { return data_dir_; }
   const std::string& error() const { return error_; }
 
+  // Creates a bucket of the local owner with no grants; true on 200.
+  bool make_bucket(const std::string& key, const std::string& policy = "transient");
+
   std::vector<RecordedRequest> requests();
   bool clear_requests();
   bool add_fault(const std::string& rule_json);
@@ -107,6 +133,13 @@ class ServerProcess {
 };
 
 extern const char kAuthHeader[];  // "Authorization: Bearer local-dev-token"
+
+// Loopback sockets for the scripted servers: a listener on a free port
+// (throws std::runtime_error when there is none), and a send that goes on
+// until every byte is out (false when the peer is gone).
+int listen_loopback(int* port);
+bool send_all(int fd, const char* data, size_t size);
+inline bool send_all(int fd, const std::string& data) { return send_all(fd, data.data(), data.size()); }
 
 // One emulator per test, started before and stopped after it.
 class EmulatorTest : public ::testing::Test {
