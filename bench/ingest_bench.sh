@@ -5,9 +5,10 @@
 #
 # Two ways of sending the same bytes:
 #   whole   one `curl -T` PUT of the whole file
-#   chunks  `curl -Z --parallel-max 8` PUTs of its 5 MiB pieces: into one
-#           resumable session on zel-server, into one file each on nginx
-#           (nginx's PUT cannot write part of a file)
+#   chunks  `curl -Z --parallel-max 8` PUTs of its pieces (5 MiB unless
+#           ZEL_BENCH_PIECE_KIB says otherwise): into one resumable session
+#           on zel-server, into one file each on nginx (nginx's PUT cannot
+#           write part of a file); also printed as chunks per second
 #
 # zel-server syncs an object's bytes (fsync of file and directory) before it
 # answers; nginx does not sync at all, so its answer comes while its bytes
@@ -22,6 +23,8 @@
 #   ZEL_BENCH_SETTLE=3     seconds left idle after `sync` before each run
 #   ZEL_BENCH_MODES="whole chunks"
 #   ZEL_BENCH_NGINX_SYNC=0
+#   ZEL_BENCH_PIECE_KIB=5120  piece size of the chunks way (64: the per-chunk
+#                          cost of syncing and committing dominates)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,7 +35,7 @@ runs=${ZEL_BENCH_RUNS:-7}
 settle=${ZEL_BENCH_SETTLE:-3}
 modes=${ZEL_BENCH_MODES:-whole chunks}
 nginx_sync=${ZEL_BENCH_NGINX_SYNC:-0}
-piece=$((5 * 1048576))
+piece=$((${ZEL_BENCH_PIECE_KIB:-5120} * 1024))
 [ -x "$server" ] || { echo "no zel-server at $server (pass its path)" >&2; exit 2; }
 command -v nginx >/dev/null || { echo "nginx is not installed" >&2; exit 2; }
 
@@ -50,7 +53,7 @@ free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",
 
 size=$((size_mib * 1048576))
 pieces=$(( (size + piece - 1) / piece ))
-echo "preparing a ${size_mib} MiB random file and its 5 MiB pieces..."
+echo "preparing a ${size_mib} MiB random file and its $pieces pieces..."
 head -c "$size" /dev/urandom > "$work/source.bin"
 mkdir "$work/pieces"
 split -b "$piece" -d -a 5 "$work/source.bin" "$work/pieces/p."
@@ -194,7 +197,9 @@ echo "object: ${size_mib} MiB; ${runs} alternating runs per row; $(nproc) cores;
 printf '%-20s %10s %10s %10s\n' "server:way" "median" "min" "max"
 for row in "${rows[@]}"; do
   read -r med lo hi <<<"$(stats "$row")"
-  printf '%-20s %10s %10s %10s MiB/s\n' "$row" "$med" "$lo" "$hi"
+  printf '%-20s %10s %10s %10s MiB/s' "$row" "$med" "$lo" "$hi"
+  [[ $row == *:chunks ]] && printf '  (%.0f chunks/s at the median)' "$(echo "$med * 1048576 / $piece" | bc -l)"
+  echo
   echo "$row $med" >> "$work/medians"
 done
 echo

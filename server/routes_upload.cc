@@ -74,28 +74,25 @@ void reply_session_done(Ctx& c, const Session& s) {
   reply_details(c, m);
 }
 
-// Receives one chunk into the session's file; false after an error answer.
-bool receive_chunk(Ctx& c, const Session& s, ByteSpan span) {
+// Receives one chunk into the session's file, leaving `fd` open on it when
+// bytes were written (-1 otherwise); false after an error answer.
+bool receive_chunk(Ctx& c, const Session& s, ByteSpan span, int& fd) {
   uint64_t len = s.total == 0 ? 0 : span.end - span.start + 1;
   bool ok = true;
   uint64_t got = 0;
+  fd = -1;
   if (s.total == 0 || spans_cover(s.ranges, span)) {
     // A repeat: the bytes are held already and may be being hashed.
     ok = c.read_body([&](const char*, size_t n) { return (got += n), true; });
   } else {
-    int fd = open_for_ingest(c.app.store.session_path(s.row), 0);
+    fd = open_for_ingest(c.app.store.session_path(s.row), 0);
     if (fd < 0) return c.error(500, "Cannot open the session's file"), false;
     BlockWriter w(fd, span.start, len, nullptr);
     ok = c.read_body([&](const char* d, size_t n) { return w.add(d, n); });
     ok = w.flush() && ok;  // always: the writer is done with fd only then
     got = w.received();
-    // Acknowledged bytes must survive a power cut: synced before the range
-    // that names them is recorded.
-    bool synced = !ok || got != len || fdatasync(fd) == 0;
-    close(fd);
     // Even a chunk cut short may have replaced bytes already hashed.
     c.app.sessions.chunk_written(s, span);
-    if (!synced) return c.error(500, "The chunk could not be stored"), false;
   }
   if (ok && got == len) return true;
   c.error(400, "The body's length does not agree with Content-Range");
@@ -116,9 +113,14 @@ void put_chunk(Ctx& c) {
     return c.drain(), c.error(400, "The total " + std::to_string(total) + " disagrees with the session's " +
                                        std::to_string(s.total));
   if (s.complete) return c.drain(), reply_session_done(c, s);
-  if (!receive_chunk(c, s, span)) return;
+  int fd = -1;
+  bool received = receive_chunk(c, s, span, fd);
+  // Answered only once the chunk is synced and its range committed.
+  Sessions::After after = received ? c.app.sessions.commit(s, span, fd) : Sessions::After::kGone;
+  if (fd >= 0) close(fd);
+  if (!received) return;
   ObjectMeta m;
-  switch (c.app.sessions.record(s, span)) {
+  switch (after) {
     case Sessions::After::kPartial:
       c.app.sessions.advance_hash(s);
       c.res.status = 202;
@@ -135,6 +137,8 @@ void put_chunk(Ctx& c) {
       return reply_session_done(c, s);
     case Sessions::After::kGone:
       return c.error(404, "Upload session not found");
+    case Sessions::After::kUnsynced:
+      return c.error(500, "The chunk could not be stored");
   }
 }
 

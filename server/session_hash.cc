@@ -20,6 +20,7 @@ const int kDirect = 0;
 
 const size_t kAlign = 4096;
 const size_t kPiece = 1u << 20;
+const uint64_t kStep = 64u << 20;
 
 struct FreeDeleter {
   void operator()(char* p) const { std::free(p); }
@@ -74,19 +75,53 @@ void SessionHashes::restart(State& st) {
   st.stale = false;
 }
 
+SessionHashes::~SessionHashes() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stopping_ = true;
+  }
+  cv_.notify_all();
+  if (helper_.joinable()) helper_.join();
+}
+
 void SessionHashes::advance(const Session& s, const std::string& path) {
   uint64_t held = !s.ranges.empty() && s.ranges[0].start == 0 ? s.ranges[0].end + 1 : 0;
-  std::unique_lock<std::mutex> lock(mu_);
+  std::lock_guard<std::mutex> lock(mu_);
   std::shared_ptr<State> st = state(s);
   if (held > st->target) st->target = held;
-  if (st->busy || st->done >= st->target) return;
+  if (st->queued || st->busy || st->done >= st->target) return;  // a busy helper sees the new target
+  st->path = path;
+  st->queued = true;
+  work_.push_back(st);
+  if (!helper_.joinable()) helper_ = std::thread([this] { helper(); });
+  cv_.notify_all();
+}
+
+void SessionHashes::helper() {
+  std::unique_lock<std::mutex> lock(mu_);
+  for (;;) {
+    cv_.wait(lock, [&] { return stopping_ || !work_.empty(); });
+    if (stopping_) return;
+    std::shared_ptr<State> st = work_.front();
+    work_.pop_front();
+    st->queued = false;
+    if (!st->gone) hash_state(lock, st);
+  }
+}
+
+// Hashes while the state's target runs ahead of it; the lock is released
+// around the reading. A state that finish() takes meanwhile waits for this.
+void SessionHashes::hash_state(std::unique_lock<std::mutex>& lock, const std::shared_ptr<State>& st) {
   st->busy = true;
+  std::string path = st->path;
   int fd = -1;
   bool ok = true;
-  while (ok && st->done < st->target) {
-    uint64_t from = st->done, to = st->target;
+  while (ok && !st->gone && !stopping_ && st->done < st->target) {
+    // A bounded step at a time, so that a stop or a finish is not kept
+    // waiting for a whole large file.
+    uint64_t from = st->done, to = std::min(st->target, from + kStep);
     if (to > st->claimed) st->claimed = to;
-    Sha1* sha = st->sha.get();  // replaced only by this request while busy
+    Sha1* sha = st->sha.get();  // replaced only by the helper while busy
     lock.unlock();
     if (fd < 0) fd = open_to_hash(path);
     ok = fd >= 0 && hash_range(fd, *sha, from, to);
@@ -101,6 +136,7 @@ void SessionHashes::advance(const Session& s, const std::string& path) {
   cv_.notify_all();
   lock.unlock();
   if (fd >= 0) close(fd);
+  lock.lock();
 }
 
 void SessionHashes::written(const Session& s, ByteSpan span) {
@@ -120,6 +156,7 @@ bool SessionHashes::finish(const Session& s, int fd, std::string& hex) {
     std::unique_lock<std::mutex> lock(mu_);
     st = state(s);
     cv_.wait(lock, [&] { return !st->busy; });
+    st->gone = true;
     auto it = states_.find(s.row);
     if (it != states_.end() && it->second == st) states_.erase(it);
   }
@@ -130,7 +167,10 @@ bool SessionHashes::finish(const Session& s, int fd, std::string& hex) {
 
 void SessionHashes::forget(int64_t row) {
   std::lock_guard<std::mutex> lock(mu_);
-  states_.erase(row);
+  auto it = states_.find(row);
+  if (it == states_.end()) return;
+  it->second->gone = true;
+  states_.erase(it);
 }
 
 }  // namespace zelsrv

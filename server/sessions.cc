@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 #include "digest.h"
 
@@ -82,29 +84,86 @@ bool Sessions::still_open(const Session& s) {
   return st.bind(1, s.row).bind(2, s.bucket).bind(3, s.key).bind(4, s.id).row();
 }
 
-Sessions::After Sessions::record(Session& s, ByteSpan span) {
+// Adjacent and overlapping ranges are kept as one row: a session of tens of
+// thousands of chunks keeps a handful of rows, and reading them back after
+// every chunk stays cheap. Call with the store locked, in a transaction.
+void Sessions::add_range(int64_t row, ByteSpan span) {
+  auto first = static_cast<int64_t>(span.start), last = static_cast<int64_t>(span.end);
+  const char* touching = " FROM session_ranges WHERE session = ?1 AND start <= ?3 + 1 AND last + 1 >= ?2";
   {
-    std::lock_guard<std::mutex> lock(store_.mutex());
-    if (!still_open(s)) return After::kGone;
-    // The chunk's bytes were synced before this row: neither a killed process
-    // nor a power cut leaves a range recorded that was not received.
-    store_.set_durable(true);
-    store_.exec("BEGIN IMMEDIATE");
-    if (s.total > 0) {
-      Stmt(store_,
-           "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)"
-           " ON CONFLICT(session, start) DO UPDATE SET last = max(last, excluded.last)")
-          .bind(1, s.row)
-          .bind(2, static_cast<int64_t>(span.start))
-          .bind(3, static_cast<int64_t>(span.end))
-          .done();
+    Stmt st(store_, (std::string("SELECT count(*), min(start), max(last)") + touching).c_str());
+    if (st.bind(1, row).bind(2, first).bind(3, last).row() && st.i64(0) > 0) {
+      first = std::min(first, st.i64(1));
+      last = std::max(last, st.i64(2));
     }
+  }
+  Stmt(store_, (std::string("DELETE") + touching).c_str()).bind(1, row).bind(2, first).bind(3, last).done();
+  Stmt(store_, "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)")
+      .bind(1, row)
+      .bind(2, first)
+      .bind(3, last)
+      .done();
+}
+
+void Sessions::commit_group(const std::vector<Pending*>& group) {
+  // The chunks' bytes reach the disk before the rows that name them: neither
+  // a killed process nor a power cut leaves a range recorded that was not
+  // received. One fdatasync covers every write to the file that ended before
+  // it began, whichever descriptor made it.
+  std::map<int64_t, bool> synced;
+  for (Pending* p : group) {
+    if (p->fd < 0) continue;
+    auto it = synced.find(p->session->row);
+    if (it == synced.end()) it = synced.emplace(p->session->row, fdatasync(p->fd) == 0).first;
+    p->synced = it->second;
+  }
+  std::lock_guard<std::mutex> lock(store_.mutex());
+  store_.set_durable(true);
+  store_.exec("BEGIN IMMEDIATE");
+  for (Pending* p : group) {
+    Session& s = *p->session;
+    if (!p->synced) continue;
+    if (!still_open(s)) {
+      p->gone = true;
+      continue;
+    }
+    if (s.total > 0) add_range(s.row, p->span);
     Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, s.row).done();
-    store_.exec("COMMIT");
+  }
+  store_.exec("COMMIT");
+  for (Pending* p : group) {
+    if (!p->synced || p->gone) continue;
+    Session& s = *p->session;
     s.ranges = load_ranges(s.row);
     Stmt st(store_, "SELECT complete FROM sessions WHERE id = ?");
     s.complete = st.bind(1, s.row).row() && st.i64(0) != 0;
   }
+}
+
+Sessions::After Sessions::commit(Session& s, ByteSpan span, int fd) {
+  Pending p{&s, span, fd};
+  {
+    std::unique_lock<std::mutex> lock(group_mu_);
+    waiting_.push_back(&p);
+    while (!p.done) {
+      if (committing_) {
+        group_cv_.wait(lock);
+        continue;
+      }
+      // No group is in progress: this caller commits everyone waiting.
+      committing_ = true;
+      std::vector<Pending*> group;
+      group.swap(waiting_);
+      lock.unlock();
+      commit_group(group);
+      lock.lock();
+      committing_ = false;
+      for (Pending* q : group) q->done = true;
+      group_cv_.notify_all();
+    }
+  }
+  if (!p.synced) return After::kUnsynced;
+  if (p.gone) return After::kGone;
   if (s.complete) return After::kComplete;
   if (s.total > 0 && !spans_cover(s.ranges, ByteSpan{0, s.total - 1})) return After::kPartial;
   std::lock_guard<std::mutex> lock(mu_);

@@ -39,11 +39,19 @@ class Sessions {
             const std::string& content_type, Session& out);
   bool find(const std::string& bucket, const std::string& key, const std::string& id, Session& out);
 
-  enum class After { kPartial, kAssemble, kAssembling, kComplete, kGone };
-  // Records a received span, whose bytes are durable in the session's file,
-  // and says what the caller does next: kAssemble goes to exactly one
-  // request per session; kGone means the session expired meanwhile.
-  After record(Session& s, ByteSpan span);
+  enum class After { kPartial, kAssemble, kAssembling, kComplete, kGone, kUnsynced };
+  // Makes a received span durable and records it, then says what the caller
+  // does next: kAssemble goes to exactly one request per session; kGone
+  // means the session expired meanwhile; kUnsynced, that the session's file
+  // could not be synced and nothing was recorded. `fd` is the session's file
+  // the span was written through, -1 when no bytes were written.
+  //
+  // Syncing and committing cost the same for one chunk as for many, so the
+  // spans that arrive while one group is being synced and committed wait
+  // and go together in the next: one fdatasync per session file, then one
+  // transaction. Every caller returns only once its own span is committed.
+  After commit(Session& s, ByteSpan span, int fd);
+  After record(Session& s, ByteSpan span) { return commit(s, span, -1); }
   // Hashes the bytes the session now holds from offset 0 (see SessionHashes).
   void advance_hash(const Session& s) { hashes_.advance(s, store_.session_path(s.row)); }
   // Call once a chunk's bytes are in the session's file, before record().
@@ -65,6 +73,16 @@ class Sessions {
  private:
   bool read(const char* where, const std::string& a, const std::string& b, const std::string& c,
             Session& out);
+  struct Pending {
+    Session* session;
+    ByteSpan span;
+    int fd;
+    bool synced = true;
+    bool gone = false;
+    bool done = false;
+  };
+  void commit_group(const std::vector<Pending*>& group);
+  void add_range(int64_t row, ByteSpan span);
   std::vector<ByteSpan> load_ranges(int64_t row);
   void done_assembling(int64_t row);
   bool still_open(const Session& s);
@@ -75,6 +93,10 @@ class Sessions {
   std::mutex mu_;
   std::condition_variable cv_;
   std::set<int64_t> assembling_;
+  std::mutex group_mu_;  // never held with store_.mutex() or mu_
+  std::condition_variable group_cv_;
+  std::vector<Pending*> waiting_;  // for the next group
+  bool committing_ = false;        // a caller is syncing and committing a group
   SessionHashes hashes_;
 };
 

@@ -16,6 +16,11 @@
 namespace {
 constexpr const char* kLogTag = "src\\http";
 constexpr long kBulkBuffer = 512L * 1024;
+// Bodies go out in pieces of this size: with half-megabyte pieces each
+// connection alternated between a long read of the file and a long burst
+// on the socket, and alternating chunked uploads were slower
+// (medians of 14 runs 2.63 s against 2.27 s for 512 MiB).
+constexpr long kUploadPiece = 64L * 1024;
 
 std::atomic<bool> g_stop{false};
 
@@ -257,7 +262,7 @@ void set_content_type(HttpRequest* request, const HttpPlan& plan) {
 
 void tune_bulk(CURL* curl) {
   if (opt(curl, CURLOPT_BUFFERSIZE, kBulkBuffer) != CURLE_OK ||
-      opt(curl, CURLOPT_UPLOAD_BUFFERSIZE, kBulkBuffer) != CURLE_OK)
+      opt(curl, CURLOPT_UPLOAD_BUFFERSIZE, kUploadPiece) != CURLE_OK)
     ZLOG("Cannot enlarge the transfer buffers");
 }
 }  // namespace

@@ -222,4 +222,45 @@ TEST_F(ResumableTest, KillNineMidUploadLosesNoReceivedRange) {
   EXPECT_EQ(http("GET", server_.api() + "/buckets/upl/objects/gone", {kAuthHeader}).body, "bye");
 }
 
+// Chunks arriving together are synced and committed as one group: every
+// 202 must already name its own chunk, and every chunk answered must
+// survive a kill -9, however the group's ranges were merged.
+TEST_F(ResumableTest, ConcurrentChunksAreDurableWhenAnswered) {
+  const std::string data = pattern_bytes(96 << 14, 8);
+  std::vector<Chunk> chunks = cut(data.size(), 16 << 10);
+  Chunk held = chunks[40];
+  chunks.erase(chunks.begin() + 40);
+  std::shuffle(chunks.begin(), chunks.end(), std::mt19937(3));
+  std::atomic<size_t> next{0};
+  std::atomic<int> unacknowledged{0};
+  std::vector<std::thread> senders;
+  for (int t = 0; t < 8; ++t)
+    senders.emplace_back([&] {
+      for (size_t i; (i = next++) < chunks.size();) {
+        HttpResult r = chunk("group", "sg", data, chunks[i]);
+        std::string range = r.header("Range");
+        bool named = false;
+        for (size_t at = 6; r.status == 202 && at < range.size();) {
+          size_t dash = range.find('-', at), comma = range.find(',', at);
+          if (comma == std::string::npos) comma = range.size();
+          named = named || (std::stoul(range.substr(at, dash - at)) <= chunks[i].start &&
+                            chunks[i].end <= std::stoul(range.substr(dash + 1, comma - dash - 1)));
+          at = comma + 1;
+        }
+        if (!named) ++unacknowledged;
+      }
+    });
+  for (auto& t : senders) t.join();
+  EXPECT_EQ(unacknowledged, 0);
+
+  server_.kill9();
+  ASSERT_TRUE(server_.restart()) << server_.error();
+  EXPECT_EQ(status("group", "sg").header("Range"), "bytes=0-" + std::to_string(held.start - 1) + "," +
+                                                       std::to_string(held.end + 1) + "-" +
+                                                       std::to_string(data.size() - 1));
+  HttpResult last = chunk("group", "sg", data, held);
+  ASSERT_EQ(last.status, 200) << last.body;
+  EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(data));
+}
+
 }  // namespace
