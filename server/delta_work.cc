@@ -8,6 +8,8 @@
 #include <zel/diff.h>
 
 #include <cctype>
+#include <system_error>
+#include <thread>
 
 #include "bodies.h"
 #include "delta.h"
@@ -117,9 +119,20 @@ bool apply_into(App& app, const Snapshot& base, const Snapshot& patch, std::stri
   }
   free_err_msg(&msg);
   int fd = open(made.c_str(), O_RDONLY | O_CLOEXEC);
-  bool hashed = fd >= 0 && sha1_file(fd, sha1);
+  if (fd < 0) return why = "Cannot read the applied result", false;
+  // The result must reach the disk before it is published, and its SHA-1
+  // is checked before that: the one waits on the disk, the other on the
+  // CPU, so they run side by side (publishing then finds nothing to flush).
+  std::thread flush;
+  try {
+    flush = std::thread([fd] { (void)fsync(fd); });
+  } catch (const std::system_error&) {
+    // No thread to spare: publishing flushes the file itself.
+  }
+  bool hashed = sha1_file(fd, sha1);
+  if (flush.joinable()) flush.join();
   size = hashed ? static_cast<uint64_t>(lseek(fd, 0, SEEK_END)) : 0;
-  if (fd >= 0) close(fd);
+  close(fd);
   if (!hashed) why = "Cannot read the applied result";
   return hashed;
 }

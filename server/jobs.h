@@ -1,8 +1,11 @@
 // Jobs of the delta engine: registered durably in SQLite before they are
 // answered, run on a bounded pool of job threads, and read back from
-// memory, so that a status request (clients poll without a pause) costs one
-// map look-up. A job cut short by a restart runs again from the start, up
-// to a limit, and then ends failed with the reason.
+// memory, so that a status request costs one map look-up. Clients poll
+// without a pause, so the answer for a job under way is held back until the
+// job ends or a short while passes: a poller costs a few requests a second
+// instead of taking the CPU from the job it waits for, and still learns of
+// the end at once. A job cut short by a restart runs again from the start,
+// up to a limit, and then ends failed with the reason.
 #pragma once
 
 #include <condition_variable>
@@ -128,12 +131,16 @@ class Jobs {
   void end(const std::string& id, int code, const std::string& text, bool recorded);
   void write_end_locked(const std::string& id, int code, const std::string& text);
   std::string status_locked(Job& job);
+  // Waits (mu_ held through `lock`) until the job ends, the hold passes or
+  // the threads stop; answers scripted as empty are never held.
+  void hold_while_under_way(std::unique_lock<std::mutex>& lock, const std::string& id);
   void apply_script(Job& job);
   void recover_row(Job& job, int state);
 
   Store& store_;
   std::mutex mu_;
   std::condition_variable cv_;
+  std::condition_variable ended_;  // a job ended, or the threads stop
   std::unordered_map<std::string, Job> jobs_;
   std::unordered_map<std::string, std::string> by_token_;
   std::deque<std::string> queue_;
