@@ -113,7 +113,15 @@ void Jobs::stop() {
   threads_.clear();
 }
 
-bool Jobs::submit(JobOrder& order, const std::string& status_base) {
+bool Jobs::submit(JobOrder& order, const std::string& status_base, const std::string& same_work) {
+  if (!same_work.empty()) {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto w = by_work_.find(same_work);
+    if (w != by_work_.end() && under_way(jobs_[w->second].code)) {
+      order = jobs_[w->second].order;
+      return true;
+    }
+  }
   order.id = random_hex_id();
   order.token = random_hex_id() + random_hex_id();
   order.public_url = status_base + order.token;
@@ -142,6 +150,7 @@ bool Jobs::submit(JobOrder& order, const std::string& status_base) {
     job.order = order;
     apply_script(job);
     by_token_[order.token] = order.id;
+    if (!same_work.empty()) by_work_[same_work] = order.id;
     jobs_[order.id] = job;
     queue_.push_back(order.id);
   }

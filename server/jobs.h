@@ -93,8 +93,11 @@ class Jobs {
   void stop();
 
   // Registers the job durably and queues it; fills id, token and public_url
-  // (from `status_base`, which the token is appended to).
-  bool submit(JobOrder& order, const std::string& status_base);
+  // (from `status_base`, which the token is appended to). With a non-empty
+  // `same_work` key, a job of that key still under way is answered instead
+  // of queueing the same work twice (a client that retries at once after a
+  // missing patch would otherwise start a second identical job).
+  bool submit(JobOrder& order, const std::string& status_base, const std::string& same_work = "");
   // The status body of a job by kind and id, or by public token; false when
   // there is no such job.
   bool status_by_id(const std::string& kind, const std::string& id, std::string& json);
@@ -143,6 +146,7 @@ class Jobs {
   std::condition_variable ended_;  // a job ended, or the threads stop
   std::unordered_map<std::string, Job> jobs_;
   std::unordered_map<std::string, std::string> by_token_;
+  std::unordered_map<std::string, std::string> by_work_;  // same-work key -> job under way
   std::deque<std::string> queue_;
   std::vector<JobScript> scripts_;
   std::vector<std::thread> threads_;
