@@ -152,7 +152,7 @@ run() {
 phase() {
   local label=$1 count=$2 r
   [ "$count" -gt 0 ] || return 0
-  echo "$label ($count runs each):"
+  echo "$label ($count runs each), $(uptime | sed 's/.*\(load average\)/\1/'):"
   for ((r = 0; r < count; r++)); do
     run "whole upload $label" object up -- "$client" put "$base" bench up "$work/new.bin"
     run "patch upload $label" object up -- "$client" put-patch "$base" bench up "$work/new.bin" old \
@@ -175,6 +175,7 @@ stats() { sort -k"$2,$2"g "$1" | awk -v c="$2" '{ v[NR] = $c } END { printf "%s 
 median() { stats "$1" "$2" | cut -d' ' -f1; }
 
 echo
+echo "done, $(uptime | sed 's/.*\(load average\)/\1/')"
 echo "size ${size_mib} MiB ($size bytes), one ${edit}-byte edit per MiB; signature $sig_size bytes; capped: a $rate link (tc tbf, both directions); $(nproc) cores"
 printf '%-28s %5s %24s %26s %24s\n' transfer runs "seconds med (min-max)" "wire bytes med (min-max)" \
   "peak RSS MiB med (min-max)"
