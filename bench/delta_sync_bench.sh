@@ -27,6 +27,7 @@
 #   ZEL_BENCH_CAPPED_RUNS=7   runs per transfer on the capped link (0: skip)
 #   ZEL_BENCH_RATE=100mbit    the capped link's rate, in tc's notation
 #   ZEL_BENCH_SETTLE=3        seconds to wait after sync before each run
+#   ZEL_BENCH_WAYS="up down"  which directions to measure
 #
 # The whole and patch runs of a phase alternate, round after round, so that
 # a change in the machine's load touches both alike. Before each run its
@@ -45,6 +46,7 @@ runs=${ZEL_BENCH_RUNS:-7}
 capped_runs=${ZEL_BENCH_CAPPED_RUNS:-7}
 rate=${ZEL_BENCH_RATE:-100mbit}
 settle=${ZEL_BENCH_SETTLE:-3}
+ways=" ${ZEL_BENCH_WAYS:-up down} "
 for tool in "$server" "$client" "$zel"; do
   [ -x "$tool" ] || { echo "no $(basename "$tool") in $build/bin (build zel-server zel_delta zel-cli)" >&2; exit 2; }
 done
@@ -154,11 +156,13 @@ phase() {
   [ "$count" -gt 0 ] || return 0
   echo "$label ($count runs each), $(uptime | sed 's/.*\(load average\)/\1/'):"
   for ((r = 0; r < count; r++)); do
+    [[ $ways == *" up "* ]] || break
     run "whole upload $label" object up -- "$client" put "$base" bench up "$work/new.bin"
     run "patch upload $label" object up -- "$client" put-patch "$base" bench up "$work/new.bin" old \
       "$work/old.bin"
   done
   for ((r = 0; r < count; r++)); do
+    [[ $ways == *" down "* ]] || break
     run "whole download $label" file "$work/out.bin" -- "$client" get "$base" bench new "$work/out.bin"
     run "patch download $label" file "$work/out.bin" -- "$client" get-patch "$base" bench new "$work/out.bin" \
       old "$work/old.bin"
