@@ -7,7 +7,15 @@
 #   vs whole upload of the new file;
 #   patch download (the service's patch fetched and applied to the old file)
 #   vs whole download of the new object;
-# each uncapped and capped at 100 Mbit/s (12.5 MB/s on one connection).
+# each over a fast link and over a 100 Mbit/s one.
+#
+# The link is real: zel-server runs in a network namespace of its own, joined
+# to this one by a veth pair, and the capped runs put a token bucket
+# (`tc qdisc ... tbf rate 100mbit`) on both ends of the pair, so every
+# request of both peers, in both directions, shares the rate as on a user's
+# link; the client runs with the library's defaults (parallel chunks and
+# all). The uncapped runs use the same pair without the token buckets. This
+# needs root and iproute2 (ip netns, ip link, tc).
 # Prints, per transfer, the median, min and max of wall time, the bytes on
 # the wire (body bytes: the whole file or the patch) and peak RSS, then the
 # speed-ups and the goals.
@@ -16,9 +24,10 @@
 #   build-dir holds bin/zel-server, bin/zel_delta and bin/zel (default: build).
 #   ZEL_BENCH_MIB=1024        size of the file in MiB
 #   ZEL_BENCH_RUNS=7          runs per transfer, uncapped
-#   ZEL_BENCH_CAPPED_RUNS=7   runs per transfer at the cap (0: skip)
-#   ZEL_BENCH_CAP=12500000    the cap in bytes per second
+#   ZEL_BENCH_CAPPED_RUNS=7   runs per transfer on the capped link (0: skip)
+#   ZEL_BENCH_RATE=100mbit    the capped link's rate, in tc's notation
 #   ZEL_BENCH_SETTLE=3        seconds to wait after sync before each run
+#   ZEL_BENCH_WAYS="up down"  which directions to measure
 #
 # The whole and patch runs of a phase alternate, round after round, so that
 # a change in the machine's load touches both alike. Before each run its
@@ -35,19 +44,48 @@ zel=$build/bin/zel
 size_mib=${ZEL_BENCH_MIB:-1024}
 runs=${ZEL_BENCH_RUNS:-7}
 capped_runs=${ZEL_BENCH_CAPPED_RUNS:-7}
-cap=${ZEL_BENCH_CAP:-12500000}
+rate=${ZEL_BENCH_RATE:-100mbit}
 settle=${ZEL_BENCH_SETTLE:-3}
+ways=" ${ZEL_BENCH_WAYS:-up down} "
 for tool in "$server" "$client" "$zel"; do
   [ -x "$tool" ] || { echo "no $(basename "$tool") in $build/bin (build zel-server zel_delta zel-cli)" >&2; exit 2; }
 done
 
+[ "$(id -u)" = 0 ] && command -v ip > /dev/null && command -v tc > /dev/null ||
+  { echo "the bench's link needs root and iproute2 (ip, tc)" >&2; exit 2; }
+
 work=$(mktemp -d "${TMPDIR:-/tmp}/zel-delta-bench.XXXXXX")
 zpid=
+netns=zelbench$$
+host_if=zb$$h
+peer_if=zb$$n
+net=10.$((($$ >> 8) % 250 + 1)).$(($$ % 250))
 cleanup() {
   [ -n "$zpid" ] && kill "$zpid" 2>/dev/null && wait "$zpid" 2>/dev/null || true
+  ip link del "$host_if" 2>/dev/null || true
+  ip netns del "$netns" 2>/dev/null || true
   rm -rf "$work"
 }
 trap cleanup EXIT
+
+ip netns add "$netns"
+ip link add "$host_if" type veth peer name "$peer_if"
+ip link set "$peer_if" netns "$netns"
+ip addr add "$net.1/30" dev "$host_if"
+ip link set "$host_if" up
+ip -n "$netns" addr add "$net.2/30" dev "$peer_if"
+ip -n "$netns" link set "$peer_if" up
+ip -n "$netns" link set lo up
+# shape RATE|none: the token buckets on both ends of the pair, or none.
+shape() {
+  if [ "$1" = none ]; then
+    tc qdisc del dev "$host_if" root 2>/dev/null || true
+    tc -n "$netns" qdisc del dev "$peer_if" root 2>/dev/null || true
+    return
+  fi
+  tc qdisc replace dev "$host_if" root tbf rate "$1" burst 128kb latency 50ms
+  tc -n "$netns" qdisc replace dev "$peer_if" root tbf rate "$1" burst 128kb latency 50ms
+}
 
 size=$((size_mib * 1048576))
 edit=$((1048576 / 100))
@@ -64,7 +102,8 @@ new_sha=$(sha1sum "$work/new.bin" | cut -d' ' -f1)
 sig_size=$(stat -c %s "$work/old.sig")
 rm -f "$work/old.sig"
 
-"$server" --port 0 --data "$work/zel-data" > "$work/zel.out" 2> "$work/zel.err" &
+ip netns exec "$netns" "$server" --host "$net.2" --port 0 --data "$work/zel-data" > "$work/zel.out" \
+  2> "$work/zel.err" &
 zpid=$!
 for _ in $(seq 100); do grep -q listening "$work/zel.out" 2>/dev/null && break; sleep 0.1; done
 base=$(sed -n 's/^listening on //p' "$work/zel.out")
@@ -113,30 +152,35 @@ run() {
 }
 
 phase() {
-  local label=$1 count=$2 capset=("${@:3}") r
+  local label=$1 count=$2 r
   [ "$count" -gt 0 ] || return 0
-  echo "$label ($count runs each):"
+  echo "$label ($count runs each), $(uptime | sed 's/.*\(load average\)/\1/'):"
   for ((r = 0; r < count; r++)); do
-    run "whole upload $label" object up -- "$client" put "$base" bench up "$work/new.bin" "${capset[@]}"
+    [[ $ways == *" up "* ]] || break
+    run "whole upload $label" object up -- "$client" put "$base" bench up "$work/new.bin"
     run "patch upload $label" object up -- "$client" put-patch "$base" bench up "$work/new.bin" old \
-      "$work/old.bin" "${capset[@]}"
+      "$work/old.bin"
   done
   for ((r = 0; r < count; r++)); do
-    run "whole download $label" file "$work/out.bin" -- "$client" get "$base" bench new "$work/out.bin" \
-      "${capset[@]}"
+    [[ $ways == *" down "* ]] || break
+    run "whole download $label" file "$work/out.bin" -- "$client" get "$base" bench new "$work/out.bin"
     run "patch download $label" file "$work/out.bin" -- "$client" get-patch "$base" bench new "$work/out.bin" \
-      old "$work/old.bin" "${capset[@]}"
+      old "$work/old.bin"
   done
 }
+shape none
 phase uncapped "$runs"
-phase "capped" "$capped_runs" "$cap"
+shape "$rate"
+phase capped "$capped_runs"
+shape none
 
 # median, min and max of column $2 of file $1
 stats() { sort -k"$2,$2"g "$1" | awk -v c="$2" '{ v[NR] = $c } END { printf "%s %s %s\n", v[int((NR + 1) / 2)], v[1], v[NR] }'; }
 median() { stats "$1" "$2" | cut -d' ' -f1; }
 
 echo
-echo "size ${size_mib} MiB ($size bytes), one ${edit}-byte edit per MiB; signature $sig_size bytes; capped: $cap B/s on one connection; $(nproc) cores"
+echo "done, $(uptime | sed 's/.*\(load average\)/\1/')"
+echo "size ${size_mib} MiB ($size bytes), one ${edit}-byte edit per MiB; signature $sig_size bytes; capped: a $rate link (tc tbf, both directions); $(nproc) cores"
 printf '%-28s %5s %24s %26s %24s\n' transfer runs "seconds med (min-max)" "wire bytes med (min-max)" \
   "peak RSS MiB med (min-max)"
 for file in "$work/runs"/*; do

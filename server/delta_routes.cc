@@ -113,6 +113,17 @@ bool may_use(Ctx& c, const std::string& kind, const DeltaRequest& r) {
   return true;
 }
 
+// Two create-delta requests for the same pair of contents make the same
+// patch; the key names that work (empty for other kinds).
+std::string same_work(Ctx& c, const std::string& kind, const DeltaRequest& r) {
+  ObjectMeta from, to;
+  if (kind != "createdelta" || !c.app.objects.get(r.bucket, r.object, from) ||
+      !c.app.objects.get(r.bucket, r.other, to))
+    return "";
+  return c.principal + '\n' + r.bucket + '\n' + r.object + '\n' + r.other + '\n' + from.sha1 + '\n' +
+         to.sha1 + '\n' + std::to_string(r.block_size);
+}
+
 void create_job(Ctx& c, const std::string& kind) {
   std::string body, why;
   if (!c.body_text(body)) return;
@@ -125,7 +136,7 @@ void create_job(Ctx& c, const std::string& kind) {
   order.principal = c.principal;
   order.host = request_host(c);
   order.acm = acm_json();
-  if (!c.app.jobs.submit(order, "http://" + order.host + "/kri/api/v1/public/"))
+  if (!c.app.jobs.submit(order, "http://" + order.host + "/kri/api/v1/public/", same_work(c, kind, r)))
     return c.error(500, "Cannot register the job");
   c.reply(200, Jobs::answer_json(0, kJobQueued, order.public_url, order.id));
 }

@@ -18,6 +18,12 @@ const char kSchema[] =
 // A job cut short by this many restarts is not tried again.
 const int64_t kMaxRuns = 3;
 
+// How long the answer for a job under way may be held back: far below any
+// client's request time-out, long enough to spare the CPU.
+const auto kStatusHold = std::chrono::milliseconds(250);
+
+bool under_way(int code) { return code == kJobQueued || code == kJobRunning; }
+
 std::string dump(json_t* j) {
   char* text = json_dumps(j, JSON_COMPACT | JSON_PRESERVE_ORDER);
   json_decref(j);
@@ -102,11 +108,20 @@ void Jobs::stop() {
     stopping_ = true;
   }
   cv_.notify_all();
+  ended_.notify_all();
   for (auto& t : threads_) t.join();
   threads_.clear();
 }
 
-bool Jobs::submit(JobOrder& order, const std::string& status_base) {
+bool Jobs::submit(JobOrder& order, const std::string& status_base, const std::string& same_work) {
+  if (!same_work.empty()) {
+    std::lock_guard<std::mutex> lock(mu_);
+    auto w = by_work_.find(same_work);
+    if (w != by_work_.end() && under_way(jobs_[w->second].code)) {
+      order = jobs_[w->second].order;
+      return true;
+    }
+  }
   order.id = random_hex_id();
   order.token = random_hex_id() + random_hex_id();
   order.public_url = status_base + order.token;
@@ -135,6 +150,7 @@ bool Jobs::submit(JobOrder& order, const std::string& status_base) {
     job.order = order;
     apply_script(job);
     by_token_[order.token] = order.id;
+    if (!same_work.empty()) by_work_[same_work] = order.id;
     jobs_[order.id] = job;
     queue_.push_back(order.id);
   }
@@ -176,19 +192,29 @@ std::string Jobs::status_locked(Job& job) {
   return answer_json(job.progress, job.code, ended ? job.description : job.order.public_url, job.order.id);
 }
 
+void Jobs::hold_while_under_way(std::unique_lock<std::mutex>& lock, const std::string& id) {
+  ended_.wait_for(lock, kStatusHold, [&] {
+    const Job& job = jobs_[id];
+    return stopping_ || job.empty_polls > 0 || !under_way(job.code);
+  });
+}
+
 bool Jobs::status_by_id(const std::string& kind, const std::string& id, std::string& json) {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::unique_lock<std::mutex> lock(mu_);
   auto it = jobs_.find(id);
   if (it == jobs_.end() || it->second.order.kind != kind) return false;
-  json = status_locked(it->second);
+  hold_while_under_way(lock, id);
+  json = status_locked(jobs_[id]);
   return true;
 }
 
 bool Jobs::status_by_token(const std::string& token, std::string& json) {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::unique_lock<std::mutex> lock(mu_);
   auto t = by_token_.find(token);
   if (t == by_token_.end()) return false;
-  json = status_locked(jobs_[t->second]);
+  std::string id = t->second;
+  hold_while_under_way(lock, id);
+  json = status_locked(jobs_[id]);
   return true;
 }
 
@@ -250,11 +276,14 @@ void Jobs::end(const std::string& id, int code, const std::string& text, bool re
     std::lock_guard<std::mutex> lock(store_.mutex());
     write_end_locked(id, code, text);
   }
-  std::lock_guard<std::mutex> lock(mu_);
-  Job& job = jobs_[id];
-  job.code = code;
-  job.description = text;
-  if (code == kJobFinished) job.progress = 100;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    Job& job = jobs_[id];
+    job.code = code;
+    job.description = text;
+    if (code == kJobFinished) job.progress = 100;
+  }
+  ended_.notify_all();
 }
 
 void Jobs::add_script(const JobScript& script) {

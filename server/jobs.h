@@ -1,8 +1,11 @@
 // Jobs of the delta engine: registered durably in SQLite before they are
 // answered, run on a bounded pool of job threads, and read back from
-// memory, so that a status request (clients poll without a pause) costs one
-// map look-up. A job cut short by a restart runs again from the start, up
-// to a limit, and then ends failed with the reason.
+// memory, so that a status request costs one map look-up. Clients poll
+// without a pause, so the answer for a job under way is held back until the
+// job ends or a short while passes: a poller costs a few requests a second
+// instead of taking the CPU from the job it waits for, and still learns of
+// the end at once. A job cut short by a restart runs again from the start,
+// up to a limit, and then ends failed with the reason.
 #pragma once
 
 #include <condition_variable>
@@ -90,8 +93,11 @@ class Jobs {
   void stop();
 
   // Registers the job durably and queues it; fills id, token and public_url
-  // (from `status_base`, which the token is appended to).
-  bool submit(JobOrder& order, const std::string& status_base);
+  // (from `status_base`, which the token is appended to). With a non-empty
+  // `same_work` key, a job of that key still under way is answered instead
+  // of queueing the same work twice (a client that retries at once after a
+  // missing patch would otherwise start a second identical job).
+  bool submit(JobOrder& order, const std::string& status_base, const std::string& same_work = "");
   // The status body of a job by kind and id, or by public token; false when
   // there is no such job.
   bool status_by_id(const std::string& kind, const std::string& id, std::string& json);
@@ -128,14 +134,19 @@ class Jobs {
   void end(const std::string& id, int code, const std::string& text, bool recorded);
   void write_end_locked(const std::string& id, int code, const std::string& text);
   std::string status_locked(Job& job);
+  // Waits (mu_ held through `lock`) until the job ends, the hold passes or
+  // the threads stop; answers scripted as empty are never held.
+  void hold_while_under_way(std::unique_lock<std::mutex>& lock, const std::string& id);
   void apply_script(Job& job);
   void recover_row(Job& job, int state);
 
   Store& store_;
   std::mutex mu_;
   std::condition_variable cv_;
+  std::condition_variable ended_;  // a job ended, or the threads stop
   std::unordered_map<std::string, Job> jobs_;
   std::unordered_map<std::string, std::string> by_token_;
+  std::unordered_map<std::string, std::string> by_work_;  // same-work key -> job under way
   std::deque<std::string> queue_;
   std::vector<JobScript> scripts_;
   std::vector<std::thread> threads_;

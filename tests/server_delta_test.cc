@@ -225,9 +225,13 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   EXPECT_EQ(http("GET", object("base") + "/details", {kAuthHeader, pair}).status, 404) << "no patch kept yet";
   EXPECT_EQ(http("GET", object("next"), {kAuthHeader, "x-pmw-delta-object: patch:" + orig}).status, 404);
 
-  JsonPtr job = submit("/createdelta",
-                       R"({"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base","ObjectName2":"next",)"
-                       R"("BlockSize":2048,"ProcessType":0})");
+  const std::string body =
+      R"({"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base","ObjectName2":"next",)"
+      R"("BlockSize":2048,"ProcessType":0})";
+  ASSERT_EQ(controls("POST", "/scripts", R"({"kind":"createdelta","delay_ms":500})").status, 200);
+  JsonPtr job = submit("/createdelta", body);
+  EXPECT_EQ(json_str(submit("/createdelta", body).get(), "DocumentID"), json_str(job.get(), "DocumentID"))
+      << "a retry while the job is under way joins it";
   JsonPtr done = wait_job("createdelta", json_str(job.get(), "DocumentID"));
   ASSERT_TRUE(done);
   ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_str(done.get(), "Description");
