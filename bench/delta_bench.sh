@@ -8,6 +8,8 @@
 #   match       zel diff match (unrelated file of the same size, --ratio
 #               ZEL_BENCH_RATIO) vs rdiff delta on it (rdiff has no match)
 #   apply       zel diff apply (1% patch) vs rdiff patch
+#   apply sync  (ZEL_BENCH_SYNC=1) zel diff apply --sync, which flushes the
+#               result before it renames it, vs rdiff patch followed by sync
 #   text        patch sizes for a compressible (text) base with 1% edits
 # Each figure is the median of ZEL_BENCH_RUNS runs with min and max; the
 # two tools alternate run by run. Peak RSS is the largest seen.
@@ -18,6 +20,7 @@
 #   ZEL_BENCH_RATIO=0.5   ratio handed to zel diff match
 #   ZEL_BENCH_SETTLE=2    seconds to wait after sync before each run
 #   ZEL_BENCH_RSS_ONLY=1  one run of zel only (memory check at large sizes)
+#   ZEL_BENCH_SYNC=1      also the durable apply (row "as")
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -28,6 +31,7 @@ runs=${ZEL_BENCH_RUNS:-7}
 ratio=${ZEL_BENCH_RATIO:-0.5}
 settle=${ZEL_BENCH_SETTLE:-2}
 rss_only=${ZEL_BENCH_RSS_ONLY:-0}
+durable=${ZEL_BENCH_SYNC:-0}
 [ -x "$zel" ] || { echo "no zel in $build/bin" >&2; exit 2; }
 [ "$rss_only" = 1 ] && runs=1
 if [ "$rss_only" != 1 ]; then command -v rdiff >/dev/null || { echo "rdiff is needed" >&2; exit 2; }; fi
@@ -87,6 +91,11 @@ round() {
   [ "$rss_only" = 1 ] || run r.m "$work/r.m" rdiff delta "$work/r.sig" "$work/unrelated" "$work/r.m"
   run z.a "$work/z.out" "$zel" diff apply --base-sha1 "$base_sha" "$work/base" "$work/z.p1" "$work/z.out"
   [ "$rss_only" = 1 ] || run r.a "$work/r.out" rdiff patch "$work/base" "$work/r.p1" "$work/r.out"
+  if [ "$durable" = 1 ]; then
+    run z.as "$work/z.out" "$zel" diff apply --sync --base-sha1 "$base_sha" "$work/base" "$work/z.p1" "$work/z.out"
+    [ "$rss_only" = 1 ] || run r.as "$work/r.out" sh -c 'rdiff patch "$1" "$2" "$3" && sync' sh \
+      "$work/base" "$work/r.p1" "$work/r.out"
+  fi
 }
 
 for i in $(seq "$runs"); do
@@ -107,7 +116,9 @@ bytes() { command stat -c %s "$1"; }
 echo
 echo "delta benchmark: ${size_mib} MiB, $runs runs per tool, median (min-max) seconds, peak RSS MiB"
 printf '%-12s %-26s %-26s %s\n' operation zel rdiff "rdiff/zel time"
-for op in sig p1 pi m a; do
+ops="sig p1 pi m a"
+[ "$durable" = 1 ] && ops="$ops as"
+for op in $ops; do
   read -r zm zlo zhi zr <<< "$(summary "z.$op")"
   if [ "$rss_only" = 1 ]; then
     printf '%-12s %-26s\n' "$op" "$zm ($zlo-$zhi) ${zr}M"
@@ -117,7 +128,7 @@ for op in sig p1 pi m a; do
   printf '%-12s %-26s %-26s %s\n' "$op" "$zm ($zlo-$zhi) ${zr}M" "$rm ($rlo-$rhi) ${rr}M" \
     "$(awk -v a="$rm" -v b="$zm" 'BEGIN { printf "%.2fx", (b > 0 ? a / b : 0) }')"
 done
-echo "(sig: signature, p1: patch 1% edits, pi: patch 64 MiB insertion, m: match unrelated (zel --ratio $ratio) vs rdiff delta, a: apply)"
+echo "(sig: signature, p1: patch 1% edits, pi: patch 64 MiB insertion, m: match unrelated (zel --ratio $ratio) vs rdiff delta, a: apply, as: apply --sync vs rdiff patch + sync)"
 echo "signature size: zel $(bytes "$work/z.sig") bytes$([ "$rss_only" = 1 ] || echo ", rdiff $(bytes "$work/r.sig") bytes")"
 echo "patch 1%:       zel $(bytes "$work/z.p1") bytes$([ "$rss_only" = 1 ] || echo ", rdiff $(bytes "$work/r.p1") bytes")"
 echo "patch +64 MiB:  zel $(bytes "$work/z.pi") bytes$([ "$rss_only" = 1 ] || echo ", rdiff $(bytes "$work/r.pi") bytes")"

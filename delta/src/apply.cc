@@ -64,7 +64,7 @@ void patch_apply(const char16_t* result, const char16_t* patch_path, const DiffF
   if (base_file.size() != h.base_size) throw DiffError("The base file's size differs from the patch's base");
 
   OutputFile out(result, "result file");
-  ResultWriter writer(out);
+  ResultWriter writer(out, h.new_size, (mode & kSync) != 0);
   run_patch(patch, h, base_file, writer);
   uint8_t digest[kSha1Size];
   writer.finish(digest);

@@ -57,7 +57,10 @@ uint64_t delta_encode(const SigIndex& index, const File& input, DeltaWriter& out
 // byte is copied for the hash.
 class ResultWriter {
  public:
-  explicit ResultWriter(OutputFile& out);
+  // `size` is the size the result should have (it only sizes the block
+  // reservations); with `durable`, writeback starts while the result is
+  // still being built.
+  ResultWriter(OutputFile& out, uint64_t size, bool durable);
   ResultWriter(const ResultWriter&) = delete;
   ResultWriter& operator=(const ResultWriter&) = delete;
   ~ResultWriter();
@@ -77,8 +80,12 @@ class ResultWriter {
   std::vector<size_t> sizes_;
   size_t fill_ = 0;
   uint64_t written_ = 0;
-  uint64_t sent_ = 0;    // buffers handed over, in order
-  uint64_t hashed_ = 0;  // buffers the thread is done with
+  uint64_t size_;
+  bool durable_;
+  uint64_t reserved_ = 0;      // blocks allocated ahead up to here
+  uint64_t written_back_ = 0;  // writeback started up to here
+  uint64_t sent_ = 0;          // buffers handed over, in order
+  uint64_t hashed_ = 0;        // buffers the thread is done with
   bool closed_ = false, abandoned_ = false;
   bool writer_waits_ = false, hasher_waits_ = false;
   std::exception_ptr error_;

@@ -68,6 +68,15 @@ class OutputFile {
   ~OutputFile();
   void write(const void* data, size_t n);
   void write_at(const void* data, size_t n, uint64_t offset);
+  // Allocates blocks for the n bytes at `offset` without changing the size,
+  // so that the writes that follow find them in place instead of reserving
+  // each page as it is written. Best effort: where the file system cannot,
+  // the writes allocate as usual and report any shortage themselves.
+  void reserve(uint64_t offset, uint64_t n);
+  // Starts writing the n bytes at `offset` to storage without waiting, so
+  // that a later sync has little left to do. Best effort as well: the sync
+  // reports what failed.
+  void start_writeback(uint64_t offset, uint64_t n);
   // Flushes, optionally syncs and sets the permission bits (mode < 0 keeps
   // the defaults), closes and renames over the target.
   void commit(bool sync, int mode);

@@ -107,6 +107,15 @@ void OutputFile::write_at(const void* data, size_t n, uint64_t offset) {
   if (pwrite(fileno(file_), data, n, static_cast<off_t>(offset)) != static_cast<ssize_t>(n)) fail("write");
 }
 
+void OutputFile::reserve(uint64_t offset, uint64_t n) {
+  (void)fallocate(fileno(file_), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(n));
+}
+
+void OutputFile::start_writeback(uint64_t offset, uint64_t n) {
+  (void)sync_file_range(fileno(file_), static_cast<off64_t>(offset), static_cast<off64_t>(n),
+                        SYNC_FILE_RANGE_WRITE);
+}
+
 void OutputFile::commit(bool sync, int mode) {
   std::string temp = narrow_name(temp_);
   std::string target = narrow_name(target_);
