@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <ostream>
 
 #include "captured_log.h"
 #include "get_object.h"
@@ -244,6 +245,8 @@ struct Direction {
   const char* failed;        // the report of a chunk that failed for good
   const char* error;         // the retry lines' error text
 };
+// Names the row in test output, instead of its raw bytes.
+void PrintTo(const Direction& d, std::ostream* out) { *out << (d.upload ? "upload" : "download"); }
 
 class ChunkRules : public DownloadTest, public ::testing::WithParamInterface<Direction> {
  protected:
