@@ -3,8 +3,9 @@
 // the new part from the session's file, so that the request completing the
 // session only hashes what the helper has not reached. No chunk's answer
 // waits for the hashing: a request that hashed the bytes others brought
-// would keep its client's connection busy for the whole upload. The state lives in memory; after a restart,
-// or when a chunk rewrote bytes already hashed, the hash starts again from offset 0.
+// would keep its client's connection busy for the whole upload. The state
+// lives in memory; after a restart, or when a chunk rewrote bytes already
+// hashed, the hash starts again from offset 0.
 #pragma once
 
 #include <condition_variable>
