@@ -119,18 +119,29 @@ void Sessions::commit_group(const std::vector<Pending*>& group) {
   }
   std::lock_guard<std::mutex> lock(store_.mutex());
   store_.set_durable(true);
-  store_.exec("BEGIN IMMEDIATE");
-  for (Pending* p : group) {
-    Session& s = *p->session;
-    if (!p->synced) continue;
-    if (!still_open(s)) {
-      p->gone = true;
-      continue;
+  bool began = store_.exec("BEGIN IMMEDIATE"), stored = began;
+  try {
+    for (Pending* p : group) {
+      Session& s = *p->session;
+      if (!stored || !p->synced) continue;
+      if (!still_open(s)) {
+        p->gone = true;
+        continue;
+      }
+      if (s.total > 0) add_range(s.row, p->span);
+      Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, s.row).done();
     }
-    if (s.total > 0) add_range(s.row, p->span);
-    Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, s.row).done();
+    stored = stored && store_.exec("COMMIT");
+  } catch (...) {
+    stored = false;  // out of memory half way: nothing of the group counts
   }
-  store_.exec("COMMIT");
+  if (!stored) {
+    // A chunk is only answered as stored once its row is: the whole group
+    // is refused, and the clients send it again.
+    if (began) store_.exec("ROLLBACK");
+    for (Pending* p : group) p->synced = false;
+    return;
+  }
   for (Pending* p : group) {
     if (!p->synced || p->gone) continue;
     Session& s = *p->session;
@@ -155,7 +166,14 @@ Sessions::After Sessions::commit(Session& s, ByteSpan span, int fd) {
       std::vector<Pending*> group;
       group.swap(waiting_);
       lock.unlock();
-      commit_group(group);
+      try {
+        commit_group(group);
+      } catch (...) {
+        // Out of memory after the commit: the rows are stored, but the
+        // answers cannot be worked out; the chunks are refused and sent
+        // again, which stores nothing twice.
+        for (Pending* q : group) q->synced = false;
+      }
       lock.lock();
       committing_ = false;
       for (Pending* q : group) q->done = true;

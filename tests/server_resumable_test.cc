@@ -1,6 +1,7 @@
 // zel-server: resumable upload sessions, including a kill -9 in the middle.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -261,6 +262,28 @@ TEST_F(ResumableTest, ConcurrentChunksAreDurableWhenAnswered) {
   HttpResult last = chunk("group", "sg", data, held);
   ASSERT_EQ(last.status, 200) << last.body;
   EXPECT_EQ(json_string_value(json_object_get(parse_json(last.body).get(), "sha1")), sha1_hex(data));
+}
+
+// A chunk is only answered as stored once its range is recorded: when the
+// database cannot take the row, the chunk is refused and nothing of it
+// counts, and sending it again completes the object.
+TEST_F(ResumableTest, AChunkWhoseRangeCannotBeRecordedIsRefused) {
+  const std::string data = pattern_bytes(128 << 10, 9);
+  std::vector<Chunk> chunks = cut(data.size(), 64 << 10);
+  ASSERT_EQ(chunk("locked", "sl", data, chunks[0]).status, 202);
+
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((server_.data_dir() + "/meta.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  HttpResult refused = chunk("locked", "sl", data, chunks[1]);
+  sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  EXPECT_EQ(refused.status, 500) << refused.body;
+
+  EXPECT_EQ(status("locked", "sl").header("Range"), "bytes=0-65535");
+  HttpResult last = chunk("locked", "sl", data, chunks[1]);
+  ASSERT_EQ(last.status, 200) << last.body;
+  EXPECT_EQ(json_str(parse_json(last.body).get(), "sha1"), sha1_hex(data));
 }
 
 }  // namespace

@@ -134,6 +134,17 @@ void OutputFile::commit(bool sync, int mode) {
     errno = saved;
     fail("rename into place");
   }
+  // The rename is only durable once the directory that holds it is.
+  if (sync) {
+    size_t slash = target.find_last_of('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : target.substr(0, slash);
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    bool ok = fd >= 0 && fsync(fd) == 0;
+    int saved = errno;
+    if (fd >= 0) close(fd);
+    errno = saved;
+    if (!ok) fail("flush the directory of");
+  }
 }
 
 Sha1::Sha1() : ctx_(EVP_MD_CTX_new()) {

@@ -110,7 +110,8 @@ DIFF_EXPORT int32_t diff_create_patch(const char16_t* new_file, DiffFileList* ba
  * `apply_mode` is a set of bits:
  *   1  give the result the permission bits of the base file (otherwise the
  *      process's defaults for a new file);
- *   2  flush the result to stable storage before the rename.
+ *   2  flush the result to stable storage before the rename, and the
+ *      directory's new entry after it.
  * Other bits are refused. Returns 0, or negative with a message. */
 DIFF_EXPORT int32_t diff_apply_patch(const char16_t* result, const char16_t* patch, DiffFileEntry** bases,
                                      const char16_t* temp_dir, int32_t apply_mode, char** err_msg);
