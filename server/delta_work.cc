@@ -2,24 +2,18 @@
 // reads (open descriptors, reached by the delta library through /proc), so
 // a concurrent upload can neither change nor remove the bytes under it, and
 // each publishes only verified results.
-#include <dirent.h>
 #include <fcntl.h>
 #include <jansson.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zel/diff.h>
 
-#include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cstring>
-#include <system_error>
-#include <thread>
-#include <vector>
 
 #include "bodies.h"
 #include "delta.h"
-#include "digest.h"
+#include "patch.h"  // the delta library's patch header
 #include "util.h"
 
 namespace zelsrv {
@@ -107,140 +101,54 @@ JobOutcome run_delta(App& app, const DeltaRequest& r, JobControl& control) {
   return JobOutcome{true, kept_json(patch), false};
 }
 
-// Follows the delta library's result while it is written. The library
-// writes it from start to end into "<made>.zeltmp-<random>" beside `made`
-// and renames it at the end; hashing the bytes as they land, and starting
-// their write-back, takes both off the end of the job, on the core the
-// library leaves idle. What the follower saw counts only when it is the very
-// file renamed to `made`, read to its end; the caller still checks the
-// SHA-1 and hashes the file again when it does not match.
-class ResultFollower {
- public:
-  explicit ResultFollower(const std::string& made) : made_(made) {
-    try {
-      thread_ = std::thread([this] { follow(); });
-    } catch (const std::system_error&) {
-      // Without a thread the result is hashed after the library returns.
-    }
-  }
-  ~ResultFollower() {
-    stop();
-    if (fd_ >= 0) close(fd_);
-  }
-  ResultFollower(const ResultFollower&) = delete;
-  ResultFollower& operator=(const ResultFollower&) = delete;
-
-  // Once the library has returned: the SHA-1 of `result` (`size` bytes)
-  // when the followed file is that file, read whole; false otherwise.
-  bool sha1_of(int result, uint64_t size, std::string& sha1) {
-    stop();
-    struct stat seen, now;
-    if (fd_ < 0 || failed_ || offset_ != size || fstat(fd_, &seen) != 0 || fstat(result, &now) != 0 ||
-        seen.st_ino != now.st_ino || seen.st_dev != now.st_dev || static_cast<uint64_t>(now.st_size) != size)
-      return false;
-    sha1 = sha_.hex();
+// The SHA-1 a patch promises for its result, from the patch's header
+// (read with the delta library's own decoder); false with the reason.
+bool promised_sha1(const std::string& patch_path, std::string& sha1, std::string& why) {
+  uint8_t raw[zeldiff::kPatchHeaderSize];
+  int fd = open(patch_path.c_str(), O_RDONLY | O_CLOEXEC);
+  bool read = fd >= 0 && pread(fd, raw, sizeof raw, 0) == static_cast<ssize_t>(sizeof raw);
+  if (fd >= 0) close(fd);
+  if (!read) return why = "Cannot apply the patch: it is not a patch file", false;
+  try {
+    zeldiff::PatchHeader h = zeldiff::patch_header_decode(raw);
+    char hex[2 * zeldiff::kSha1Size + 1];
+    zeldiff::sha1_to_hex(h.new_sha1, hex);
+    sha1 = hex;
     return true;
+  } catch (const std::exception& e) {
+    return why = std::string("Cannot apply the patch: ") + e.what(), false;
   }
-
- private:
-  void stop() {
-    done_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
-
-  int open_temp() const {
-    size_t slash = made_.rfind('/');
-    std::string dir = made_.substr(0, slash), prefix = made_.substr(slash + 1) + ".zeltmp-";
-    DIR* d = opendir(dir.c_str());
-    int fd = -1;
-    for (dirent* e = d ? readdir(d) : nullptr; e != nullptr && fd < 0; e = readdir(d)) {
-      if (std::strncmp(e->d_name, prefix.c_str(), prefix.size()) == 0)
-        fd = open((dir + "/" + e->d_name).c_str(), O_RDONLY | O_CLOEXEC);
-    }
-    if (d != nullptr) closedir(d);
-    return fd;
-  }
-
-  void follow() {
-    const auto pause = std::chrono::milliseconds(1);
-    while ((fd_ = open_temp()) < 0) {
-      if (done_) return;
-      std::this_thread::sleep_for(pause);
-    }
-    std::vector<char> buf(1 << 20);
-    uint64_t flushed = 0;
-    for (;;) {
-      bool last = done_;  // read before the file: all of it is written by then
-      ssize_t n = pread(fd_, buf.data(), buf.size(), static_cast<off_t>(offset_));
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        failed_ = true;
-        return;
-      }
-      if (n == 0) {
-        if (last) return;
-        std::this_thread::sleep_for(pause);
-        continue;
-      }
-      sha_.update(buf.data(), static_cast<size_t>(n));
-      offset_ += static_cast<uint64_t>(n);
-      if (offset_ - flushed >= (8u << 20)) {
-        (void)sync_file_range(fd_, static_cast<off_t>(flushed), static_cast<off_t>(offset_ - flushed),
-                              SYNC_FILE_RANGE_WRITE);
-        flushed = offset_;
-      }
-    }
-  }
-
-  std::string made_;
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-  int fd_ = -1;  // written by the thread only until it is joined
-  uint64_t offset_ = 0;
-  bool failed_ = false;
-  Sha1 sha_;
-};
+}
 
 // Applies the patch held by `patch` to `base` into a scratch file whose
 // SHA-1 and size come back; false with the reason. `expected` is the SHA-1
-// the result should have.
+// the result should have. The library renames its result into place only
+// once the result's size and SHA-1 match the patch's header, so a result
+// is never hashed twice: the header's SHA-1 is the result's. A patch that
+// promises another result is not applied at all, and the sync mode flushes
+// the result while it is written, so publishing it waits for little.
 bool apply_into(App& app, const Snapshot& base, const Snapshot& patch, const std::string& expected,
                 std::string& made, std::string& sha1, uint64_t& size, std::string& why) {
+  made = app.deltas.scratch_path("apply");
+  if (!promised_sha1(patch.path(), sha1, why)) return false;
+  if (sha1 != expected) return true;  // the caller refuses it
   std::u16string base_path = wide_path(base.path());
   DiffFileEntry entry{&base_path[0], const_cast<char*>(base.meta.sha1.c_str()), nullptr};
   DiffFileEntry* head = &entry;
-  made = app.deltas.scratch_path("apply");
-  ResultFollower follower(made);
   char* msg = nullptr;
+  const int32_t kSync = 2;
   int32_t rc = diff_apply_patch(wide_path(made).c_str(), wide_path(patch.path()).c_str(), &head,
-                                wide_path(app.store.tmp_dir()).c_str(), 0, &msg);
+                                wide_path(app.store.tmp_dir()).c_str(), kSync, &msg);
   if (rc < 0) {
     why = "Cannot apply the patch: " + take_message(msg);
     unlink(made.c_str());
     return false;
   }
   free_err_msg(&msg);
-  int fd = open(made.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat st;
-  if (fd < 0 || fstat(fd, &st) != 0) {
-    if (fd >= 0) close(fd);
-    return why = "Cannot read the applied result", false;
-  }
+  if (stat(made.c_str(), &st) != 0) return why = "Cannot read the applied result", false;
   size = static_cast<uint64_t>(st.st_size);
-  // The result must reach the disk before it is published (mostly written
-  // back already when the follower kept up); a SHA-1 that the follower did
-  // not see whole is computed while the disk catches up.
-  std::thread flush;
-  try {
-    flush = std::thread([fd] { (void)fsync(fd); });
-  } catch (const std::system_error&) {
-    // No thread to spare: publishing flushes the file itself.
-  }
-  bool hashed = (follower.sha1_of(fd, size, sha1) && sha1 == expected) || sha1_file(fd, sha1);
-  if (flush.joinable()) flush.join();
-  close(fd);
-  if (!hashed) why = "Cannot read the applied result";
-  return hashed;
+  return true;
 }
 
 JobOutcome run_apply(App& app, const JobOrder& order, const DeltaRequest& r, JobControl& control) {
