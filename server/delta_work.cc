@@ -146,7 +146,10 @@ bool apply_into(App& app, const Snapshot& base, const Snapshot& patch, const std
   }
   free_err_msg(&msg);
   struct stat st;
-  if (stat(made.c_str(), &st) != 0) return why = "Cannot read the applied result", false;
+  if (stat(made.c_str(), &st) != 0) {
+    unlink(made.c_str());
+    return why = "Cannot read the applied result", false;
+  }
   size = static_cast<uint64_t>(st.st_size);
   return true;
 }
