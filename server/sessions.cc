@@ -86,8 +86,10 @@ bool Sessions::still_open(const Session& s) {
 
 // Adjacent and overlapping ranges are kept as one row: a session of tens of
 // thousands of chunks keeps a handful of rows, and reading them back after
-// every chunk stays cheap. Call with the store locked, in a transaction.
-void Sessions::add_range(int64_t row, ByteSpan span) {
+// every chunk stays cheap. Call with the store locked, in a transaction,
+// which must be rolled back on false: the rows merged into the new one are
+// already deleted then.
+bool Sessions::add_range(int64_t row, ByteSpan span) {
   auto first = static_cast<int64_t>(span.start), last = static_cast<int64_t>(span.end);
   const char* touching = " FROM session_ranges WHERE session = ?1 AND start <= ?3 + 1 AND last + 1 >= ?2";
   {
@@ -97,12 +99,16 @@ void Sessions::add_range(int64_t row, ByteSpan span) {
       last = std::max(last, st.i64(2));
     }
   }
-  Stmt(store_, (std::string("DELETE") + touching).c_str()).bind(1, row).bind(2, first).bind(3, last).done();
-  Stmt(store_, "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)")
-      .bind(1, row)
-      .bind(2, first)
-      .bind(3, last)
-      .done();
+  return Stmt(store_, (std::string("DELETE") + touching).c_str())
+             .bind(1, row)
+             .bind(2, first)
+             .bind(3, last)
+             .done() &&
+         Stmt(store_, "INSERT INTO session_ranges(session, start, last) VALUES(?,?,?)")
+             .bind(1, row)
+             .bind(2, first)
+             .bind(3, last)
+             .done();
 }
 
 void Sessions::commit_group(const std::vector<Pending*>& group) {
@@ -123,12 +129,13 @@ void Sessions::commit_group(const std::vector<Pending*>& group) {
   try {
     for (Pending* p : group) {
       Session& s = *p->session;
-      if (!stored || !p->synced) continue;
+      if (!stored) break;
+      if (!p->synced) continue;
       if (!still_open(s)) {
         p->gone = true;
         continue;
       }
-      if (s.total > 0) add_range(s.row, p->span);
+      stored = s.total == 0 || add_range(s.row, p->span);
       Stmt(store_, "UPDATE sessions SET touched = ? WHERE id = ?").bind(1, now_ms()).bind(2, s.row).done();
     }
     stored = stored && store_.exec("COMMIT");
@@ -169,9 +176,10 @@ Sessions::After Sessions::commit(Session& s, ByteSpan span, int fd) {
       try {
         commit_group(group);
       } catch (...) {
-        // Out of memory after the commit: the rows are stored, but the
-        // answers cannot be worked out; the chunks are refused and sent
-        // again, which stores nothing twice.
+        // Out of memory before the transaction (nothing stored) or after
+        // it (the rows are stored, but the answers cannot be worked out):
+        // either way the chunks are refused and sent again, which stores
+        // nothing twice.
         for (Pending* q : group) q->synced = false;
       }
       lock.lock();

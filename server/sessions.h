@@ -82,7 +82,7 @@ class Sessions {
     bool done = false;
   };
   void commit_group(const std::vector<Pending*>& group);
-  void add_range(int64_t row, ByteSpan span);
+  bool add_range(int64_t row, ByteSpan span);
   std::vector<ByteSpan> load_ranges(int64_t row);
   void done_assembling(int64_t row);
   bool still_open(const Session& s);

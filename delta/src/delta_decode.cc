@@ -159,9 +159,9 @@ void ResultWriter::send() {
   }
   if (wake) changed_.notify_all();
   if (reserved_ < size_ && written_ + kReserveAhead / 2 > reserved_) {
-    uint64_t end = std::min(size_, written_ + kReserveAhead);
-    if (end > reserved_) out_.reserve(reserved_, end - reserved_);
-    reserved_ = std::max(reserved_, end);
+    uint64_t end = std::min(size_, written_ + kReserveAhead);  // past reserved_ by both conditions
+    out_.reserve(reserved_, end - reserved_);
+    reserved_ = end;
   }
   out_.write(buffers_[slot].get(), fill_);
   fill_ = 0;
