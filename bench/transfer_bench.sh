@@ -12,6 +12,7 @@
 #   ZEL_BENCH_SETTLE=5   seconds to wait after sync before each run that
 #                        writes a file
 #   ZEL_BENCH_RUNS=3     runs per tool; the run with the median rate counts
+#   ZEL_BENCH_WAYS=both  up or down: measure only uploads or only downloads
 #   ZEL_BENCH_BASELINE=  another zel_transfer (an older build) whose uploads
 #                        and downloads take turns with this one's, as
 #                        "zel put base" and "zel get base"
@@ -39,6 +40,7 @@ size_mib=${ZEL_BENCH_MIB:-1024}
 peers=${ZEL_BENCH_PEERS:-1}
 settle=${ZEL_BENCH_SETTLE:-5}
 runs=${ZEL_BENCH_RUNS:-3}
+ways=${ZEL_BENCH_WAYS:-both}
 baseline=${ZEL_BENCH_BASELINE:-}
 rss_mode=${ZEL_BENCH_RSS:-0}
 if [ "$rss_mode" = 1 ]; then
@@ -170,8 +172,9 @@ if [ "$rss_mode" = 1 ]; then
 fi
 
 # The downloads read the object the library uploaded, after checking it.
-echo "uploads:"
+[ "$ways" = down ] || echo "uploads:"
 for ((r = 0; r < runs; r++)); do
+  [ "$ways" = down ] && break
   run_once "zel put" no_zel_up "$size" "$client" put "$base" bench zel-up "$work/source.bin"
   [ -n "$baseline" ] && run_once "zel put base" no_zel_up "$size" "$baseline" put "$base" bench zel-up "$work/source.bin"
   if [ "$peers" = 1 ]; then
@@ -187,8 +190,9 @@ got_sha=$(sha1sum "$work/zel.bin" | cut -d' ' -f1)
 [ "$got_sha" = "$source_sha" ] || { echo "zel: SHA-1 $got_sha differs from the source's $source_sha" >&2; exit 1; }
 no_zel_file
 
-echo "downloads:"
+[ "$ways" = up ] || echo "downloads:"
 for ((r = 0; r < runs; r++)); do
+  [ "$ways" = up ] && break
   run_once "zel get" no_zel_file "$size" "$client" get "$base" bench zel-up "$work/zel.bin"
   [ -n "$baseline" ] && run_once "zel get base" no_zel_file "$size" "$baseline" get "$base" bench zel-up "$work/zel.bin"
   if [ "$peers" = 1 ]; then
@@ -223,6 +227,7 @@ pairs=()
 if [ "${#pairs[@]}" -gt 0 ]; then
   echo
   for pair in "${pairs[@]}"; do
+    [ -n "$(rate "${pair%%:*}")" ] && [ -n "$(rate "${pair##*:}")" ] || continue
     printf '%-28s %6.2fx\n' "${pair%%:*} / ${pair##*:}" "$(echo "$(rate "${pair%%:*}") / $(rate "${pair##*:}")" | bc -l)"
   done
 fi

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "alloc.h"
+#include "direct_write.h"
 #include "frame.h"
 #include "http_plan.h"
 #include "httppool.h"
@@ -26,7 +27,8 @@ constexpr int kDetailsOk[] = {200};
 // the file: an error page must never overwrite downloaded bytes, and a
 // whole-object 200 to a ranged request would land at the wrong offset.
 struct DownloadSink {
-  FILE* file;
+  FILE* file;  // nullptr when `direct` takes the bytes
+  DirectWrite* direct;
   ZELStreamWriteFn write;
   uint64_t count;  // bytes written
   uint64_t limit;  // bytes the range holds; UINT64_MAX when unknown
@@ -37,7 +39,8 @@ size_t download_write(const char* bytes, size_t n, int32_t status, void* raw) {
   auto* sink = static_cast<DownloadSink*>(raw);
   if (status != 206 && !(status == 200 && sink->whole)) return status == 200 ? 0 : n;
   if (n > sink->limit - sink->count) return 0;
-  size_t written = sink->write(const_cast<char*>(bytes), 1, n, sink->file);
+  size_t written = sink->direct != nullptr ? direct_append(sink->direct, bytes, n)
+                                           : sink->write(const_cast<char*>(bytes), 1, n, sink->file);
   sink->count += written;
   return written;
 }
@@ -72,19 +75,45 @@ int download_progress(void* raw, uint64_t total, uint64_t now, uint64_t, uint64_
 
 bool range_header_sent(const ZELDownloadDecorator* d) { return d->range_flag || !d->size_unknown; }
 
+// The chunk's way into the output file: a stream positioned at its place,
+// or a direct writer.
+struct Output {
+  FILE* file = nullptr;
+  DirectWrite direct;
+  bool is_direct = false;
+};
+
 // Opens the output file at the chunk's place; false with the system's
 // error number and text when it cannot.
-bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, FILE** file, int32_t* status,
+bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, Output* out, int32_t* status,
                  const char** message) {
   const ZELStream* stream = d->opt->stream;
   uint64_t base = d->range_flag ? d->opt->range->start : 0;
-  *file = file_open(stream->filename, "rb+");
-  if (*file != nullptr) use_write_block(*file);
-  if (*file != nullptr && stream->seek(*file, static_cast<int64_t>(range->start - base), 0) >= 0) return true;
+  uint64_t offset = range->start - base;
+  bool ok = false;
+  if (d->direct && range->end - range->start + 1 >= kDirectMinimum) {
+    out->is_direct = true;
+    ok = direct_open(&out->direct, stream->filename, offset);
+  } else {
+    out->file = file_open(stream->filename, "rb+");
+    if (out->file != nullptr) use_write_block(out->file);
+    ok = out->file != nullptr && stream->seek(out->file, static_cast<int64_t>(offset), 0) >= 0;
+  }
+  if (ok) return true;
   int error = errno;
   *status = error;
   *message = transfer_error_text(error);
   return false;
+}
+
+// Closes the chunk's way into the file: 0, or the errno value of a write
+// that only failed now.
+int close_output(Output* out) {
+  if (out->is_direct) return direct_close(&out->direct);
+  if (out->file == nullptr) return 0;
+  int closed = fclose(out->file);
+  out->file = nullptr;
+  return closed != 0 ? errno : 0;
 }
 
 HttpPlan fetch_plan(const ZELDownloadDecorator* d, const ZELByteRange* range, DownloadSink* sink,
@@ -115,13 +144,17 @@ AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* ran
                                 int32_t* error_status, const char** error_message) {
   *error_status = 0;
   *error_message = nullptr;
-  FILE* file = nullptr;
-  if (!open_output(d, range, &file, error_status, error_message)) {
-    if (file != nullptr) fclose(file);
+  Output out;
+  if (!open_output(d, range, &out, error_status, error_message)) {
+    close_output(&out);
     return AttemptOutcome{false, *error_status, true};
   }
   bool sent = range_header_sent(d);
-  DownloadSink sink{file, d->opt->stream->write, 0, sent ? range->end - range->start + 1 : UINT64_MAX,
+  DownloadSink sink{out.file,
+                    out.is_direct ? &out.direct : nullptr,
+                    d->opt->stream->write,
+                    0,
+                    sent ? range->end - range->start + 1 : UINT64_MAX,
                     !sent || (!d->range_flag && range->start == 0 && range->end + 1 == d->size)};
   ZELTransferProgress data{
       d->progress, 0, d->user_data, attempt >= 1 ? 1 : 0, d->opt->size_unknown, d->opt->progress_callback};
@@ -129,10 +162,9 @@ AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* ran
   HttpExchange exchange;
   exchange.run(plan);
   // A write that only fails at close would otherwise pass for a download.
-  int closed = fclose(file);
-  int close_error = errno;
+  int close_error = close_output(&out);
   HttpVerdict verdict(exchange, kDownloadRules);
-  if (verdict.success() && closed != 0) {
+  if (verdict.success() && close_error != 0) {
     *error_status = close_error;
     *error_message = transfer_error_text(close_error);
     return AttemptOutcome{false, close_error, true};
