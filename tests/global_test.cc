@@ -22,9 +22,7 @@
 #include "threadpool.h"
 #include "threads.h"
 
-using zeltest::CapturedLog;
-using zeltest::RawHttpServer;
-
+namespace zeltest {
 namespace {
 
 using namespace std::chrono_literals;
@@ -36,7 +34,6 @@ class GlobalStartUp : public ::testing::Test {
  protected:
   void TearDown() override {
     global_set_step_hook(nullptr);
-    mem_fail_at(0);
     zel_global_cleanup();
   }
 };
@@ -45,18 +42,14 @@ bool locale_is_global() { return uselocale(static_cast<locale_t>(0)) == LC_GLOBA
 
 // True when no service of the library is left.
 ::testing::AssertionResult nothing_left() {
-  if (http_pool_available() != -1) return ::testing::AssertionFailure() << "HTTP pool left";
-  if (thread_pool_running() != -1) return ::testing::AssertionFailure() << "thread pool left";
-  if (cache_count() != -1) return ::testing::AssertionFailure() << "bucket cache left";
-  if (http_global_ready()) return ::testing::AssertionFailure() << "libcurl state left";
-  if (!locale_is_global()) return ::testing::AssertionFailure() << "thread locale left";
-  return ::testing::AssertionSuccess();
+  const char* left = http_pool_available() != -1   ? "HTTP pool"
+                     : thread_pool_running() != -1 ? "thread pool"
+                     : cache_count() != -1         ? "bucket cache"
+                     : http_global_ready()         ? "libcurl state"
+                     : !locale_is_global()         ? "thread locale"
+                                                   : nullptr;
+  return left ? ::testing::AssertionFailure() << left << " left" : ::testing::AssertionSuccess();
 }
-
-using zeltest::eventually;
-using zeltest::thread_count;
-
-}  // namespace
 
 TEST_F(GlobalStartUp, BringsUpEveryServiceAndTakesThemDown) {
   ASSERT_TRUE(nothing_left());
@@ -99,29 +92,24 @@ TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
     EXPECT_TRUE(nothing_left());
     // The locale step fails silently.
     EXPECT_EQ(log.all().size(), messages[step] ? 1u : 0u);
-    if (messages[step]) {
-      EXPECT_EQ(log.tag_of(messages[step]), "src\\zel");
-    }
+    EXPECT_EQ(log.tag_of(messages[step] ? messages[step] : "-"), messages[step] ? "src\\zel" : "");
   }
   global_set_step_hook(nullptr);
   // The same undo, reached through real allocation failures: every
   // allocation of start-up fails in turn until start-up succeeds.
+  auto attempt = [] {
+    if (zel_global_init() == 0) return true;
+    EXPECT_TRUE(nothing_left());
+    return false;
+  };
   EXPECT_EQ(
-      zeltest::walk_failure_messages("src\\zel",
-                                     [] {
-                                       if (zel_global_init() == 0) return true;
-                                       EXPECT_TRUE(nothing_left());
-                                       return false;
-                                     }),
+      walk_failure_messages("src\\zel", attempt),
       (std::vector<std::string>{messages[kStepCache], messages[kStepHttpPool], messages[kStepThreadPool]}));
 }
 
-namespace {
 struct Work {
   std::string url;
-  std::atomic<int> started{0};
-  std::atomic<int> finished{0};
-  std::atomic<int> exchanged{0};
+  std::atomic<int> started{0}, finished{0}, exchanged{0};
 };
 
 // A transfer-like task: borrow a pooled request, talk to the server, give
@@ -140,9 +128,7 @@ void pooled_exchange(void* raw) {
   http_pool_release(request);
   work->finished++;
 }
-}  // namespace
 
-namespace {
 char* silent_token() { return nullptr; }
 void count_report(const ZELDeleteObjectResp* resp, void* raw) {
   static_cast<std::atomic<int>*>(raw)->store(resp->code);
@@ -152,7 +138,6 @@ double cpu_seconds() {
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
-}  // namespace
 
 // Pooled exchanges under way and queued, and a delete hanging on a server
 // that never answers: shut-down waits for every worker, stops the exchange
@@ -189,3 +174,6 @@ TEST_F(GlobalStartUp, NothingOutlivesShutDownAndItDoesNotSpin) {
   zel_cleanup(handle);
   zel_set_environment_url(ZEL_ENV_LOCAL, nullptr);
 }
+
+}  // namespace
+}  // namespace zeltest
