@@ -14,6 +14,7 @@
 #include "object.h"
 #include "progress.h"
 
+namespace zeltest {
 namespace {
 
 using Range = std::pair<uint64_t, uint64_t>;
@@ -52,11 +53,11 @@ TEST(Iterator, ChunkBoundariesAndRefusals) {
     EXPECT_EQ(drain(iterator), c.chunks);
     iterator_cleanup(iterator);
   }
-  zeltest::CapturedLog log;
+  CapturedLog log;
   EXPECT_EQ(iterator_init(0, 0, 100), nullptr);
-  EXPECT_EQ(zeltest::CapturedLog::last("src\\iterator"), "Cannot initialize iterator with step equal 0");
+  EXPECT_EQ(CapturedLog::last("src\\iterator"), "Cannot initialize iterator with step equal 0");
   EXPECT_EQ(iterator_init(UINT64_MAX, 1, 2), nullptr);
-  EXPECT_EQ(zeltest::CapturedLog::last("src\\iterator"),
+  EXPECT_EQ(CapturedLog::last("src\\iterator"),
             "Cannot initialize iterator with a range beyond the largest offset");
   mem_fail_at(1);
   EXPECT_EQ(iterator_init(0, 1, 1), nullptr);
@@ -72,39 +73,34 @@ TEST(Iterator, ChunkBoundariesAndRefusals) {
 }
 
 TEST(Progress, ReportsAddOnlyNewBytesAndDownloadsMayShrink) {
-  zeltest::CapturedLog log;
+  CapturedLog log;
   mem_fail_at(1);
   EXPECT_EQ(progress_init(1), nullptr);
   mem_fail_at(0);
-  EXPECT_EQ(zeltest::CapturedLog::last("src\\progress"), "Cannot allocate memory for ZELProgress");
+  EXPECT_EQ(CapturedLog::last("src\\progress"), "Cannot allocate memory for ZELProgress");
   ZELProgress* progress = progress_init(500);
   ZELTransferProgress* upload = transfer_progress_init(progress, nullptr, 0, 0, nullptr);
   ZELTransferProgress* download = transfer_progress_init(progress, nullptr, 0, 1, nullptr);
 
-  ProgressFigures figures{};
-  EXPECT_FALSE(progress_report(upload, 0, false, &figures)) << "nothing moved yet";
-  EXPECT_TRUE(progress_report(upload, 100, false, &figures));
-  EXPECT_EQ(figures.transferred, 100u);
-  EXPECT_EQ(figures.total, 500u) << "the total given at init";
-  EXPECT_FALSE(progress_report(upload, 100, false, &figures)) << "same count adds nothing";
-  EXPECT_FALSE(progress_report(upload, 40, false, &figures)) << "an upload never goes back";
-  EXPECT_TRUE(progress_report(upload, 150, false, &figures));
-  EXPECT_EQ(figures.transferred, 150u);
-
-  EXPECT_TRUE(progress_report(download, 30, true, &figures));
-  EXPECT_EQ(figures.transferred, 180u);  // requests of one transfer add up
-  progress_set_total(progress, 900);
-  EXPECT_TRUE(progress_report(download, 10, true, &figures));  // a restarted download subtracts
-  EXPECT_EQ(figures.transferred, 160u);
-  EXPECT_EQ(figures.total, 900u);
-
-  // Subtracting more than was counted stops at zero instead of wrapping.
   ZELProgress* small = progress_init(0);
   ZELTransferProgress* odd = transfer_progress_init(small, nullptr, 0, 0, nullptr);
   odd->last = 50;
-  EXPECT_TRUE(progress_report(odd, 0, true, &figures));
-  EXPECT_EQ(figures.transferred, 0u);
-  EXPECT_FALSE(progress_report(nullptr, 5, false, &figures));
+  auto report = [](ZELTransferProgress* request, uint64_t count, bool may_shrink) {
+    ProgressFigures f{};
+    return progress_report(request, count, may_shrink, &f)
+               ? std::to_string(f.transferred) + "/" + std::to_string(f.total)
+               : "none";
+  };
+  EXPECT_EQ(report(upload, 0, false), "none") << "nothing moved yet";
+  EXPECT_EQ(report(upload, 100, false), "100/500") << "the total given at init";
+  EXPECT_EQ(report(upload, 100, false), "none") << "the same count adds nothing";
+  EXPECT_EQ(report(upload, 40, false), "none") << "an upload never goes back";
+  EXPECT_EQ(report(upload, 150, false), "150/500");
+  EXPECT_EQ(report(download, 30, true), "180/500") << "requests of one transfer add up";
+  progress_set_total(progress, 900);
+  EXPECT_EQ(report(download, 10, true), "160/900") << "a restarted download subtracts";
+  EXPECT_EQ(report(odd, 0, true), "0/0") << "subtracting more than was counted stops at zero";
+  EXPECT_EQ(report(nullptr, 5, false), "none");
   for (ZELTransferProgress* request : {upload, download, odd}) mem_free(request);
   progress_cleanup(small);
   progress_cleanup(progress);
@@ -157,3 +153,4 @@ TEST(Concurrency, EachChunkOnceAndExactSums) {
 }
 
 }  // namespace
+}  // namespace zeltest

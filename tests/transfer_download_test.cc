@@ -244,17 +244,6 @@ TEST_P(ChunkRules, FailedStatusesAreRetriedOnlyWhenWorthIt) {
     EXPECT_EQ(chunk_requests(), 7u) << "one good chunk and six tries of the failing one";
     server_.clear_faults();
   }
-  for (int refused : {403, 404}) {
-    SCOPED_TRACE(std::to_string(refused) + " is not retried");
-    server_.clear_requests();
-    ASSERT_TRUE(fault("retry", R"("status":)" + std::to_string(refused), "0-"));
-    Outcome o;
-    run("retry", data, o);
-    EXPECT_EQ(o.code, refused);
-    std::string reason = d.upload ? (o.chunk_failures.empty() ? "" : o.chunk_failures[0].second) : o.message;
-    EXPECT_EQ(reason, refused == 403 ? "Forbidden" : "Not Found");
-    EXPECT_LE(chunk_requests(), 2u);
-  }
   {
     SCOPED_TRACE("504 is retried and gives up one place in the request pool");
     server_.clear_requests();

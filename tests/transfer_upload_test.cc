@@ -83,30 +83,6 @@ TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
   }
 }
 
-TEST_F(UploadTest, RangedUploadLandsAtItsOffsetsAndEndsWithoutDetails) {
-  std::string data = pattern_bytes(200000, 5);
-  PutOptions p("bkt", "ranged", dir_.write("ranged", data));
-  p.opt.session_id = "ranged-session";
-  p.set_range(70000, 199999);
-  Outcome o;
-  upload(p, o);
-  EXPECT_EQ(o.details, 1);
-  EXPECT_TRUE(o.details_null) << "the service still misses bytes 0-69999";
-  EXPECT_EQ(o.chunks_done.size(), 2u);
-  std::set<std::string> ranges;
-  for (const auto& r : puts()) ranges.insert(r.header("Content-Range"));
-  EXPECT_EQ(ranges, (std::set<std::string>{"bytes 70000-135535/200000", "bytes 135536-199999/200000"}));
-  // The rest completes the object, whose bytes must all sit in place.
-  PutOptions rest("bkt", "ranged", dir_.file("ranged"));
-  rest.opt.session_id = "ranged-session";
-  rest.set_range(0, 69999);
-  Outcome o2;
-  upload(rest, o2);
-  ASSERT_EQ(o2.details, 1) << o2.code << " " << o2.message;
-  EXPECT_EQ(o2.sha1, sha1_hex(data));
-  EXPECT_EQ(stored("ranged"), data);
-}
-
 TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
   CapturedLog log;
   PutOptions p("bkt", "x", dir_.write("x", "abc"));
@@ -123,23 +99,6 @@ TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
   zel_put_object(nullptr, &p.opt, &silent);
   EXPECT_EQ(silent.finals, 0);
   EXPECT_EQ(CapturedLog::last("src\\object"), "ZEL is not initialized");
-}
-
-TEST_F(UploadTest, OptionsMayBeFreedAtOnceAndBucketsAreCreatedOnDemand) {
-  h_->auto_create_bucket = 1;
-  server_.clear_requests();
-  std::string data = pattern_bytes(3 * kChunk, 8);
-  auto* p = new PutOptions("fresh-bucket", "obj", dir_.write("obj", data));
-  Outcome o;
-  zel_put_object(h_, &p->opt, &o);
-  delete p;  // the queued upload works on its own copies
-  ASSERT_TRUE(o.wait_once());
-  EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
-  EXPECT_EQ(o.sha1, sha1_hex(data));
-  auto journal = server_.requests();
-  ASSERT_FALSE(journal.empty());
-  EXPECT_EQ(journal.front().method, "POST") << "the bucket is made before the first chunk";
-  EXPECT_EQ(matching(journal, "POST", "/buckets").size(), 1u);
 }
 
 // Chunks start in file order, whatever order the worker queue runs its
