@@ -45,13 +45,16 @@ std::string listed(const ZELBucketPermissions* list) {
 
 bool starts_with(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
+// The grant and revoke bodies share the permission list writer; their keys
+// per version are checked end to end against the emulator, which refuses
+// any other.
 TEST(RequestBodies, ExactBytesPerVersionAndLoggedFailures) {
   // The operation serialises its clone of the caller's list: A before B.
   ZELBucketPermissions* caller = appended({{"A", ZEL_BUCKET_ACCESS_READ}, {"B", ZEL_BUCKET_ACCESS_FULL}});
   ZELBucketPermissions* list = permissions_clone(caller);
   ZELBucketPermissions* odd = appended({{"A", 0}, {"C", 7}});
   ZELCreateBucketOpt create{u"bücket-✓", ZEL_BUCKET_POLICY_TEMPORARY, list, nullptr, nullptr, nullptr},
-      odd_create{u"k", 9, odd, nullptr, nullptr, nullptr}, bare{u"k", 2, nullptr, nullptr, nullptr, nullptr};
+      odd_create{u"k", 9, odd, nullptr, nullptr, nullptr};
   ZELGrantBucketAccessOpt grant{nullptr, list, nullptr, nullptr, nullptr};
   ZELRevokeBucketAccessOpt revoke{nullptr, list, nullptr, nullptr, nullptr};
   const std::pair<std::string, const char*> cases[] = {
@@ -61,15 +64,7 @@ TEST(RequestBodies, ExactBytesPerVersionAndLoggedFailures) {
       {body(create_bucket_tojson(&odd_create, 2)),
        R"({"bucketKey":"k","policyKey":"undefined","allow":)"
        R"([{"authId":"C","access":"undefined"},{"authId":"A","access":"read"}]})"},
-      {body(create_bucket_v2_tojson(&bare)), R"({"bucketKey":"k","policyKey":"persistent","allow":[]})"},
-      {body(grant_bucket_access_tojson(&grant, 1)),
-       R"({"servicesAllowed":[{"serviceId":"A","access":"read"},{"serviceId":"B","access":"full"}]})"},
-      {body(grant_bucket_access_tojson(&grant, 2)),
-       R"({"allow":[{"authId":"A","access":"read"},{"authId":"B","access":"full"}]})"},
-      {body(revoke_bucket_access_tojson(&revoke, 1)),
-       R"({"servicesAllowed":[{"serviceId":"A"},{"serviceId":"B"}]})"},
-      {body(revoke_bucket_access_tojson(&revoke, 2)), R"({"revoke":[{"authId":"A"},{"authId":"B"}]})"},
-      {body(create_bucket_tojson(&bare, 3)), "<none>"},
+      {body(create_bucket_tojson(&create, 3)), "<none>"},
       {body(grant_bucket_access_tojson(&grant, 7)), "<none>"},
       {body(revoke_bucket_access_tojson(&revoke, 0)), "<none>"},
   };
@@ -108,11 +103,15 @@ void done(ZELBucketPermissions* record) { zel_permissions_cleanup(record); }
 void done(ZELListBucketsDetails* record) { list_buckets_details_cleanup(record); }
 void done(ZELObjectDetails* record) { zel_object_details_cleanup(record); }
 
-// Parses into a fresh record, then frees it; the parser's result.
+// Parses into a fresh record, its `fail_at`th allocation failing (0: none),
+// then frees the record; the parser's result.
 template <class Record, int (*Parse)(const char*, Record*)>
-int parsed(const char* text) {
+int parsed(const char* text, long fail_at = 0) {
+  mem_fail_at(0);
   Record* record = init(static_cast<Record*>(nullptr));
+  mem_fail_at(fail_at);
   int result = Parse(text, record);
+  mem_fail_at(0);
   done(record);
   return result;
 }
@@ -125,7 +124,7 @@ constexpr auto kObjectV1 = parsed<ZELObjectDetails, object_details_v1_fromjson>;
 constexpr auto kObjectV2 = parsed<ZELObjectDetails, object_details_v2_fromjson>;
 
 // A refused reason leaves no text behind.
-int reason(const char* text) {
+int reason(const char* text, long) {
   char* out = reinterpret_cast<char*>(1);
   int result = err_reason_fromjson(text, &out);
   return out == nullptr ? result : -99;
@@ -133,7 +132,7 @@ int reason(const char* text) {
 
 TEST(Answers, MalformedOrUnexpectedBodiesAreRefusedAndLogged) {
   struct Case {
-    int (*parse)(const char*);
+    int (*parse)(const char*, long);
     const char* text;
     const char* logged;  // the start of the last message
   } cases[] = {
@@ -166,7 +165,7 @@ TEST(Answers, MalformedOrUnexpectedBodiesAreRefusedAndLogged) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     log.clear();
-    EXPECT_EQ(c.parse(c.text), -1);
+    EXPECT_EQ(c.parse(c.text, 0), -1);
     EXPECT_TRUE(starts_with(zeltest::CapturedLog::last(kTag), c.logged)) << zeltest::CapturedLog::last(kTag);
   }
   EXPECT_EQ(err_reason_fromjson(nullptr, nullptr), -1);
@@ -235,7 +234,7 @@ TEST(BucketDetails, IncompletePermissionEntryFailsAndDropsTheList) {
 
 // Lists are read in reverse; unknown keys inside entries and after them are
 // passed over; an absent next page is an empty text.
-TEST(OtherAnswers, GrantListingAndReason) {
+TEST(OtherAnswers, GrantAndListing) {
   ZELBucketPermissions* list = zel_permissions_init();
   ASSERT_EQ(bucket_permissions_fromjson(R"({"servicesAllowed":[{"serviceId":"A","access":"read"},)"
                                         R"({"serviceId":"C","access":"none","x":0}]})",
@@ -261,11 +260,6 @@ TEST(OtherAnswers, GrantListingAndReason) {
   EXPECT_EQ(list_bucket_items_fromjson(page, nullptr), -1);
   EXPECT_EQ(zeltest::CapturedLog::last(kTag), "ListBucketItem instance is not initialized");
   list_buckets_details_cleanup(page);
-
-  char* text = nullptr;
-  ASSERT_EQ(err_reason_fromjson(R"({"reason": "Object not found"})", &text), 0);
-  EXPECT_STREQ(text, "Object not found");
-  mem_free(text);
 }
 
 // Version 1 describes the last object; its optional texts are defaulted
@@ -306,35 +300,34 @@ TEST(ObjectDetails, BothVersionsWithTheirDefaults) {
   zel_object_details_cleanup(d);
 }
 
-// Every allocation of a parse may fail; each must end in -1 without a leak,
-// and the parse must succeed once nothing fails. The records are made
-// before the step's failure is armed.
+// Every allocation of a parse may fail; each must end in -1 without a leak
+// and with its message, and the parse must succeed once nothing fails.
 TEST(ParsedRecords, FailedCopiesAreReportedNotHalfDone) {
-  zeltest::CapturedLog log;
-  zeltest::walk_allocations(20, [&](long step) {
-    mem_fail_at(0);
-    ZELObjectDetails* details = zel_object_details_init();
-    mem_fail_at(step);
-    int result = object_details_v2_fromjson(R"({"bucketKey":"b","objectKey":"k","size":1,"contentType":"c"})",
-                                            details);
-    zel_object_details_cleanup(details);
-    if (result == 0) return true;
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELObjectDetails fields");
-    return false;
-  });
-  zeltest::walk_allocations(20, [&](long step) {
-    mem_fail_at(0);
-    ZELListBucketsDetails* page = list_buckets_details_init();
-    mem_fail_at(step);
-    int result =
-        list_buckets_v2_fromjson(R"({"items":[{"bucketKey":"a","createdDate":1,"policyKey":"t"}]})", page);
-    list_buckets_details_cleanup(page);
-    if (result == 1) return true;
-    EXPECT_EQ(result, -1);
-    return false;
-  });
-  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot append new permission to the list");
+  const struct {
+    int (*parse)(const char*, long);
+    const char* text;
+    int ok;
+    std::vector<std::string> logged;
+  } cases[] = {
+      {kObjectV2,
+       R"({"bucketKey":"b","objectKey":"k","size":1,"contentType":"c"})",
+       0,
+       {"Cannot allocate memory for ZELObjectDetails fields"}},
+      {kListing,
+       R"({"items":[{"bucketKey":"a","createdDate":1,"policyKey":"t"}]})",
+       1,
+       {"Cannot allocate memory for ZELListBucketsDetails next_page",
+        "Cannot append new permission to the list"}},
+  };
+  for (const auto& c : cases) {
+    long step = 0;
+    auto attempt = [&] {
+      int result = c.parse(c.text, ++step);
+      EXPECT_TRUE(result == c.ok || result == -1) << result;
+      return result == c.ok;
+    };
+    EXPECT_EQ(zeltest::walk_failure_messages(kTag, attempt), c.logged);
+  }
 }
 
 }  // namespace
