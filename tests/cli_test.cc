@@ -1,5 +1,7 @@
 // End-to-end tests of the zel command-line tool: the real binary against an
 // emulator, checking what it prints, its exit status and what it sent.
+#include <sstream>
+
 #include "cli_support.h"
 
 namespace {
@@ -243,29 +245,18 @@ TEST_F(CliTest, HelpAndVersion) {
 // "command", "error": {"kind", "target", "message", "status", "hint"}}.
 TEST_F(CliTest, OneJsonSchemaForEveryCommandAndFailure) {
   std::string file = dir_.write("j.txt", "json");
-  const std::vector<std::vector<std::string>> commands = {
-      {"mb", "jb"},
-      {"buckets"},
-      {"info", "jb"},
-      {"grant", "jb", "s:read"},
-      {"revoke", "jb", "s"},
-      {"put", file, "bkt/j"},
-      {"stat", "bkt/j"},
-      {"session", "bkt/j", "nope"},
-      {"cp", "bkt/j", "j2"},
-      {"get", "bkt/j", dir_.file("j.out")},
-      {"rm", "bkt/j2"},
-      {"restore", "bkt/j2"},
-      {"touch", "bkt/j"},
-      {"get-url", server_.api(2) + "/buckets/bkt/objects/j", dir_.file("u.out"), "--auth"},
-      {"resume", file, "bkt/j", "--session", "x"},
-      {"mb", "jb"},
-      {"put", dir_.file("none"), "bkt/j"},
-      {"rm", "nokey"},
-      {"--chunk-size", "1", "buckets"}};
+  const std::string url = server_.api(2) + "/buckets/bkt/objects/j";
+  // One command a line; F is a local file, U the object's address, D/ the scratch directory.
+  std::istringstream script(
+      "mb jb\nbuckets\ninfo jb\ngrant jb s:read\nrevoke jb s\nput F bkt/j\nstat bkt/j\nsession bkt/j nope\n"
+      "cp bkt/j j2\nget bkt/j D/j.out\nrm bkt/j2\nrestore bkt/j2\ntouch bkt/j\nget-url U D/u.out --auth\n"
+      "resume F bkt/j --session x\nmb jb\nput D/none bkt/j\nrm nokey\n--chunk-size 1 buckets");
   int failures = 0;
-  for (auto args : commands) {
-    args.insert(args.begin(), "--json");
+  for (std::string line; std::getline(script, line);) {
+    std::istringstream words(line);
+    std::vector<std::string> args{"--json"};
+    for (std::string w; words >> w;)
+      args.push_back(w == "F" ? file : w == "U" ? url : w.rfind("D/", 0) == 0 ? dir_.file(w.substr(2)) : w);
     Ran r = zel(args);
     failures += r.status != 0;
     JsonPtr d = parse_json(r.out);
