@@ -3,10 +3,7 @@
 // proxy of the suite's own; URLs that do not fit; texts that would add
 // header lines. Each case asserts the one reported outcome and, on success,
 // the SHA-1 of the bytes.
-#include <sys/stat.h>
-
 #include <atomic>
-#include <climits>
 
 #include "fault_proxy.h"
 #include "http_plan.h"
@@ -17,7 +14,6 @@
 namespace {
 
 using zeltest::Fault;
-using zeltest::FaultProxy;
 using zeltest::GetOptions;
 using zeltest::Outcome;
 using zeltest::pattern_bytes;
@@ -31,7 +27,7 @@ class RequestPathTest : public zeltest::LibTest {
   void SetUp() override {
     LibTest::SetUp();
     make_bucket("bkt");
-    proxy_ = std::make_unique<FaultProxy>(server_.port());
+    proxy_ = std::make_unique<zeltest::FaultProxy>(server_.port());
     ASSERT_EQ(zel_set_environment_url(ZEL_ENV_LOCAL, proxy_->base_url().c_str()), 0);
     transfer_set_backoff(1, 10);
     h_ = handle();
@@ -66,11 +62,7 @@ class RequestPathTest : public zeltest::LibTest {
     EXPECT_TRUE(server_.requests().empty()) << "nothing may be sent";
   }
 
-  std::string object_bytes(const std::string& key) {
-    return zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/" + key, {zeltest::kAuthHeader}).body;
-  }
-
-  std::unique_ptr<FaultProxy> proxy_;
+  std::unique_ptr<zeltest::FaultProxy> proxy_;
   ZEL* h_ = nullptr;
   zeltest::ScratchDir dir_;
 };
@@ -155,7 +147,10 @@ TEST_F(RequestPathTest, OverLongKeysAreRefusedAndTheNeighbourIsUntouched) {
   }
   for (const Outcome& each : o) expect_refused(each, "The request URL is too long");
   expect_nothing_sent();
-  EXPECT_EQ(sha1_hex(object_bytes(neighbour)), sha1_hex(data));
+  EXPECT_EQ(sha1_hex(zeltest::http("GET", server_.api(2) + "/buckets/bkt/objects/" + neighbour,
+                                   {zeltest::kAuthHeader})
+                         .body),
+            sha1_hex(data));
   EXPECT_FALSE(zeltest::file_exists(dir_.file("out"))) << "the output file is not even created";
 }
 
@@ -355,8 +350,6 @@ TEST_F(RequestPathTest, ShutdownInterruptsTheWait) {
   ASSERT_EQ(zel_global_init(), 0);  // for the fixture's own shut-down
 }
 
-// A redirect to another host is followed only when the request carries
-// nothing private: no token and none of the caller's lines.
 // A details answer claiming a size of -1 reads as 2^64-1: refused, nothing
 // fetched, no file of that size reserved.
 TEST_F(RequestPathTest, ClaimedSizesBeyondWhatAFileCanHoldAreRefused) {
