@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,65 +24,30 @@ class TestApiTest : public EmulatorTest {
     ASSERT_TRUE(server_.make_bucket("tapi"));
     ASSERT_EQ(http("PUT", url_, {kAuthHeader}, std::string(1000, 'k')).status, 200);
   }
-  HttpResult get(const std::string& range = "", const std::string& suffix = "") {
-    std::vector<std::string> headers{kAuthHeader};
-    if (!range.empty()) headers.push_back("Range: " + range);
-    return http("GET", url_ + suffix, headers);
-  }
+  HttpResult get(const std::string& suffix = "") { return http("GET", url_ + suffix, {kAuthHeader}); }
   std::string url_;
 };
 
-TEST_F(TestApiTest, JournalRecordsRequestsAsReceived) {
+// Other tests rely on the journal's targets, statuses and principals, and
+// on fault rules that fail, stall and wear out; here, what no other test uses.
+TEST_F(TestApiTest, JournalKeepsHeaderLinesInOrderAsWritten) {
   ASSERT_TRUE(server_.clear_requests());
-  const std::string target = "/zel/v2/buckets/tapi/objects/a%2Fb%20c%C3%A9?x=y&z=%2F";
   const std::vector<std::string> sent = {"Authorization", "Session-Id", "Content-Range",
                                          "x-lower-case",  "X-Custom",   "Content-Type"};
-  ASSERT_EQ(http("PUT", server_.base_url() + target,
-                 {kAuthHeader, "Session-Id: s1", "Content-Range: bytes 0-4/5", "x-lower-case: v",
-                  "X-Custom: One", "Content-Type: text/plain"},
-                 "hello")
-                .status,
-            200);
-  http("GET", url_, {"Range: bytes=0-9"});  // no token: 401
-  get("bytes=0-9");
-
-  std::vector<RecordedRequest> log = server_.requests();
-  ASSERT_EQ(log.size(), 3u) << "the test API's own requests are not recorded";
-  EXPECT_EQ(log[0].method + " " + log[0].target + " " + std::to_string(log[0].body_size),
-            "PUT " + target + " 5");
+  http("PUT", url_,
+       {kAuthHeader, "Session-Id: s1", "Content-Range: bytes 0-4/5", "x-lower-case: v", "X-Custom: One",
+        "Content-Type: text/plain"},
+       "hello");
+  RecordedRequest put = server_.requests().at(0);
   // The test's own lines, among those libcurl adds: in the order sent, names as written.
   std::vector<std::string> names;
-  for (const auto& h : log[0].headers)
+  for (const auto& h : put.headers)
     if (std::find(sent.begin(), sent.end(), h.first) != sent.end()) names.push_back(h.first);
   EXPECT_EQ(names, sent);
-  EXPECT_EQ(log[0].header("content-range"), "bytes 0-4/5");
-  EXPECT_EQ(std::vector<int>({log[0].status, log[1].status, log[2].status}),
-            std::vector<int>({200, 401, 206}));
-  EXPECT_EQ(log[2].header("Range"), "bytes=0-9") << "the Range line is journaled as sent";
-  ASSERT_TRUE(server_.clear_requests());
-  EXPECT_TRUE(server_.requests().empty());
+  EXPECT_EQ(put.header("content-range"), "bytes 0-4/5");
 }
 
-TEST_F(TestApiTest, FaultRulesFailStallAndCut) {
-  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"/objects/f1$","status":503,"times":2})"));
-  EXPECT_EQ(get().status, 503);
-  EXPECT_EQ(json_keys(parse_json(get().body).get()), std::vector<std::string>{"reason"});
-  EXPECT_EQ(get().status, 200) << "the rule is used up after two";
-  ASSERT_TRUE(server_.add_fault(R"({"path":"details$","status":500,"body":"oops"})"));
-  EXPECT_EQ(get("", "/details").body, "oops");
-
-  ASSERT_TRUE(
-      server_.add_fault(R"({"path":"/objects/","header":"Range: bytes=0-","status":504,"times":-1})"));
-  EXPECT_EQ(get().status, 200);
-  EXPECT_EQ(get("bytes=0-9").status, 504);
-  EXPECT_EQ(get("bytes=0-9").status, 504);
-  ASSERT_TRUE(server_.clear_faults());
-  EXPECT_EQ(get("bytes=0-9").status, 206);
-
-  ASSERT_TRUE(server_.add_fault(R"({"path":"f1$","delay_ms":300})"));
-  auto t0 = Clock::now();
-  EXPECT_EQ(get().status, 200);
-  EXPECT_GE(elapsed_ms(t0), 300);
+TEST_F(TestApiTest, FaultRulesCutAndReadWholeBodies) {
   ASSERT_TRUE(server_.add_fault(R"({"path":"f1$","reset_after_bytes":100})"));
   HttpResult cut = get();
   EXPECT_FALSE(cut.error.empty()) << "the transfer must end early";
@@ -93,9 +57,11 @@ TEST_F(TestApiTest, FaultRulesFailStallAndCut) {
   // A failed upload still had its body read: the journal saw all of it.
   ASSERT_TRUE(server_.add_fault(R"({"method":"PUT","path":"/objects/","status":500})"));
   ASSERT_TRUE(server_.clear_requests());
-  EXPECT_EQ(http("PUT", url_, {kAuthHeader}, std::string(70000, 'p')).status, 500);
+  HttpResult put = http("PUT", url_, {kAuthHeader}, std::string(70000, 'p'));
+  EXPECT_EQ(put.status, 500);
+  EXPECT_EQ(json_keys(parse_json(put.body).get()), std::vector<std::string>{"reason"});
   EXPECT_EQ(server_.requests().at(0).body_size, 70000u);
-  EXPECT_EQ(get().body, std::string(1000, 'k')) << "the failed PUT changed nothing";
+  EXPECT_EQ(get().body, std::string(1000, 'k')) << "the failed PUT changed nothing; each rule served once";
 
   for (const char* bad : {R"({"path":"x","status":500,"delay_ms":5})", R"({"path":"(","status":500})",
                           R"({"path":"x"})", R"({"path":"x","status":42})", "nope"})
@@ -123,7 +89,7 @@ TEST_F(TestApiTest, ServesManyConnectionsAtOnce) {
   std::vector<long> statuses(20);
   auto t0 = Clock::now();
   for (size_t i = 0; i < statuses.size(); ++i)
-    clients.emplace_back([&, i] { statuses[i] = get("", "/details").status; });
+    clients.emplace_back([&, i] { statuses[i] = get("/details").status; });
   for (auto& t : clients) t.join();
   EXPECT_LT(elapsed_ms(t0), 2900);
   EXPECT_EQ(statuses, std::vector<long>(20, 200));
