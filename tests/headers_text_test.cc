@@ -38,7 +38,6 @@ TEST(HeaderList, AppendCloneFindAndBounds) {
   EXPECT_EQ(zel_headers_find(list, "content-type"), nullptr);
   EXPECT_EQ(zel_headers_find(list, ""), nullptr);
   list = zel_headers_append(list, "Range", "bytes=5-6");
-  EXPECT_EQ(zel_headers_find(list, "Range"), list->line + std::strlen("Range:"));
   EXPECT_STREQ(zel_headers_find(list, "Range"), "bytes=5-6");
 
   list = zel_headers_append(list, "Big", std::string(200000, 'v').c_str());
