@@ -22,9 +22,18 @@ class CliTransferTest : public CliTest {
  protected:
   // A file that must survive every failed download.
   std::string precious() { return dir_.write("keep.txt", "precious bytes\n"); }
-  void expect_untouched(const std::string& path, const Ran& r) {
-    EXPECT_EQ(read_file(path), "precious bytes\n") << describe(r);
+  void expect_untouched(const Ran& r) {
+    EXPECT_EQ(read_file(dir_.file("keep.txt")), "precious bytes\n") << describe(r);
     EXPECT_EQ(leftovers(".zel-"), std::vector<std::string>{}) << "a temporary file was left";
+  }
+  // Runs zel, which must end with `status`, say every one of `pieces` and
+  // leave the precious file untouched.
+  void expect_refusal(const std::vector<std::string>& args, int status,
+                      std::initializer_list<std::string> pieces) {
+    Ran r = zel(args, {"TMPDIR=" + dir_.file("")});
+    EXPECT_EQ(r.status, status) << describe(r);
+    EXPECT_TRUE(has(r.err, pieces));
+    expect_untouched(r);
   }
   // Ctrl-C (or `signal`) once `ready` says so, at least `after_ms` in.
   PtyRun interrupt(
@@ -46,22 +55,14 @@ TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
   // The stored bytes changed behind the service's back: same size, other SHA-1.
   std::string good = read_file(blob_of("obj"));
   std::ofstream(blob_of("obj"), std::ios::binary | std::ios::trunc) << pattern_bytes(200000, 2);
-  Ran corrupt = zel({"get", "bkt/obj", keep});
-  EXPECT_EQ(corrupt.status, 1) << describe(corrupt);
-  EXPECT_TRUE(has(corrupt.err, {"but the object's is " + sha1_hex(data), "left untouched"}));
-  expect_untouched(keep, corrupt);
+  expect_refusal({"get", "bkt/obj", keep}, 1, {"but the object's is " + sha1_hex(data), "left untouched"});
   std::ofstream(blob_of("obj"), std::ios::binary | std::ios::trunc) << good;
 
   // One chunk refused, and a range the service cannot satisfy.
   ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"objects/obj$","header":"Range: bytes=65536-",)"
                                 R"("status":403,"times":1})"));
-  Ran refused = zel({"get", "bkt/obj", keep});
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_TRUE(has(refused.err, {"403"}));
-  expect_untouched(keep, refused);
-  Ran beyond = zel({"get", "bkt/obj", keep, "--range", "300000-300010"});
-  EXPECT_EQ(beyond.status, 1);
-  expect_untouched(keep, beyond);
+  expect_refusal({"get", "bkt/obj", keep}, 1, {"403"});
+  expect_refusal({"get", "bkt/obj", keep, "--range", "300000-300010"}, 1, {});
   Ran whole = zel({"get", "bkt/obj", keep});
   EXPECT_EQ(read_file(keep), data) << describe(whole);
   EXPECT_TRUE(leftovers(".zel-").empty());
@@ -69,9 +70,7 @@ TEST_F(CliTransferTest, GetReplacesTheTargetOnlyWithVerifiedBytes) {
   // A server that is gone.
   precious();
   server_.kill9();
-  Ran gone = zel({"get", "bkt/obj", keep});
-  EXPECT_EQ(gone.status, 4);
-  expect_untouched(keep, gone);
+  expect_refusal({"get", "bkt/obj", keep}, 4, {});
 }
 
 TEST_F(CliTransferTest, PutFailsWhenTheServiceStoredOtherBytes) {
@@ -153,7 +152,7 @@ TEST_F(CliTransferTest, CtrlCDuringGetLeavesTheTargetAloneAndOutsideATransferEnd
   PtyRun run = interrupt({"get", "bkt/slow", keep}, 1000);
   EXPECT_EQ(run.status, 130) << run.screen;
   EXPECT_TRUE(has(run.screen, {"zel get: interrupted; " + keep + " left untouched"}));
-  expect_untouched(keep, {});
+  expect_untouched({});
 
   ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"details","delay_ms":4000})"));
   run = interrupt({"stat", "bkt/k"}, 500);
@@ -263,10 +262,8 @@ TEST_F(CliTransferTest, PatchTransfersFallBackToWholeOnesUnlessTold) {
 
   // No patch on the service yet: it is asked for one; meanwhile the object
   // comes whole, and the target stays untouched with --no-fallback.
-  Ran not_ready = base({"get", "bkt/v2", keep, "--no-fallback"});
-  EXPECT_EQ(not_ready.status, 5);
-  EXPECT_TRUE(has(not_ready.err, {"no patch from bkt/v1 yet"}));
-  expect_untouched(keep, not_ready);
+  expect_refusal({"get", "bkt/v2", keep, "--no-fallback", "--base", old_file, "--base-key", "v1"}, 5,
+                 {"no patch from bkt/v1 yet"});
   Ran got = base({"--json", "get", "bkt/v2", keep});
   for (int i = 0; i < 100 && got.status == 0 && str(result(got), "transfer") == "full"; ++i) {
     EXPECT_EQ(read_file(keep), new_data);
