@@ -176,30 +176,5 @@ TEST_F(ObjectFrame, ThreadThatCannotStartIsReportedOnceWithItsResult) {
   }
 }
 
-// Each call works on its own copies: the caller frees its handle, texts and
-// header list as soon as the call returns, while the operations still run.
-TEST_F(ObjectFrame, TwoHundredOperationsInFlightReportExactlyOnce) {
-  make_bucket("many");
-  put_object("many", "k", "x");
-  ZEL* h = zel_init(ZEL_ENV_LOCAL, 2, get_token, free_token);
-  constexpr int kCalls = 200;
-  std::vector<Recorder> recorders(kCalls);
-  for (int i = 0; i < kCalls; ++i) {
-    std::u16string key = i % 2 ? u"k" : u"absent";
-    ZELGetObjectDetailsOpt opt = details(u"many", key.c_str(), zel_headers_append(nullptr, "X-A", "1"));
-    zel_get_object_details(h, &opt, &recorders[i]);
-    zel_headers_cleanup(opt.headers);
-    key.assign(u"XXXXXX");
-  }
-  zel_cleanup(h);
-  wait_for_workers();  // each reports before its thread ends
-  for (int i = 0; i < kCalls; ++i) {
-    auto events = recorders[i].events();
-    ASSERT_EQ(events.size(), 1u) << i;
-    EXPECT_EQ(events[0].kind + " " + events[0].message.substr(0, 4), i % 2 ? "details k|1|" : "callback Obje")
-        << i;
-  }
-}
-
 }  // namespace
 }  // namespace zeltest
