@@ -233,10 +233,10 @@ std::string g_overwrite_url, g_overwrite_data;
 std::atomic<bool> g_overwritten{false};
 int32_t overwrite_once(uint64_t, uint64_t, void*) {
   if (!g_overwritten.exchange(true)) {
-    std::string size = std::to_string(g_overwrite_data.size());
+    size_t size = g_overwrite_data.size();
     zeltest::http("PUT", g_overwrite_url,
                   {zeltest::kAuthHeader, "Session-Id: other",
-                   "Content-Range: bytes 0-" + std::to_string(g_overwrite_data.size() - 1) + "/" + size},
+                   "Content-Range: bytes 0-" + std::to_string(size - 1) + "/" + std::to_string(size)},
                   g_overwrite_data);
   }
   return 0;
@@ -318,8 +318,9 @@ TEST(RequestPathArithmetic, RangesAndContentRanges) {
 }
 
 // Retries after 5xx answers wait, doubling: three failures wait at least
-// half of 40, then 80, then (by one chunk or another) 40 ms again.
-TEST_F(RequestPathTest, RetriesWaitWithBackoff) {
+// half of 40, then 80, then (by one chunk or another) 40 ms again. A 4xx is
+// not retried at all.
+TEST_F(RequestPathTest, RetriesWaitWithBackoffAndRefusalsDoNot) {
   put_object("bkt", "r", pattern_bytes(2 * kChunk, 1));
   transfer_set_backoff(40, 1000);
   ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"/objects/r$","times":3,"status":503})"));
@@ -329,6 +330,15 @@ TEST_F(RequestPathTest, RetriesWaitWithBackoff) {
   run(zel_get_object, g.opt, o);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20 + 40));
   EXPECT_EQ(o.done, 1) << o.code << " " << o.message;
+
+  ASSERT_TRUE(server_.add_fault(R"({"method":"GET","path":"/objects/r$","times":1,"status":409})"));
+  h_->chunk_size = 4 * kChunk;  // one request
+  server_.clear_requests();
+  GetOptions g2("bkt", "r", dir_.file("r2"));
+  Outcome o2;
+  run(zel_get_object, g2.opt, o2);
+  EXPECT_EQ(o2.code, 409);
+  EXPECT_EQ(zeltest::matching(server_.requests(), "GET", "/objects/r").size(), 2u) << "details and one GET";
 }
 
 // Shut-down does not wait out a retry's backoff.
