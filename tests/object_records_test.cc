@@ -184,32 +184,30 @@ TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
 
 // Without the process-wide start-up there is no worker pool: each entry
 // point reports that it cannot queue its task, on the caller's thread and
-// once, and frees its copies (the sanitizer build checks).
+// once, and frees its copies (the sanitizer build checks). An upload first
+// measures its file and reports the system's error when it cannot.
 TEST(TransferEntry, RefusalsAreReportedOnTheCallersThread) {
   zeltest::CapturedLog log;
   ZEL* handle = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
   std::string path = ::testing::TempDir() + "zel_entry.bin";
   std::fclose(std::fopen(path.c_str(), "wb"));  // an upload measures its file first
   char16_t* wide = utf8_to_wide(path.c_str());
-  PutFixture put;
+  PutFixture put;  // its file does not exist
+  put.opt.callback = zeltest::on_status<ZELPutObjectResp>;
+  zeltest::Recorder missing, queued[3];
+  zel_put_object(handle, &put.opt, &missing);
+  ASSERT_EQ(missing.events().size(), 1u);
+  EXPECT_EQ(missing.events()[0].code, ENOENT);
   mem_free(put.stream->filename);
   put.stream->filename = wide;
-  put.opt.callback = zeltest::on_status<ZELPutObjectResp>;
-  zeltest::Recorder queued[3];
   zel_put_object(handle, &put.opt, &queued[0]);
   ZELGetObjectOpt get{u"b",    u"k",    nullptr, put.stream, nullptr, 0, zeltest::on_status<ZELGetObjectResp>,
                       nullptr, nullptr, nullptr};
   zel_get_object(handle, &get, &queued[1]);
-  ZELGetObjectByURLOpt by_url{u"http://x.test/o",
-                              false,
-                              nullptr,
-                              put.stream,
-                              nullptr,
-                              0,
-                              zeltest::on_status<ZELGetObjectByURLResp>,
-                              nullptr,
-                              nullptr,
-                              nullptr};
+  ZELGetObjectByURLOpt by_url{};
+  by_url.download_url = u"http://x.test/o";
+  by_url.stream = put.stream;
+  by_url.callback = zeltest::on_status<ZELGetObjectByURLResp>;
   zel_get_object_by_url(handle, &by_url, &queued[2]);
   const char* names[] = {"put_object", "get_object", "get_object_by_url"};
   for (int i = 0; i < 3; ++i) {
