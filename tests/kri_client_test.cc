@@ -274,8 +274,10 @@ TEST_F(KriClient, TransportFailures) {
   server_.set_mode(RawHttpServer::Mode::close_at_once);
   KRICreateSignatureOpt opt{u"b", u"o", 2048, 5, 0, nullptr, nullptr, nullptr};
   Owned<KRICreateSignatureResp> resp;
+  resp.r.code = 99;
   const char* message = kri_create_signature(kri_, &opt, &resp.r);
   ASSERT_NE(message, nullptr);
+  EXPECT_EQ(resp.r.code, 0) << "a failure leaves the record zeroed";
   EXPECT_STRNE(message, "Internal Server Error") << "libcurl's own text comes back unchanged";
 
   CapturedLog log;
