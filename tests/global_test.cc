@@ -107,28 +107,6 @@ TEST_F(GlobalStartUp, EachFailingStepUndoesTheEarlierOnes) {
       (std::vector<std::string>{messages[kStepCache], messages[kStepHttpPool], messages[kStepThreadPool]}));
 }
 
-struct Work {
-  std::string url;
-  std::atomic<int> started{0}, finished{0}, exchanged{0};
-};
-
-// A transfer-like task: borrow a pooled request, talk to the server, give
-// the request back.
-void pooled_exchange(void* raw) {
-  auto* work = static_cast<Work*>(raw);
-  work->started++;
-  HttpRequest* request = http_pool_acquire();
-  HttpResponse* response = http_response_init();
-  if (request != nullptr && response != nullptr && http_request_get(request, work->url.c_str()) == nullptr &&
-      http_perform(request, response) == nullptr && response->status == 200) {
-    work->exchanged++;
-  }
-  std::this_thread::sleep_for(30ms);
-  http_response_cleanup(response);
-  http_pool_release(request);
-  work->finished++;
-}
-
 char* silent_token() { return nullptr; }
 void count_report(const ZELDeleteObjectResp* resp, void* raw) {
   static_cast<std::atomic<int>*>(raw)->store(resp->code);
@@ -139,13 +117,12 @@ double cpu_seconds() {
   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
-// Pooled exchanges under way and queued, and a delete hanging on a server
-// that never answers: shut-down waits for every worker, stops the exchange
-// in flight without spinning, and is back within a second; no thread or
-// pooled request outlives it.
-TEST_F(GlobalStartUp, NothingOutlivesShutDownAndItDoesNotSpin) {
-  RawHttpServer server, silent;
-  server.set_fallback(RawHttpServer::reply(200, "OK", "{}", {"Connection: close"}));
+// A delete hanging on a server that never answers: shut-down stops the
+// exchange in flight, waits without spinning, and is back within a second;
+// the delete reports once, as aborted, and no thread outlives the shut-down.
+// (Shut-down amid pooled transfers is the stress test's.)
+TEST_F(GlobalStartUp, ShutDownStopsExchangesInFlightWithoutSpinning) {
+  RawHttpServer silent;
   silent.set_mode(RawHttpServer::Mode::silent);
   int baseline = thread_count();
   ASSERT_EQ(zel_global_init(), 0);
@@ -155,20 +132,13 @@ TEST_F(GlobalStartUp, NothingOutlivesShutDownAndItDoesNotSpin) {
   ZELDeleteObjectOpt opt{u"b", u"k", nullptr, count_report, nullptr};
   zel_delete_object(handle, &opt, &code);
   ASSERT_TRUE(silent.wait_for(1, 5000)) << "the delete never reached the server";
-  Work work;
-  work.url = server.url("/zel/v2/buckets");
-  for (int i = 0; i < 24; i++) ASSERT_EQ(thread_pool_push(pooled_exchange, &work), 0);
-  ASSERT_TRUE(eventually([&] { return work.started.load() > 0; }));
   double cpu_before = cpu_seconds();
   auto start = std::chrono::steady_clock::now();
   zel_global_cleanup();
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
   EXPECT_LT(cpu_seconds() - cpu_before, 0.3) << "shut-down must wait, not spin";
-  EXPECT_EQ(work.started.load(), work.finished.load()) << "shut-down returned while a worker still ran";
-  EXPECT_GT(work.exchanged.load(), 0);
-  EXPECT_EQ(code.load(), 42) << "the stopped delete reports once, as aborted";
+  EXPECT_EQ(code.load(), 42);
   EXPECT_TRUE(nothing_left());
-  EXPECT_EQ(thread_pool_push(pooled_exchange, &work), -1);
   EXPECT_TRUE(eventually([&] { return thread_count() == baseline; }, 2000ms))
       << thread_count() << " threads, " << baseline << " before start-up";
   zel_cleanup(handle);
