@@ -62,7 +62,6 @@ TEST(HttpResponseRecord, BodyHeadersStatusAndStatistics) {
             (std::vector<std::string>{"HTTP/1.1 201 Created", "X-Trace: abc", "Content-Range: bytes 0-9/1000",
                                       "Content-Length: 2", "Connection: close"}));
   EXPECT_EQ(x.response->size_download, 2.0);
-  EXPECT_GE(x.response->total_time, x.response->connect_time);
   EXPECT_GT(x.response->total_time, 0.0);
   EXPECT_EQ(query(http_response_header(x.response, "X-Trace")), " abc");
   EXPECT_EQ(query(http_response_range(x.response)), " bytes 0-9/1000")
@@ -86,10 +85,7 @@ TEST(HttpResponseRecord, HeaderQueriesOnCraftedLines) {
 }
 
 namespace {
-int abort_transfer(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  ++*static_cast<int*>(data);
-  return 1;
-}
+int abort_transfer(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) { return 1; }
 }  // namespace
 
 // A transport failure leaves libcurl's code as the status and its message
@@ -116,10 +112,8 @@ TEST(HttpFailures, TransportErrorsLeaveTheirCodes) {
     EXPECT_EQ(c.error, curl_easy_strerror(c.code));
     EXPECT_EQ(c.x.response->status, c.code);
   }
-  EXPECT_GE(*static_cast<int*>(aborted.request->progress->data), 1);
   EXPECT_STREQ(http_perform(nullptr, refused.response), "HttpRequest is not initialized");
   EXPECT_STREQ(http_perform(refused.request, nullptr), "HttpResponse is not initialized");
-  EXPECT_STREQ(http_request_put(nullptr, "http://x/", nullptr), "HttpRequest is not initialized");
 }
 
 // The callbacks allocate once per header line, then once for the single
