@@ -158,8 +158,8 @@ TEST_F(BucketFrame, AutomaticCreationUsesTheCache) {
   EXPECT_EQ(cache_get("never-created"), 0xFFFFFFFFu);
 }
 
-// Bucket operations need no token to be copied: without a handle the copy
-// of the handle fails, and that is reported.
+// Without a handle a bucket operation still reports: its copy of the handle
+// fails.
 TEST_F(BucketFrame, WithoutAHandleTheCopyFails) {
   CapturedLog capture;
   ZELListBucketsOpt lopt{nullptr, 0, nullptr, nullptr, on_status<ZELListBucketsResp>, on_page};
