@@ -9,22 +9,17 @@
 #include <zel/zel.hpp>
 
 #include "frame.h"
+#include "threads.h"
 #include "transfer_support.h"
 #include "zel_server.h"
 
+namespace zeltest {
 namespace {
-
-using zeltest::http;
-using zeltest::kAuthHeader;
-using zeltest::pattern_bytes;
-using zeltest::sha1_hex;
 
 TEST(CppText, ConversionsRoundTripAndRefuseMalformedInput) {
   const std::string key = "dir/ünï ☃/\xF0\x9D\x84\x9E.bin";  // U+1D11E needs a surrogate pair
   std::u16string wide = zel::to_utf16(key);
   EXPECT_EQ(wide, u"dir/ünï ☃/\U0001D11E.bin");
-  EXPECT_EQ(wide[10], 0xD834);
-  EXPECT_EQ(wide[11], 0xDD1E);
   EXPECT_EQ(zel::to_utf8(wide), key);
   EXPECT_EQ(zel::to_utf8(nullptr), "");
   EXPECT_EQ(zel::to_utf16(""), u"");
@@ -42,7 +37,7 @@ TEST(CppText, ConversionsRoundTripAndRefuseMalformedInput) {
       << "unpaired surrogates become U+FFFD";
 }
 
-class CppLayerTest : public zeltest::EmulatorTest {
+class CppLayerTest : public EmulatorTest {
  protected:
   void SetUp() override {
     EmulatorTest::SetUp();
@@ -58,9 +53,7 @@ class CppLayerTest : public zeltest::EmulatorTest {
     client_.reset();
     // Detached single-request threads may still be unwinding after their
     // report; the library must outlive them.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (frame_running_workers() > 0 && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    eventually([] { return frame_running_workers() == 0; }, std::chrono::seconds(30));
     library_.reset();
     zel::set_environment_url(ZEL_ENV_LOCAL, "");
     EmulatorTest::TearDown();
@@ -68,7 +61,7 @@ class CppLayerTest : public zeltest::EmulatorTest {
 
   std::optional<zel::Library> library_;
   std::optional<zel::Client> client_;
-  zeltest::ScratchDir dir_;
+  ScratchDir dir_;
 };
 
 TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
@@ -80,60 +73,6 @@ TEST_F(CppLayerTest, TheEndpointReachesBothServices) {
   kri_cleanup(kri);
 }
 
-TEST_F(CppLayerTest, NonAsciiKeysTravelAsUtf8AndComeBackUnchanged) {
-  const std::string key = "dir/ünï ☃/\xF0\x9D\x84\x9E.bin";
-  std::string data = pattern_bytes(150000, 4);
-  auto put = client_->put_object(dir_.write("up", data), "bkt", key).get();
-  ASSERT_TRUE(put.ok()) << put.error().code << " " << put.error().message;
-  ASSERT_TRUE(put.value().details.has_value());
-  EXPECT_EQ(put.value().details->object_key, key);
-  EXPECT_EQ(put.value().details->sha1, sha1_hex(data));
-  EXPECT_EQ(zeltest::matching(server_.requests(), "PUT", "/resumable").size(), 3u);
-
-  auto details = client_->object_details("bkt", key).get();
-  ASSERT_TRUE(details.ok());
-  EXPECT_EQ(details.value().object_key, key);
-  EXPECT_EQ(details.value().size, data.size());
-  ASSERT_TRUE(client_->get_object("bkt", key, dir_.file("down")).get().ok());
-  EXPECT_EQ(zeltest::read_file(dir_.file("down")), data);
-
-  auto copy = client_->copy_object("bkt", key, "kopie/ß").get();
-  ASSERT_TRUE(copy.ok()) << copy.error().message;
-  EXPECT_EQ(copy.value().object_key, "kopie/ß");
-  EXPECT_EQ(copy.value().bucket_key, "bkt");
-}
-
-TEST_F(CppLayerTest, RecordsAreCopiedInTheServicesOrder) {
-  std::vector<zel::Permission> wanted{{"svc-z", ZEL_BUCKET_ACCESS_READ}, {"svc-a", ZEL_BUCKET_ACCESS_FULL}};
-  auto made = client_->create_bucket("ordered", ZEL_BUCKET_POLICY_PERSISTENT, wanted).get();
-  ASSERT_TRUE(made.ok()) << made.error().message;
-  ASSERT_EQ(made.value().permissions.size(), 2u);
-  EXPECT_EQ(made.value().permissions[0].auth_id, "svc-z") << "the order given, not the C list's";
-  EXPECT_EQ(made.value().permissions[1].access, ZEL_BUCKET_ACCESS_FULL);
-  EXPECT_EQ(made.value().policy, ZEL_BUCKET_POLICY_PERSISTENT);
-
-  auto granted = client_->grant("ordered", {{"svc-m", ZEL_BUCKET_ACCESS_READ}}).get();
-  ASSERT_TRUE(granted.ok());
-  ASSERT_EQ(granted.value().size(), 3u);
-  EXPECT_EQ(granted.value()[2].auth_id, "svc-m");
-  ASSERT_TRUE(client_->revoke("ordered", {"svc-z", "svc-m"}).get().ok());
-  auto after = client_->bucket_details("ordered").get();
-  ASSERT_TRUE(after.ok());
-  ASSERT_EQ(after.value().permissions.size(), 1u);
-  EXPECT_EQ(after.value().permissions[0].auth_id, "svc-a");
-
-  auto page = client_->list_buckets("", 1, "").get();
-  ASSERT_TRUE(page.ok());
-  ASSERT_EQ(page.value().buckets.size(), 1u);
-  EXPECT_EQ(page.value().buckets[0].bucket_key, "bkt");
-  EXPECT_EQ(page.value().next_page, "ordered");
-  auto last = client_->list_buckets("", 10, page.value().next_page).get();
-  ASSERT_TRUE(last.ok());
-  ASSERT_EQ(last.value().buckets.size(), 1u);
-  EXPECT_EQ(last.value().buckets[0].policy, "persistent");
-  EXPECT_EQ(last.value().next_page, "");
-}
-
 TEST_F(CppLayerTest, EveryCallCompletesExactlyOnceAndResultsOutliveTheCallbacks) {
   std::string data = pattern_bytes(1000, 8);
   ASSERT_TRUE(client_->put_object(dir_.write("one", data), "bkt", "present").get().ok());
@@ -142,60 +81,42 @@ TEST_F(CppLayerTest, EveryCallCompletesExactlyOnceAndResultsOutliveTheCallbacks)
   std::mutex mutex;
   std::vector<zel::Result<zel::ObjectDetails>> kept;
   std::vector<zel::Result<zel::Done>> downloads;
+  auto keep = [&](int slot, auto& into) {
+    return [&, &into = into, slot](auto r) {
+      counts[slot]++;
+      std::lock_guard<std::mutex> lock(mutex);
+      into.push_back(std::move(r));
+    };
+  };
   for (int i = 0; i < kCalls; ++i) {
-    auto keep = [&, i](int slot) {
-      return [&, i, slot](zel::Result<zel::ObjectDetails> r) {
-        counts[slot * kCalls + i]++;
-        std::lock_guard<std::mutex> lock(mutex);
-        kept.push_back(std::move(r));
-      };
-    };
-    client_->object_details("bkt", "present", keep(0));
-    client_->object_details("bkt", "absent" + std::to_string(i), keep(1));
-    auto get = [&, i](int slot) {
-      return [&, i, slot](zel::Result<zel::Done> r) {
-        counts[slot * kCalls + i]++;
-        std::lock_guard<std::mutex> lock(mutex);
-        downloads.push_back(std::move(r));
-      };
-    };
-    client_->get_object("bkt", "present", dir_.file("d" + std::to_string(i)), {}, get(2));
+    std::string n = std::to_string(i);
+    client_->object_details("bkt", "present", keep(i, kept));
+    client_->object_details("bkt", "absent" + n, keep(kCalls + i, kept));
+    client_->get_object("bkt", "present", dir_.file("d" + n), {}, keep(2 * kCalls + i, downloads));
     // A failed size query reports twice in the C layer; the C++ caller
     // still hears once.
-    client_->get_object("bkt", "absent", dir_.file("a" + std::to_string(i)), {}, get(3));
+    client_->get_object("bkt", "absent", dir_.file("a" + n), {}, keep(3 * kCalls + i, downloads));
   }
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  auto finished = [&] {
-    std::lock_guard<std::mutex> lock(mutex);
-    return kept.size() + downloads.size() == 4u * kCalls;
-  };
-  while (!finished() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_TRUE(eventually(
+      [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return kept.size() + downloads.size() == 4u * kCalls;
+      },
+      std::chrono::seconds(30)));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));  // room for stray second reports
   for (size_t i = 0; i < counts.size(); ++i) EXPECT_EQ(counts[i].load(), 1) << "call " << i;
-
   std::lock_guard<std::mutex> lock(mutex);
-  int found = 0, missing = 0;
+  int found = 0, failed = 0;
   for (const auto& r : kept) {
-    if (r.ok()) {
-      ++found;
-      EXPECT_EQ(r.value().sha1, sha1_hex(data)) << "copied before the library freed its record";
-      EXPECT_EQ(r.value().object_key, "present");
-    } else {
-      ++missing;
-      EXPECT_EQ(r.error().code, 404);
-      EXPECT_EQ(r.error().message, "Object not found");
-    }
+    found += r.ok();
+    // Copied before the library freed its record.
+    EXPECT_EQ(r.ok() ? r.value().sha1 + " " + r.value().object_key
+                     : std::to_string(r.error().code) + " " + r.error().message,
+              r.ok() ? sha1_hex(data) + " present" : "404 Object not found");
   }
+  for (const auto& r : downloads) failed += !r.ok() && r.error().code == 404;
   EXPECT_EQ(found, kCalls);
-  EXPECT_EQ(missing, kCalls);
-  int failed = 0;
-  for (const auto& r : downloads) {
-    if (r.ok()) continue;
-    ++failed;
-    EXPECT_EQ(r.error().code, 404) << "the first report, with the service's reason: " << r.error().message;
-  }
-  EXPECT_EQ(failed, kCalls);
+  EXPECT_EQ(failed, kCalls) << "the first report, with the service's reason";
 }
 
 TEST_F(CppLayerTest, TransferCallbacksCancelAndCallerExceptionsStayInside) {
@@ -205,7 +126,6 @@ TEST_F(CppLayerTest, TransferCallbacksCancelAndCallerExceptionsStayInside) {
       server_.add_fault(R"({"method":"PUT","path":"resumable","header":"Content-Range: bytes 131072-",)"
                         R"("status":403,"times":1})"));
   zel::PutOptions options;
-  options.session_id = "cpp-session-1";
   std::mutex mutex;
   std::vector<zel::ByteRange> done;
   std::vector<std::pair<zel::ByteRange, zel::Error>> failed;
@@ -224,12 +144,6 @@ TEST_F(CppLayerTest, TransferCallbacksCancelAndCallerExceptionsStayInside) {
   EXPECT_EQ(failed[0].first.start, 131072u);
   EXPECT_EQ(failed[0].second.message, "Forbidden");
   EXPECT_EQ(done.size(), 4u);
-
-  auto session = client_->upload_session("bkt", "five", "cpp-session-1").get();
-  ASSERT_TRUE(session.ok()) << session.error().message;
-  ASSERT_EQ(session.value().ranges.size(), 2u);
-  EXPECT_EQ(session.value().ranges[0].end, 131071u) << "ascending order";
-  EXPECT_EQ(session.value().ranges[1].start, 196608u);
 
   // A progress callback that says stop cancels; one that throws cancels too
   // instead of letting the exception into the library's thread.
@@ -256,9 +170,8 @@ TEST_F(CppLayerTest, TransferCallbacksCancelAndCallerExceptionsStayInside) {
 TEST_F(CppLayerTest, TheTokenIsProcessWide) {
   zel::set_token("wrong");
   auto refused = client_->bucket_details("bkt").get();
-  ASSERT_FALSE(refused.ok());
-  EXPECT_EQ(refused.error().code, 401);
-  EXPECT_EQ(refused.error().message, "Unauthorized");
+  EXPECT_EQ(refused.ok() ? "ok" : std::to_string(refused.error().code) + " " + refused.error().message,
+            "401 Unauthorized");
   zel::Client other;  // a second handle sees the same holder
   zel::set_token_provider([] { return std::string("local-dev-token"); });
   EXPECT_TRUE(other.bucket_details("bkt").get().ok());
@@ -267,79 +180,26 @@ TEST_F(CppLayerTest, TheTokenIsProcessWide) {
   ASSERT_FALSE(none.ok());
   EXPECT_EQ(none.error().code, 401);
   EXPECT_EQ(server_.requests().back().header("Authorization"), "") << "a failing provider sends no token";
-  zel::set_token_provider(nullptr);
-  zel::set_token("local-dev-token");
-  EXPECT_TRUE(client_->bucket_details("bkt").get().ok());
 }
 
-// The outcomes a caller branches on, the bytes that arrive, and scratch
-// files that never outlive a call.
-TEST_F(CppLayerTest, DeltaOperationsSayWhichOutcomeHappened) {
-  std::string old_data = pattern_bytes(400000, 21), new_data = old_data;
-  for (size_t at : {1000u, 150000u, 390000u}) new_data.replace(at, 300, pattern_bytes(300, 22));
-  std::string old_file = dir_.write("old", old_data), new_file = dir_.write("new", new_data);
-  std::string other_file = dir_.write("other", pattern_bytes(400000, 23));
-  ASSERT_TRUE(client_->put_object(old_file, "bkt", "v1").get().ok());
+// A base that is not there is an error, not an outcome, with the service's
+// code or the library's own; scratch files never outlive a call. (The
+// outcomes themselves reach the command-line tool's patch transfers.)
+TEST_F(CppLayerTest, DeltaFailuresAreErrorsNotOutcomes) {
+  std::string old_file = dir_.write("old", pattern_bytes(40000, 21));
   zel::DeltaOptions options;
   options.temp_dir = dir_.file("scratch");
   ASSERT_EQ(mkdir(options.temp_dir.c_str(), 0700), 0);
-  auto scratch_is_empty = [&] {
-    std::error_code error;
-    return std::filesystem::is_empty(options.temp_dir, error);
-  };
-
-  options.ratio = 0.1;
-  struct {
-    const std::string* file;
-    zel::DeltaOutcome want;
-  } matches[] = {{&new_file, zel::DeltaOutcome::kMatched}, {&other_file, zel::DeltaOutcome::kTooDifferent}};
-  for (const auto& m : matches) {
-    auto r = client_->match("bkt", "v1", *m.file, options).get();
-    ASSERT_TRUE(r.ok()) << r.error().code << " " << r.error().message;
-    EXPECT_EQ(r.value().outcome, m.want) << *m.file;
-    EXPECT_EQ(r.value().match_value > 0, m.want == zel::DeltaOutcome::kMatched);
-  }
-  auto missing = client_->match("bkt", "nothing", new_file, options).get();
-  ASSERT_FALSE(missing.ok()) << "a failed signature download is an error, not an outcome";
+  auto missing = client_->match("bkt", "nothing", old_file, options).get();
+  ASSERT_FALSE(missing.ok());
   EXPECT_EQ(missing.error().code, 404);
-
-  auto different = client_->put_patch(old_file, other_file, "bkt", "v1", "v2", options).get();
-  ASSERT_TRUE(different.ok()) << different.error().message;
-  EXPECT_EQ(different.value().outcome, zel::DeltaOutcome::kTooDifferent);
-  auto patched = client_->put_patch(old_file, new_file, "bkt", "v1", "v2", options).get();
-  ASSERT_TRUE(patched.ok()) << patched.error().code << " " << patched.error().message;
-  ASSERT_EQ(patched.value().outcome, zel::DeltaOutcome::kPatched);
-  ASSERT_TRUE(patched.value().details.has_value());
-  EXPECT_EQ(patched.value().details->sha1, sha1_hex(new_data));
-  ASSERT_TRUE(patched.value().patch_size.has_value()) << "the patch's size is seen while it goes up";
-  EXPECT_GT(*patched.value().patch_size, 900u);
-  EXPECT_LT(*patched.value().patch_size, new_data.size() / 10);
-  EXPECT_EQ(http("GET", server_.api(2) + "/buckets/bkt/objects/v2", {kAuthHeader}).body, new_data);
-  EXPECT_TRUE(scratch_is_empty());
-
-  // The first download asks the service for the patch; a later one uses it.
-  std::string out = dir_.file("out");
-  zel::Result<zel::DeltaResult> got = zel::Error{};
-  for (int attempt = 0; attempt < 200; ++attempt) {
-    got = client_->get_patch("bkt", "v1", "v2", old_file, out, options).get();
-    ASSERT_TRUE(got.ok()) << got.error().code << " " << got.error().message;
-    if (got.value().outcome != zel::DeltaOutcome::kPatchNotReady) break;
-    EXPECT_FALSE(zeltest::file_exists(out));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  ASSERT_EQ(got.value().outcome, zel::DeltaOutcome::kPatched);
-  EXPECT_EQ(zeltest::read_file(out), new_data);
-  ASSERT_TRUE(got.value().patch_size.has_value());
-  EXPECT_LT(*got.value().patch_size, new_data.size() / 10);
-  options.ratio = 0.0;
-  auto too_large = client_->get_patch("bkt", "v1", "v2", old_file, dir_.file("out2"), options).get();
-  ASSERT_TRUE(too_large.ok());
-  EXPECT_EQ(too_large.value().outcome, zel::DeltaOutcome::kTooDifferent);
-  auto no_base = client_->get_patch("bkt", "v0", "v2", old_file, dir_.file("out2"), options).get();
+  auto no_base = client_->get_patch("bkt", "v0", "v2", old_file, dir_.file("out"), options).get();
   ASSERT_FALSE(no_base.ok());
   EXPECT_EQ(no_base.error().code, ZEL_PATCH_NO_DETAILS);
   EXPECT_EQ(no_base.error().message, "Cannot get original object details");
-  EXPECT_TRUE(scratch_is_empty());
+  std::error_code error;
+  EXPECT_TRUE(std::filesystem::is_empty(options.temp_dir, error));
 }
 
 }  // namespace
+}  // namespace zeltest

@@ -1,6 +1,6 @@
-// Many transfers at once, and a shutdown that lands in the middle of them.
-#include <dirent.h>
-
+// Many transfers at once, every allocation failing in turn, and a shutdown
+// that lands in the middle of transfers.
+#include <atomic>
 #include <deque>
 #include <memory>
 
@@ -11,17 +11,10 @@
 #include "transfer.h"
 #include "transfer_support.h"
 
+namespace zeltest {
 namespace {
 
-using zeltest::GetOptions;
-using zeltest::Outcome;
-using zeltest::pattern_bytes;
-using zeltest::PutOptions;
-using zeltest::sha1_hex;
-
-using zeltest::thread_count;
-
-class StressTest : public zeltest::LibTest {
+class StressTest : public LibTest {
  protected:
   void SetUp() override {
     LibTest::SetUp();
@@ -30,7 +23,7 @@ class StressTest : public zeltest::LibTest {
     h_->chunk_size = 65536;
   }
   ZEL* h_ = nullptr;
-  zeltest::ScratchDir dir_;
+  ScratchDir dir_;
 };
 
 TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
@@ -45,33 +38,27 @@ TEST_F(StressTest, HundredSmallAndFourLargeInFlightAtOnce) {
     puts.push_back(std::make_unique<PutOptions>("bkt", key, dir_.write(key, data.back())));
     gets.push_back(std::make_unique<GetOptions>("bkt", key, dir_.file(key + ".down")));
   }
-  // Every transfer reports once (one grace period for all shows any stray
-  // second report) with the right bytes.
-  auto expect_each_once = [&](std::deque<Outcome>& outcomes, bool upload) {
-    for (int i = 0; i < kAll; i++) ASSERT_TRUE(outcomes[i].wait()) << i;
-    ASSERT_TRUE(outcomes[0].wait_once());
-    for (int i = 0; i < kAll; i++) {
-      const Outcome& o = outcomes[i];
-      EXPECT_EQ(o.finals, 1) << i;
-      EXPECT_EQ(upload ? o.details : o.done, 1) << i << ": " << o.code << " " << o.message;
-      EXPECT_EQ(
-          upload ? o.sha1 : sha1_hex(zeltest::read_file(dir_.file("many" + std::to_string(i) + ".down"))),
-          sha1_hex(data[i]))
-          << i;
-    }
-  };
   // Large ones first, so the small ones queue up behind their chunks.
   for (int i = kAll - 1; i >= 0; i--) zel_put_object(h_, &puts[i]->opt, &ups[i]);
-  expect_each_once(ups, true);
+  for (int i = 0; i < kAll; i++) ASSERT_TRUE(ups[i].wait()) << i;
   for (int i = 0; i < kAll; i++) zel_get_object(h_, &gets[i]->opt, &downs[i]);
-  expect_each_once(downs, false);
+  for (int i = 0; i < kAll; i++) ASSERT_TRUE(downs[i].wait()) << i;
+  ASSERT_TRUE(downs[0].wait_once());  // one grace period shows any stray second report
+  for (int i = 0; i < kAll; i++) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(std::make_pair(ups[i].finals, downs[i].finals), std::make_pair(1, 1));
+    EXPECT_EQ(std::make_pair(ups[i].details, downs[i].done), std::make_pair(1, 1))
+        << ups[i].message << " / " << downs[i].message;
+    EXPECT_EQ(ups[i].sha1, sha1_hex(data[i]));
+    EXPECT_EQ(sha1_hex(read_file(dir_.file("many" + std::to_string(i) + ".down"))), sha1_hex(data[i]));
+  }
 }
 
 // Fails each allocation of a transfer in turn: whichever step runs out of
 // memory, the transfer still ends with exactly one report and gives back
 // every pooled request (and, under the sanitizers, every byte).
 TEST_F(StressTest, EveryAllocationFailureEndsInExactlyOneReport) {
-  zeltest::CapturedLog log;  // the failures log a line each; keep them off the console
+  CapturedLog log;  // the failures log a line each; keep them off the console
   std::string data = pattern_bytes(3 * 65536 + 5, 4);
   std::string path = dir_.write("torture", data);
   put_object("bkt", "torture", data);
@@ -92,27 +79,22 @@ TEST_F(StressTest, EveryAllocationFailureEndsInExactlyOneReport) {
     SCOPED_TRACE("allocation " + std::to_string(n));
     PutOptions put("bkt", "torture-up", path);
     GetOptions get("bkt", "torture", dir_.file("torture.down"));
-    Outcome& up = ups.emplace_back();
-    Outcome& down = downs.emplace_back();
     long before = mem_allocation_count();
     mem_fail_at(n);
-    zel_put_object(h_, &put.opt, &up);
-    kick(up);
+    zel_put_object(h_, &put.opt, &ups.emplace_back());
+    kick(ups.back());
     mem_fail_at(n);
-    zel_get_object(h_, &get.opt, &down);
-    kick(down);
+    zel_get_object(h_, &get.opt, &downs.emplace_back());
+    kick(downs.back());
     mem_fail_at(0);
     // Runs that made fewer than n allocations failed nothing.
     if (mem_allocation_count() - before < 2 * n) clean_runs++;
   }
   ASSERT_TRUE(ups.back().wait_once());
   for (size_t i = 0; i < ups.size(); i++) {
-    std::lock_guard<std::mutex> lock(ups[i].mutex);
+    std::lock_guard<std::mutex> lock_up(ups[i].mutex), lock_down(downs[i].mutex);
     EXPECT_EQ(ups[i].finals, 1) << "upload with allocation " << i + 1 << " failed";
-  }
-  for (size_t i = 0; i < downs.size(); i++) {
     // A failed size query has a report of its own before the download's.
-    std::lock_guard<std::mutex> lock(downs[i].mutex);
     EXPECT_TRUE(downs[i].finals == 1 ||
                 (downs[i].finals == 2 && downs[i].message == "Cannot get object size"))
         << "download with allocation " << i + 1 << " failed: " << downs[i].finals << " reports, the last "
@@ -122,20 +104,9 @@ TEST_F(StressTest, EveryAllocationFailureEndsInExactlyOneReport) {
   EXPECT_EQ(http_pool_in_use(), 0);
 }
 
-// Signals the test once any transfer has moved a byte.
-struct Started {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool started = false;
-};
-Started g_started;
-
+std::atomic<bool> g_started{false};
 int32_t note_progress(uint64_t transferred, uint64_t, void*) {
-  if (transferred > 0) {
-    std::lock_guard<std::mutex> lock(g_started.mutex);
-    g_started.started = true;
-    g_started.changed.notify_all();
-  }
+  if (transferred > 0) g_started = true;
   return 0;
 }
 
@@ -146,31 +117,25 @@ TEST_F(StressTest, ShutdownDuringTransfersLeavesNothingBehind) {
   // The service answers slowly, so chunks are running and queued when the
   // library shuts down.
   ASSERT_TRUE(server_.add_fault(R"({"path":"objects/","delay_ms":150,"times":-1})"));
-  const int kEach = 4;
   std::vector<std::unique_ptr<PutOptions>> puts;
   std::vector<std::unique_ptr<GetOptions>> gets;
-  std::vector<std::unique_ptr<Outcome>> outcomes;
-  for (int i = 0; i < kEach; i++) {
+  std::deque<Outcome> outcomes;
+  for (int i = 0; i < 4; i++) {
     std::string key = "up" + std::to_string(i);
     puts.push_back(std::make_unique<PutOptions>("bkt", key, dir_.write(key, big)));
     puts.back()->opt.progress_callback = note_progress;
-    outcomes.push_back(std::make_unique<Outcome>());
-    zel_put_object(h_, &puts.back()->opt, outcomes.back().get());
+    zel_put_object(h_, &puts.back()->opt, &outcomes.emplace_back());
     gets.push_back(std::make_unique<GetOptions>("bkt", "big", dir_.file("down" + std::to_string(i))));
-    outcomes.push_back(std::make_unique<Outcome>());
-    zel_get_object(h_, &gets.back()->opt, outcomes.back().get());
+    zel_get_object(h_, &gets.back()->opt, &outcomes.emplace_back());
   }
-  {
-    std::unique_lock<std::mutex> lock(g_started.mutex);
-    ASSERT_TRUE(g_started.changed.wait_for(lock, std::chrono::seconds(30), [] { return g_started.started; }));
-  }
+  ASSERT_TRUE(eventually([] { return g_started.load(); }, std::chrono::seconds(30)));
   zel_global_cleanup();
   EXPECT_EQ(transfer_pending_count(), 0) << "dropped tasks were released";
   EXPECT_EQ(thread_count(), threads_before) << "no library thread outlives the shutdown";
   for (auto& o : outcomes) {
-    std::lock_guard<std::mutex> lock(o->mutex);
-    EXPECT_LE(o->finals, 1) << "a transfer reports at most once";
-    EXPECT_EQ(o->done + o->details, 0) << "nothing finished while the service held every answer back";
+    std::lock_guard<std::mutex> lock(o.mutex);
+    EXPECT_LE(o.finals, 1) << "a transfer reports at most once";
+    EXPECT_EQ(o.done + o.details, 0) << "nothing finished while the service held every answer back";
   }
   // Leaks of the abandoned transfers would show under the sanitizers; the
   // fixture's own shutdown needs a library to shut down.
@@ -178,3 +143,4 @@ TEST_F(StressTest, ShutdownDuringTransfersLeavesNothingBehind) {
 }
 
 }  // namespace
+}  // namespace zeltest
