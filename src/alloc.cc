@@ -35,12 +35,6 @@ char* mem_strdup(const char* text) {
   return copy;
 }
 
-void* mem_aligned(size_t alignment, size_t size) {
-  void* ptr = nullptr;
-  if (should_fail() || posix_memalign(&ptr, alignment, size) != 0) return nullptr;
-  return ptr;
-}
-
 void mem_free(void* ptr) { std::free(ptr); }
 
 void mem_fail_at(long n) { g_fail_countdown.store(n < 0 ? 0 : n); }

@@ -9,9 +9,6 @@ void* mem_malloc(size_t size);
 void* mem_calloc(size_t count, size_t size);
 void* mem_realloc(void* ptr, size_t size);
 char* mem_strdup(const char* text);
-// `size` bytes at an address that is a multiple of `alignment` (a power of
-// two, a multiple of sizeof(void*)).
-void* mem_aligned(size_t alignment, size_t size);
 void mem_free(void* ptr);
 
 // Test seam: the n-th allocation from now on (1 = the next one) fails, once.

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "alloc.h"
-#include "direct_write.h"
+#include "chunk_writer.h"
 #include "frame.h"
 #include "http_plan.h"
 #include "httppool.h"
@@ -27,8 +27,8 @@ constexpr int kDetailsOk[] = {200};
 // the file: an error page must never overwrite downloaded bytes, and a
 // whole-object 200 to a ranged request would land at the wrong offset.
 struct DownloadSink {
-  FILE* file;  // nullptr when `direct` takes the bytes
-  DirectWrite* direct;
+  FILE* file;  // nullptr when `writer` takes the bytes
+  ChunkWriter* writer;
   ZELStreamWriteFn write;
   uint64_t count;  // bytes written
   uint64_t limit;  // bytes the range holds; UINT64_MAX when unknown
@@ -39,7 +39,7 @@ size_t download_write(const char* bytes, size_t n, int32_t status, void* raw) {
   auto* sink = static_cast<DownloadSink*>(raw);
   if (status != 206 && !(status == 200 && sink->whole)) return status == 200 ? 0 : n;
   if (n > sink->limit - sink->count) return 0;
-  size_t written = sink->direct != nullptr ? direct_append(sink->direct, bytes, n)
+  size_t written = sink->writer != nullptr ? chunk_writer_append(sink->writer, bytes, n)
                                            : sink->write(const_cast<char*>(bytes), 1, n, sink->file);
   sink->count += written;
   return written;
@@ -75,12 +75,12 @@ int download_progress(void* raw, uint64_t total, uint64_t now, uint64_t, uint64_
 
 bool range_header_sent(const ZELDownloadDecorator* d) { return d->range_flag || !d->size_unknown; }
 
-// The chunk's way into the output file: a stream positioned at its place,
-// or a direct writer.
+// The request's way into the output file: the library's writer, or the
+// caller's stream functions on a file positioned at the request's place.
 struct Output {
   FILE* file = nullptr;
-  DirectWrite direct;
-  bool is_direct = false;
+  ChunkWriter writer;
+  bool own = false;
 };
 
 // Opens the output file at the chunk's place; false with the system's
@@ -91,9 +91,9 @@ bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, Outpu
   uint64_t base = d->range_flag ? d->opt->range->start : 0;
   uint64_t offset = range->start - base;
   bool ok = false;
-  if (d->direct && range->end - range->start + 1 >= kDirectMinimum) {
-    out->is_direct = true;
-    ok = direct_open(&out->direct, stream->filename, offset);
+  if (d->own_file) {
+    out->own = true;
+    ok = chunk_writer_open(&out->writer, stream->filename, offset);
   } else {
     out->file = file_open(stream->filename, "rb+");
     if (out->file != nullptr) use_write_block(out->file);
@@ -109,7 +109,7 @@ bool open_output(const ZELDownloadDecorator* d, const ZELByteRange* range, Outpu
 // Closes the chunk's way into the file: 0, or the errno value of a write
 // that only failed now.
 int close_output(Output* out) {
-  if (out->is_direct) return direct_close(&out->direct);
+  if (out->own) return chunk_writer_close(&out->writer);
   if (out->file == nullptr) return 0;
   int closed = fclose(out->file);
   out->file = nullptr;
@@ -151,7 +151,7 @@ AttemptOutcome download_request(ZELDownloadDecorator* d, const ZELByteRange* ran
   }
   bool sent = range_header_sent(d);
   DownloadSink sink{out.file,
-                    out.is_direct ? &out.direct : nullptr,
+                    out.own ? &out.writer : nullptr,
                     d->opt->stream->write,
                     0,
                     sent ? range->end - range->start + 1 : UINT64_MAX,

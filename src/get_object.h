@@ -33,9 +33,9 @@ struct ZELDownloadDecorator {
   long details_url_length;
   void* user_data;
   bool authenticate;
-  // Chunks are written past the page cache (see direct_write.h): the
-  // output is the library's own file and every chunk starts aligned.
-  bool direct;
+  // The output is the library's own file (the stream's functions are the
+  // defaults): requests write it through a ChunkWriter.
+  bool own_file;
 };
 
 // Worker tasks queued by zel_get_object and zel_get_object_by_url; each

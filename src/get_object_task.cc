@@ -6,7 +6,7 @@
 
 #include "alloc.h"
 #include "chunk_ledger.h"
-#include "direct_write.h"
+#include "chunk_writer.h"
 #include "frame.h"
 #include "get_object.h"
 #include "http_plan.h"
@@ -68,8 +68,8 @@ bool object_unchanged(ZELDownloadDecorator* d) {
 void download_complete(void* raw, const ChunkTally& tally) {
   auto* d = static_cast<ZELDownloadDecorator*>(raw);
   // Space reserved for chunks that never came is given back.
-  if (d->direct && (tally.fatal != nullptr || tally.failed > 0 || d->last_status != 0))
-    direct_release_reserve(d->opt->stream->filename);
+  if (d->own_file && (tally.fatal != nullptr || tally.failed > 0 || d->last_status != 0))
+    chunk_writer_release(d->opt->stream->filename);
   if (tally.fatal != nullptr) {
     download_report(d, 0, tally.fatal);
   } else if (tally.failed > 0 || d->last_status != 0) {
@@ -165,8 +165,8 @@ ZELDownloadDecorator* download_make(const Plan& p) {
 
 // Creates or empties the output file before any byte arrives. Its size is
 // not set to the size the service claims: the file only ever grows by bytes
-// that arrived, so a failed download leaves nothing beyond them (disk space
-// reserved for direct writes lies past the end and is given back).
+// that arrived, so a failed download leaves nothing beyond them (disk blocks
+// reserved for the chunks lie past the end and are given back).
 bool create_output(const Plan& p) {
   FILE* file = file_open((*p.opt)->stream->filename, "wb+");
   if (file == nullptr) {
@@ -194,18 +194,15 @@ void download_run(const Plan& p) {
     d->details_url = mem_strdup(p.details_url);
     d->details_url_length = p.details_url_length;
   }
-  // Direct writes only into the library's own file, in whole aligned chunks
-  // large enough to be worth a trip to the device each.
   const ZELStream* stream = opt->stream;
-  d->direct = chunked && stream->write == std::fwrite && stream->seek == file_seek64 &&
-              step % kDirectAlign == 0 && step >= kDirectMinimum;
-  if (d->direct) direct_reserve(stream->filename, p.size);
+  d->own_file = stream->write == std::fwrite && stream->seek == file_seek64;
+  if (d->own_file && chunked) chunk_writer_reserve(stream->filename, p.size);
   if (!chunked) {
     download_single(d);
   } else if (!chunk_ledger_start(&kDownloadEngine, d, start, step, p.size, static_cast<uint32_t>(chunks),
                                  d->handle->thread_pool_size)) {
     download_report(d, 0, kChunkLedgerNoMemory);
-    if (d->direct) direct_release_reserve(stream->filename);
+    if (d->own_file) chunk_writer_release(stream->filename);
     download_free(d);
   }
 }

@@ -1,5 +1,7 @@
 #include "util.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -41,6 +43,19 @@ FILE* file_open(const char16_t* path, const char* mode) {
   mem_free(name);
   errno = saved;
   return file;
+}
+
+int file_open_descriptor(const char16_t* path, int flags) {
+  char* name = wide_to_utf8(path);
+  if (name == nullptr) {
+    errno = path == nullptr ? EINVAL : (errno == ENOMEM ? ENOMEM : EINVAL);
+    return -1;
+  }
+  int fd = ::open(name, flags | O_CLOEXEC);
+  int saved = errno;
+  mem_free(name);
+  errno = saved;
+  return fd;
 }
 
 int file_remove(const char16_t* path) {

@@ -25,6 +25,10 @@ char* str_split(char** cursor, const char* separators);
 // Opens a file by its wide name (UTF-8 on POSIX). nullptr with errno set on
 // failure, EINVAL for a name that does not convert.
 FILE* file_open(const char16_t* path, const char* mode);
+// Opens a file by its wide name as a descriptor (open(2) flags, close on
+// exec added); -1 with errno set on failure, EINVAL for a name that does not
+// convert.
+int file_open_descriptor(const char16_t* path, int flags);
 // Size of the file named by `path`; 0 on success, -1 on failure.
 int file_size(const char16_t* path, uint64_t* size);
 // Removes the file named by a wide path; 0, or -1 with errno set.
