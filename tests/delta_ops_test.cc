@@ -197,7 +197,6 @@ TEST_F(DeltaOps, PutPatchOutcomes) {
       {"too different", "", -101, "Difference between files is greater than ratio", "other", 0.1},
       {"no origin file", "", -102, "Failed to create signature and patch", "next", 0.5, "absent"},
       {"job failed", script(R"("fail":"boom")"), -103, "Failed to apply the patch"},
-      {"empty answers", script(R"("empty_polls":5)"), -301, kEmpty},
       {"empty answers after one address", script(R"("empty_polls":9,"gap_after":4)"), -301, kEmpty},
       {"finished without details", script(R"("description":"")"), -301, "Cannot unmarshal json response"},
       {"apply refused", fault("POST", "applypatch$", 500), -103, "Internal Server Error"},
