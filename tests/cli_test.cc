@@ -147,32 +147,23 @@ TEST_F(CliTest, FailuresSayWhatHappenedByKind) {
   struct Case {
     std::vector<std::string> args;
     int status;
-    std::string err;  // exact, or (when `part`) a piece of it
-    bool part;
+    std::string err;
   } cases[] = {
-      {{"stat", "bkt/nothing/here"}, 1, "zel stat: bkt/nothing/here: 404 Object not found\n", false},
-      {{"--token", "wrong", "put", f, "bkt/k"},
-       1,
-       "zel put: bkt/k: 401 Unauthorized\n",
-       false},                                                                // no resume hint
-      {{"mb", "bkt"}, 1, "zel mb: bkt: 409 Bucket already exists\n", false},  // the reason, never raw JSON
-      {{"put", f, "nob/k"},
-       1,
-       "zel put: nob/k: 404 no bucket nob\nhint: add --create-bucket to create it\n",
-       false},
-      {{"--api", "1", "buckets"}, 1, "the service's answer could not be read\nhint: check --api", true},
-      {{"put", absent, "bkt/k"}, 3, "zel put: cannot use " + absent + ": No such file or directory\n", false},
-      {{"put", dir_.file(""), "bkt/k"}, 3, ": Is a directory\n", true},
+      {{"stat", "bkt/nothing/here"}, 1, "zel stat: bkt/nothing/here: 404 Object not found\n"},
+      {{"--token", "wrong", "put", f, "bkt/k"}, 1, "zel put: bkt/k: 401 Unauthorized\n"},  // no resume hint
+      {{"mb", "bkt"}, 1, "zel mb: bkt: 409 Bucket already exists\n"},  // the reason, never raw JSON
+      {{"put", f, "nob/k"}, 1, "zel put: nob/k: 404 no bucket nob\nhint: add --create-bucket to create it\n"},
+      {{"put", absent, "bkt/k"}, 3, "zel put: cannot use " + absent + ": No such file or directory\n"},
+      {{"put", dir_.file(""), "bkt/k"}, 3, "zel put: cannot use " + dir_.file("") + ": Is a directory\n"},
       {{"--endpoint", "http://127.0.0.1:1", "buckets"},
        4,
        "zel buckets: cannot reach http://127.0.0.1:1: Couldn't connect to server\n"
-       "hint: is zel-server running? start it with: zel-server --port 1\n",
-       false},
+       "hint: is zel-server running? start it with: zel-server --port 1\n"},
   };
   for (const Case& c : cases) {
     Ran r = zel(c.args, {}, c.status != 4);
     EXPECT_EQ(r.status, c.status) << describe(r);
-    EXPECT_TRUE(c.part ? has(r.err, {c.err}) : ::testing::AssertionResult(r.err == c.err)) << r.err;
+    EXPECT_EQ(r.err, c.err);
     EXPECT_EQ(r.out, "");
   }
   // Text from the service cannot steer the terminal.
@@ -242,7 +233,6 @@ TEST_F(CliTest, OneJsonSchemaForEveryCommandAndFailure) {
     EXPECT_EQ(json_keys(d.get()),
               (std::vector<std::string>{"command", r.status ? "error" : "ok", r.status ? "ok" : "result"}))
         << r.out;
-    EXPECT_TRUE(r.status != 0 || json_is_object(json_object_get(d.get(), "result"))) << r.out;
     if (r.status == 0) continue;
     EXPECT_EQ(json_keys(error), (std::vector<std::string>{"hint", "kind", "message", "status", "target"}))
         << r.out;
@@ -274,21 +264,6 @@ TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(zel({"--token", "local-dev-token", "info", "bkt"}, {"ZEL_TOKEN=nope"}).status, 0);
   EXPECT_EQ(server_.requests().back().principal, "local") << "the flag's token was sent";
-}
-
-// Bash completion reads the installed zel's help: commands, a command's
-// options, and options after a global option's value.
-TEST_F(CliTest, CompletionFollowsTheHelp) {
-  if (access("/bin/bash", X_OK) != 0) GTEST_SKIP() << "bash is not installed";
-  const std::pair<const char*, const char*> cases[] = {{"zel re", "revoke restore resume"},
-                                                       {"zel put --c", "--content-type --create-bucket"},
-                                                       {"zel --chunk-size 8M get --r", "--range --ratio"}};
-  for (const auto& c : cases) {
-    std::string script =
-        "PATH=" ZEL_BIN_DIR ":$PATH; source " ZEL_SOURCE_DIR "/cli/zel.bash-completion; COMP_WORDS=(" +
-        std::string(c.first) + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zel; echo \"${COMPREPLY[*]}\"";
-    EXPECT_EQ(spawn({"/bin/bash", "-c", script}, {}).out, std::string(c.second) + "\n") << c.first;
-  }
 }
 
 }  // namespace
