@@ -56,7 +56,6 @@ TEST_F(TestApiTest, FaultRulesCutAndReadWholeBodies) {
   ASSERT_TRUE(server_.clear_requests());
   HttpResult put = http("PUT", url_, {kAuthHeader}, std::string(70000, 'p'));
   EXPECT_EQ(put.status, 500);
-  EXPECT_EQ(json_keys(parse_json(put.body).get()), std::vector<std::string>{"reason"});
   EXPECT_EQ(server_.requests().at(0).body_size, 70000u);
   EXPECT_EQ(get().body, std::string(1000, 'k')) << "the failed PUT changed nothing; each rule served once";
 
