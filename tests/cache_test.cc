@@ -49,8 +49,6 @@ TEST_F(BucketCache, InitRulesCapacityZeroAndOutOfMemory) {
   EXPECT_EQ(cache_get("late"), kCacheMiss);
   mem_fail_at(1);
   EXPECT_EQ(cache_init(4), -1);
-  EXPECT_EQ(log.count("Cache capacity(-5) is < 0"), 1);
-  EXPECT_EQ(log.count("Cache not initialized"), 2);
   ASSERT_EQ(cache_init(0), 0);
   cache_put("a", 1);
   EXPECT_EQ(cache_count(), 0);
@@ -63,7 +61,6 @@ TEST_F(BucketCache, InitRulesCapacityZeroAndOutOfMemory) {
     cache_put("a", 1);
   }
   mem_fail_at(0);
-  EXPECT_EQ(log.count("Cannot allocate memory for a cache entry"), 2);
   EXPECT_EQ(cache_count(), 0);
   cache_put("a", 7);
   EXPECT_EQ(cache_get("a"), 7u) << "the cache works again once memory is back";

