@@ -3,6 +3,8 @@
 // proxy of the suite's own; URLs that do not fit; texts that would add
 // header lines. Each case asserts the one reported outcome and, on success,
 // the SHA-1 of the bytes.
+#include <sys/stat.h>
+
 #include <atomic>
 
 #include "fault_proxy.h"
@@ -102,6 +104,22 @@ TEST_F(RequestPathTest, FaultyAnswersAreRetriedOrFailTheDownload) {
     }
     EXPECT_EQ(proxy_->applied(fault), 2);
   }
+}
+
+// Disk blocks are reserved ahead of the chunks of a download; a download
+// that fails gives back those of the chunks that never came.
+TEST_F(RequestPathTest, AFailedChunkedDownloadKeepsNoBlocksPastItsEnd) {
+  store("part", 32 * kChunk, 4);
+  h_->max_retries = 0;
+  proxy_->add_fault(Fault::reset_mid_body, "part HTTP", 1);
+  GetOptions g("bkt", "part", dir_.file("part"));
+  Outcome o;
+  run(zel_get_object, g.opt, o);
+  EXPECT_EQ(std::make_pair(o.done, o.callbacks), std::make_pair(0, 1));
+  struct stat st {};
+  ASSERT_EQ(stat(dir_.file("part").c_str(), &st), 0);
+  EXPECT_LT(st.st_size, static_cast<off_t>(32 * kChunk));
+  EXPECT_LE(st.st_blocks * 512, (st.st_size + 4095) / 4096 * 4096) << "blocks kept past the end";
 }
 
 TEST_F(RequestPathTest, RedirectLoopsEndAfterFiveHops) {
