@@ -131,12 +131,6 @@ class ChunkRules : public DownloadTest, public ::testing::WithParamInterface<boo
     up() ? zel_put_object(h_, &put.opt, &o) : zel_get_object(h_, &get.opt, &o);
     ASSERT_TRUE(o.wait_once()) << "expected exactly one report";
   }
-  // The data arrived: in the store's details, or in the file.
-  void expect_arrived(const std::string& key, const std::string& data, const Outcome& o) {
-    EXPECT_EQ(up() ? o.details : o.done, 1) << o.code << " " << o.message;
-    EXPECT_EQ(up() ? o.sha1 : sha1_hex(read_file(dir_.file(key))), sha1_hex(data))
-        << "an error body never reaches the data";
-  }
   size_t chunk_requests() { return requests("/objects/", method()) - requests("/details", method()); }
   // A fault rule for the chunk requests of `key`; `from` narrows it to the
   // chunk starting there.
@@ -171,7 +165,9 @@ TEST_P(ChunkRules, FailedStatusesAreRetriedOnlyWhenWorthIt) {
     ASSERT_TRUE(fault("retry", R"("status":504,"times":1)"));
     Outcome o;
     run("retry", data, o);
-    expect_arrived("retry", data, o);
+    EXPECT_EQ(up() ? o.details : o.done, 1) << o.code << " " << o.message;
+    EXPECT_EQ(up() ? o.sha1 : sha1_hex(read_file(dir_.file("retry"))), sha1_hex(data))
+        << "an error body never reaches the data";
     EXPECT_EQ(chunk_requests(), 3u);
     EXPECT_EQ(http_pool_available(), 7);
   }
