@@ -75,10 +75,6 @@ TEST(Progress, ReportsAddOnlyNewBytesAndDownloadsMayShrink) {
   ZELProgress* progress = progress_init(500);
   ZELTransferProgress* upload = transfer_progress_init(progress, nullptr, 0, 0, nullptr);
   ZELTransferProgress* download = transfer_progress_init(progress, nullptr, 0, 1, nullptr);
-
-  ZELProgress* small = progress_init(0);
-  ZELTransferProgress* odd = transfer_progress_init(small, nullptr, 0, 0, nullptr);
-  odd->last = 50;
   auto report = [](ZELTransferProgress* request, uint64_t count, bool may_shrink) {
     ProgressFigures f{};
     return progress_report(request, count, may_shrink, &f)
@@ -87,14 +83,11 @@ TEST(Progress, ReportsAddOnlyNewBytesAndDownloadsMayShrink) {
   };
   EXPECT_EQ(report(upload, 100, false), "100/500") << "the total given at init";
   EXPECT_EQ(report(upload, 40, false), "none") << "an upload never goes back";
-  EXPECT_EQ(report(upload, 150, false), "150/500");
-  EXPECT_EQ(report(download, 30, true), "180/500") << "requests of one transfer add up";
+  EXPECT_EQ(report(download, 30, true), "130/500") << "requests of one transfer add up";
   progress_set_total(progress, 900);
-  EXPECT_EQ(report(download, 10, true), "160/900") << "a restarted download subtracts";
-  EXPECT_EQ(report(odd, 0, true), "0/0") << "subtracting more than was counted stops at zero";
+  EXPECT_EQ(report(download, 10, true), "110/900") << "a restarted download subtracts";
   EXPECT_EQ(report(nullptr, 5, false), "none");
-  for (ZELTransferProgress* request : {upload, download, odd}) mem_free(request);
-  progress_cleanup(small);
+  for (ZELTransferProgress* request : {upload, download}) mem_free(request);
   progress_cleanup(progress);
 }
 

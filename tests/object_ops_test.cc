@@ -63,10 +63,9 @@ TEST_P(ObjectOps, DotKeysAreEncodedAndExtraHeadersSent) {
 }
 
 TEST_P(ObjectOps, StatusRowsAndTheirMessages) {
-  make_bucket("rows");
-  put_object("rows", "k", "data");
-  ZEL* h = handle(version());
-  // Only 200 counts as success; a body without a reason is passed on as it is.
+  ZEL* h = handle(version());  // the emulator's rules answer, whatever the bucket
+  // Only 200 counts as success; a body without a reason is passed on as it
+  // is. (A 200 whose body does not read is the bucket listing test's.)
   struct Row {
     const char16_t* key;
     const char* rule;  // the emulator's answer instead of its own
@@ -82,10 +81,6 @@ TEST_P(ObjectOps, StatusRowsAndTheirMessages) {
     Event e = run(zel_delete_object, h, del(u"rows", row.key));
     EXPECT_EQ(e.kind + " " + code_and_message(e), std::string("callback ") + row.expected);
   }
-  ASSERT_TRUE(server_.add_fault(R"({"method":"POST","path":"resetexpiration$","status":200,"body":"[1]"})"));
-  ZELResetExpirationOpt reset{u"rows", u"k", nullptr, on_status<ZELResetExpirationResp>, on_details};
-  EXPECT_EQ(code_and_message(run(zel_reset_object_expiration, h, reset)),
-            "200 Cannot unmarshall json response");
 }
 
 TEST_P(ObjectOps, MissingNamesAreRefusedBeforeAnyRequest) {

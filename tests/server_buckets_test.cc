@@ -47,8 +47,8 @@ void expect_reason(const HttpResult& r, long status) {
   EXPECT_EQ(r.header("Content-Type"), "application/json");
 }
 
-// The library's bucket tests read both versions' answers back; here, that
-// details follow the version of the request, not of the creation.
+// Details follow the version of the request, not of the creation; a
+// version 1 body's grants are kept.
 TEST_F(BucketsTest, DetailsFollowTheRequestsVersion) {
   HttpResult r =
       post("/buckets",
@@ -58,6 +58,15 @@ TEST_F(BucketsTest, DetailsFollowTheRequestsVersion) {
   JsonPtr j = parse_json(get("/buckets/shape-v2/details", kAuthHeader, 1).body);
   EXPECT_EQ(json_keys(j.get()), (Keys{"createDate", "key", "owner", "permissions", "policyKey"}));
   EXPECT_EQ(json_str(j.get(), "key") + " " + json_str(j.get(), "policyKey"), "shape-v2 temporary");
+  r = post(
+      "/buckets",
+      R"({"bucketKey":"shape-v1","policy":"persistent","servicesAllowed":[{"serviceId":"carol","access":"full"}]})",
+      1);
+  ASSERT_EQ(r.status, 200) << r.body;
+  j = parse_json(get("/buckets/shape-v1/details").body);
+  json_t* perm = json_array_get(json_object_get(j.get(), "permissions"), 0);
+  EXPECT_EQ(json_str(j.get(), "policyKey") + " " + json_str(perm, "authId") + ":" + json_str(perm, "access"),
+            "persistent carol:full");
   expect_reason(get("/buckets/no-such-bucket/details"), 404);
 }
 

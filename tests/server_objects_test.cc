@@ -136,8 +136,8 @@ TEST_F(ObjectsTest, PathTraversalIsRefused) {
   EXPECT_EQ(call("GET", encode("../" + dir_name + "/meta.db")).body, "x");
 }
 
-// The library's object tests go through the lifecycle and read both versions'
-// answers back; here, what only the service's answers show.
+// The command-line tests go through the lifecycle; here, what only the
+// service's answers show.
 TEST_F(ObjectsTest, CopyDeleteUndeleteAndResetExpiration) {
   const std::string data = pattern_bytes(5000, 3);
   ASSERT_EQ(put("src", data).status, 200);
@@ -155,6 +155,12 @@ TEST_F(ObjectsTest, CopyDeleteUndeleteAndResetExpiration) {
     expect_error(call(c[0].c_str(), c[1]), 404);
   ASSERT_EQ(call("DELETE", "src").status, 200);
   expect_error(call("DELETE", "src"), 404);
+  // Version 1 answers with the object in its own shape.
+  JsonPtr v1 = parse_json(
+      http("POST", server_.api(1) + "/buckets/objs/objects/dst%2Fcopy/resetexpiration", {kAuthHeader}).body);
+  json_t* o = json_array_get(json_object_get(v1.get(), "objects"), 0);
+  EXPECT_EQ(json_keys(o), (Keys{"content-type", "id", "key", "location", "sha-1", "size"}));
+  EXPECT_EQ(json_str(o, "sha-1"), sha1_hex(data));
 }
 
 TEST_F(ObjectsTest, DetailsCarryDatesAndReplacingKeepsTheBirth) {

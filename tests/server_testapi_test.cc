@@ -28,22 +28,6 @@ class TestApiTest : public EmulatorTest {
 
 // Other tests rely on the journal's targets, statuses and principals, and
 // on fault rules that fail, stall and wear out; here, what no other test uses.
-TEST_F(TestApiTest, JournalKeepsHeaderLinesInOrderAsWritten) {
-  ASSERT_TRUE(server_.clear_requests());
-  const std::vector<std::string> sent = {"Authorization", "Session-Id", "Content-Range",
-                                         "x-lower-case",  "X-Custom",   "Content-Type"};
-  http("PUT", url_,
-       {kAuthHeader, "Session-Id: s1", "Content-Range: bytes 0-4/5", "x-lower-case: v", "X-Custom: One",
-        "Content-Type: text/plain"},
-       "hello");
-  RecordedRequest put = server_.requests().at(0);
-  // The test's own lines, among those libcurl adds: in the order sent, names as written.
-  std::vector<std::string> names;
-  for (const auto& h : put.headers)
-    if (std::find(sent.begin(), sent.end(), h.first) != sent.end()) names.push_back(h.first);
-  EXPECT_EQ(names, sent);
-}
-
 TEST_F(TestApiTest, FaultRulesCutAndReadWholeBodies) {
   ASSERT_TRUE(server_.add_fault(R"({"path":"f1$","reset_after_bytes":100})"));
   HttpResult cut = get();

@@ -92,6 +92,20 @@ TEST_F(UploadTest, ChunkBoundariesChooseThePathAndKeepTheBytes) {
   }
 }
 
+// A missing key is reported once; without a handle there is only the log.
+// (A missing stream is refused by the check the download test makes.)
+TEST_F(UploadTest, EntryRefusalsAreReportedOnce) {
+  CapturedLog log;
+  PutOptions p("bkt", "x", dir_.write("x", "abc"));
+  p.opt.key = nullptr;
+  Outcome missing, silent;
+  upload(p, missing);
+  EXPECT_EQ(std::to_string(missing.code) + " " + missing.message, "0 ZELPutObjectOpt key is (null)");
+  zel_put_object(nullptr, &p.opt, &silent);
+  EXPECT_EQ(silent.finals, 0);
+  EXPECT_EQ(CapturedLog::last("src\\object"), "ZEL is not initialized");
+}
+
 // A body sent in full and answered with a redirect is sent again from its
 // first byte: the request can put its source back.
 TEST_F(UploadTest, RedirectedPutSendsItsBodyAgain) {
