@@ -10,18 +10,10 @@
 #include "util.h"
 
 namespace {
-// One block per worker thread, reused by every request it writes and freed
-// when the thread ends.
 struct ThreadBlock {
   char* data = nullptr;
   ~ThreadBlock() { mem_free(data); }
 };
-
-char* thread_block() {
-  static thread_local ThreadBlock block;
-  if (block.data == nullptr) block.data = static_cast<char*>(mem_malloc(kChunkWriteBlock));
-  return block.data;
-}
 
 bool write_out(ChunkWriter* w) {
   size_t done = 0;
@@ -40,10 +32,16 @@ bool write_out(ChunkWriter* w) {
 }
 }  // namespace
 
+char* chunk_writer_block() {
+  static thread_local ThreadBlock block;
+  if (block.data == nullptr) block.data = static_cast<char*>(mem_malloc(kChunkWriteBlock));
+  return block.data;
+}
+
 bool chunk_writer_open(ChunkWriter* w, const char16_t* path, uint64_t offset) {
   *w = ChunkWriter{};
   w->offset = offset;
-  w->block = thread_block();
+  w->block = chunk_writer_block();
   if (w->block == nullptr) {
     errno = ENOMEM;
     return false;

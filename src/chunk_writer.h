@@ -28,6 +28,11 @@ struct ChunkWriter {
   int error = 0;          // first failure, as an errno value
 };
 
+// The calling thread's block of kChunkWriteBlock bytes, made on first use
+// and freed when the thread ends; nullptr when memory runs out. A thread
+// serves one request at a time, so one block serves them all.
+char* chunk_writer_block();
+
 // Opens the file named by `path`, which must exist, for writing at
 // `offset`. false with errno set when it cannot be opened or memory runs
 // out.

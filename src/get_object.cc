@@ -45,26 +45,12 @@ size_t download_write(const char* bytes, size_t n, int32_t status, void* raw) {
   return written;
 }
 
-// libcurl hands the body over in 16 KiB pieces. Written one by one, each
-// piece takes the file's lock in the kernel, and the chunks of a download,
-// all writing the same file, spend their time contending for it. Gathered
-// into blocks of this size the lock is taken a few times per MiB; much
-// larger blocks hold it so long that the other writers spin for the whole
-// of each one.
-constexpr size_t kWriteBlock = 128 * 1024;
-
-// One block buffer per worker thread, reused by every chunk the thread
-// fetches and freed when the thread ends.
-struct WriteBlock {
-  char* data = nullptr;
-  ~WriteBlock() { mem_free(data); }
-};
-
+// The caller's stream functions write through a stdio buffer of the
+// writer's block size, for the same reasons (chunk_writer.h).
 void use_write_block(FILE* file) {
-  static thread_local WriteBlock block;
-  if (block.data == nullptr) block.data = static_cast<char*>(mem_malloc(kWriteBlock));
+  char* block = chunk_writer_block();
   // Without it the file keeps the standard library's own small buffer.
-  if (block.data != nullptr) setvbuf(file, block.data, _IOFBF, kWriteBlock);
+  if (block != nullptr) setvbuf(file, block, _IOFBF, kChunkWriteBlock);
 }
 
 int download_progress(void* raw, uint64_t total, uint64_t now, uint64_t, uint64_t) {

@@ -1,5 +1,6 @@
 // Downloads against the emulator (and, for the size query by URL, a scripted
 // raw server): the bytes in the file, the requests sent, the one report.
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -13,6 +14,14 @@ namespace zeltest {
 namespace {
 
 constexpr uint64_t kChunk = 65536;
+
+// A caller's own write function: the library must write through it, not
+// past it.
+std::atomic<size_t> g_caller_bytes{0};
+size_t caller_write(const void* bytes, size_t size, size_t count, FILE* file) {
+  g_caller_bytes += size * count;
+  return fwrite(bytes, size, count, file);
+}
 
 class DownloadTest : public LibTest {
  protected:
@@ -46,17 +55,22 @@ class DownloadTest : public LibTest {
 // and SHA-1) and once after them (still the same object), while a range or
 // an unknown size needs neither; without a size the whole answer comes in
 // one request without Range. An empty object needs no GET, and a stale file
-// of the same name is emptied, not appended to.
+// of the same name is emptied, not appended to. A caller's write function
+// takes every byte.
 TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
   struct Case {
     size_t size;
     uint64_t chunk, start, end;  // no end: the whole object
     size_t requests;
-    bool unknown;
+    bool unknown, caller_stream = false;
   };
-  const Case cases[] = {{kChunk, kChunk, 0, 0, 1, false},         {kChunk + 1, kChunk, 0, 0, 2, false},
-                        {1000003, 16384, 0, 0, 62, false},        {0, kChunk, 0, 0, 0, false},
-                        {300000, kChunk, 1000, 200000, 4, false}, {200000, kChunk, 0, 0, 1, true}};
+  const Case cases[] = {{kChunk, kChunk, 0, 0, 1, false},
+                        {kChunk + 1, kChunk, 0, 0, 2, false},
+                        {1000003, 16384, 0, 0, 62, false},
+                        {0, kChunk, 0, 0, 0, false},
+                        {300000, kChunk, 1000, 200000, 4, false},
+                        {200000, kChunk, 0, 0, 1, true},
+                        {3 * kChunk + 5, kChunk, 0, 0, 4, false, true}};
   int n = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE("size " + std::to_string(c.size));
@@ -67,8 +81,11 @@ TEST_F(DownloadTest, ChunksLandAtTheirOffsets) {
     GetOptions g("bkt", key, dir_.file(key));
     if (c.end > 0) g.set_range(c.start, c.end);
     g.opt.size_unknown = c.unknown;
+    if (c.caller_stream) g.stream->write = caller_write;
+    g_caller_bytes = 0;
     Outcome o;
     download(g, o);
+    EXPECT_EQ(g_caller_bytes, c.caller_stream ? c.size : 0u);
     EXPECT_TRUE(read_file(dir_.file(key)) == (c.end > 0 ? data.substr(c.start, c.end - c.start + 1) : data));
     EXPECT_EQ(requests("/details"), c.end > 0 || c.unknown ? 0u : 2u);
     EXPECT_EQ(requests("/objects/") - requests("/details"), c.requests);
