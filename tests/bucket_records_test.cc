@@ -21,18 +21,6 @@ std::vector<Entry> entries(const ZELBucketPermissions* list) {
   return out;
 }
 
-// Walks every allocation of `make`, the record freed by `free_it` either
-// way; the step that got through (one more than the allocations needed).
-template <class Make, class Free>
-long walk(Make make, Free free_it) {
-  zeltest::CapturedLog log;
-  return zeltest::walk_allocations(100, [&](long) {
-    auto* made = make();
-    free_it(made);
-    return made != nullptr;
-  });
-}
-
 // Entries go in front, out-of-range values and missing ids are kept, texts
 // are copied; a clone restores the order. A failed append leaves the list
 // as it was, a failed clone leaves nothing.
@@ -57,7 +45,7 @@ TEST(Permissions, AppendCloneAndTheirFailures) {
     return false;
   };
   EXPECT_EQ(zeltest::walk_allocations(5, append), 3) << "the item and its id";
-  EXPECT_EQ(walk([&] { return permissions_clone(copy); }, zel_permissions_cleanup), 11);
+  EXPECT_EQ(zeltest::walk_record([&] { return permissions_clone(copy); }, zel_permissions_cleanup), 11);
   zel_permissions_cleanup(copy);
   EXPECT_EQ(zel_permissions_append(nullptr, "A", ZEL_BUCKET_ACCESS_READ), nullptr);
 
@@ -65,7 +53,7 @@ TEST(Permissions, AppendCloneAndTheirFailures) {
   ZELBucketDetails* details = zel_bucket_details_init();
   zel_permissions_append(details->permissions, "A", 0);  // freed with the record
   zel_bucket_details_cleanup(details);
-  EXPECT_EQ(walk(zel_bucket_details_init, zel_bucket_details_cleanup), 3);
+  EXPECT_EQ(zeltest::walk_record(zel_bucket_details_init, zel_bucket_details_cleanup), 3);
 }
 
 // Items go in front with their own copies; each failed allocation (item,

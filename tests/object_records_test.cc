@@ -29,20 +29,6 @@ std::vector<Range> ranges_of(const ZELByteRanges* list) {
   return out;
 }
 
-// Walks every allocation of `make` (which returns a record or nothing),
-// the record freed by `free_it` either way; the sanitizer build checks that
-// a failed copy frees what it made. The number of steps the walk took: one
-// more than the allocations needed, fewer when a failed copy passes as made.
-template <class Make, class Free>
-long walk(Make make, Free free_it) {
-  zeltest::CapturedLog log;
-  return zeltest::walk_allocations(100, [&](long) {
-    auto* made = make();
-    free_it(made);
-    return made != nullptr;
-  });
-}
-
 TEST(Records, CopiesAndInitsSurviveEachFailedAllocation) {
   ZELStream* stream = zel_stream_init(u"data.bin");
   stream->read = [](void*, size_t, size_t, FILE*) -> size_t { return 0; };
@@ -52,10 +38,10 @@ TEST(Records, CopiesAndInitsSurviveEachFailedAllocation) {
   EXPECT_TRUE(copy->read == stream->read && copy->write == stream->write && copy->seek == stream->seek);
   zel_stream_cleanup(copy);
   ZELByteRange range{3, 9};
-  EXPECT_EQ(walk([&] { return stream_clone(stream); }, zel_stream_cleanup), 3);
-  EXPECT_EQ(walk([&] { return byte_range_clone(&range); }, byte_range_cleanup), 2);
-  EXPECT_EQ(walk(zel_object_details_init, zel_object_details_cleanup), 2);
-  EXPECT_EQ(walk(zel_object_session_init, zel_object_session_cleanup), 3);
+  EXPECT_EQ(zeltest::walk_record([&] { return stream_clone(stream); }, zel_stream_cleanup), 3);
+  EXPECT_EQ(zeltest::walk_record([&] { return byte_range_clone(&range); }, byte_range_cleanup), 2);
+  EXPECT_EQ(zeltest::walk_record(zel_object_details_init, zel_object_details_cleanup), 2);
+  EXPECT_EQ(zeltest::walk_record(zel_object_session_init, zel_object_session_cleanup), 3);
   zel_stream_cleanup(stream);
   // A session's range list is never absent.
   ZELObjectSession* session = zel_object_session_init();
@@ -98,8 +84,8 @@ void check_copies(const char* name, const Opt& opt, Opt* (*clone)(const Opt*), v
                   long steps, std::function<Decorator*(const Opt*)> decorate,
                   void (*decorator_cleanup)(Decorator*)) {
   SCOPED_TRACE(name);
-  EXPECT_EQ(walk([&] { return clone(&opt); }, cleanup), steps);
-  EXPECT_GT(walk([&] { return decorate(&opt); }, decorator_cleanup), steps);
+  EXPECT_EQ(zeltest::walk_record([&] { return clone(&opt); }, cleanup), steps);
+  EXPECT_GT(zeltest::walk_record([&] { return decorate(&opt); }, decorator_cleanup), steps);
   EXPECT_EQ(clone(nullptr), nullptr);
 }
 

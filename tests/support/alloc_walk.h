@@ -27,6 +27,20 @@ long walk_allocations(long max_steps, Attempt attempt) {
   return 0;
 }
 
+// Walks every allocation of `make` (which returns a record or nothing),
+// the record freed by `free_it` either way; the sanitizer build checks that
+// a failed make frees what it made. The number of steps the walk took: one
+// more than the allocations needed, fewer when a failed copy passes as made.
+template <class Make, class Free>
+long walk_record(Make make, Free free_it) {
+  CapturedLog log;
+  return walk_allocations(100, [&](long) {
+    auto* made = make();
+    free_it(made);
+    return made != nullptr;
+  });
+}
+
 // The message logged last under `tag` by each failed step of the walk;
 // runs of one message (the several allocations of one list) count once.
 template <class Attempt>
