@@ -201,8 +201,8 @@ void download_run(const Plan& p) {
     download_single(d);
   } else if (!chunk_ledger_start(&kDownloadEngine, d, start, step, p.size, static_cast<uint32_t>(chunks),
                                  d->handle->thread_pool_size)) {
-    download_report(d, 0, kChunkLedgerNoMemory);
     if (d->own_file) chunk_writer_release(stream->filename);
+    download_report(d, 0, kChunkLedgerNoMemory);
     download_free(d);
   }
 }

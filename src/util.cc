@@ -32,30 +32,32 @@ char* str_split(char** cursor, const char* separators) {
   return token;
 }
 
-FILE* file_open(const char16_t* path, const char* mode) {
+namespace {
+// Runs `call` on the UTF-8 form of a wide path and keeps the errno it left;
+// `failed` with errno EINVAL (ENOMEM when memory ran out) when the path
+// does not convert.
+template <class Result, class Call>
+Result on_native_name(const char16_t* path, Result failed, Call call) {
   char* name = wide_to_utf8(path);
   if (name == nullptr) {
     errno = path == nullptr ? EINVAL : (errno == ENOMEM ? ENOMEM : EINVAL);
-    return nullptr;
+    return failed;
   }
-  FILE* file = std::fopen(name, mode);
+  Result result = call(name);
   int saved = errno;
   mem_free(name);
   errno = saved;
-  return file;
+  return result;
+}
+}  // namespace
+
+FILE* file_open(const char16_t* path, const char* mode) {
+  return on_native_name(path, static_cast<FILE*>(nullptr),
+                        [mode](const char* name) { return std::fopen(name, mode); });
 }
 
 int file_open_descriptor(const char16_t* path, int flags) {
-  char* name = wide_to_utf8(path);
-  if (name == nullptr) {
-    errno = path == nullptr ? EINVAL : (errno == ENOMEM ? ENOMEM : EINVAL);
-    return -1;
-  }
-  int fd = ::open(name, flags | O_CLOEXEC);
-  int saved = errno;
-  mem_free(name);
-  errno = saved;
-  return fd;
+  return on_native_name(path, -1, [flags](const char* name) { return ::open(name, flags | O_CLOEXEC); });
 }
 
 int file_remove(const char16_t* path) {
